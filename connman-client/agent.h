@@ -1,0 +1,33 @@
+// The agent object "/net/connman/agent/gaskaidra" that ConnMan calls for
+// passphrases, hidden-network names, errors, browser requests and cancels.
+#pragma once
+
+#include <stdbool.h>
+
+#define CONNMAN_AGENT_PATH "/net/connman/agent/gaskaidra"
+#define CONNMAN_AGENT_INTERFACE "net.connman.Agent"
+
+typedef void (*connman_agent_error_cb_t)(const char *path, const char *error);
+typedef void (*connman_agent_browser_cb_t)(const char *path, const char *url);
+// (service path, name, identity, passphrase, previous passphrase, wps,
+//  previous wps pin, username); the flags are 1 when ConnMan asks for them.
+typedef void (*connman_agent_input_cb_t)(const char *path, int name, int identity,
+                                         int passphrase, const char *previous_passphrase,
+                                         int wps, const char *previous_wps_pin, int username);
+typedef void (*connman_agent_cancel_cb_t)(void);
+
+int connman_agent_init(void);
+void connman_agent_finalize(void);
+
+int connman_agent_set_error_cb(connman_agent_error_cb_t cb);
+int connman_agent_set_browser_cb(connman_agent_browser_cb_t cb);
+int connman_agent_set_input_cb(connman_agent_input_cb_t cb);
+int connman_agent_set_cancel_cb(connman_agent_cancel_cb_t cb);
+
+int connman_agent_reply_retry(void);
+int connman_agent_reply_canceled(void);
+int connman_agent_reply_launch_browser(void);
+int connman_agent_reply_passphrase(const char *name, const char *passphrase, bool wps,
+                                   const char *wps_pin);
+int connman_agent_reply_identity(const char *identity, const char *passphrase);
+int connman_agent_reply_login(const char *username, const char *password);

@@ -1,0 +1,61 @@
+// Functions and state shared by the core's files; not exported.
+#pragma once
+
+#include <glib.h>
+
+#include <string>
+
+#include "core/netmgr.h"
+
+extern NetMgrContext *g_netMgr;
+
+// Raises an event on the application's callback (service thread).
+void netmgr_raise_event(NetMgrEvent event, void *arg);
+
+// context.cc: presence hooks and small callbacks
+void connman_up(void *user_data);
+void connman_down(void *user_data);
+void _netmgr_main_routine();
+void technology_added_cb(const char *path);
+void technology_removed_cb(const char *path);
+void agent_browser_cb(const char *path, const char *url);
+void agent_cancel_cb();
+void remove_service_cb(const char *path);
+
+// settings.cc
+void save_config(DBKeyID id);
+extern std::string DB_NETWORK_TYPE;
+extern std::string DB_LAST_WIFI;
+extern std::string DB_IPV6_ENABLE;
+
+// wifi_list.cc
+void refresh_services(guint ms);
+gboolean do_refresh_services(gpointer data);
+void refresh_cb(void *data);
+void scanning_cb(void *data);
+
+// connection.cc
+void connect(const std::string &path, bool background);
+void disconnect(const std::string &path);
+void disconnect_wifi();
+void backToConnectLastWifi();
+guint start_wifi_connect_check(guint ms);
+gboolean check_wifi_connect_timer_cb(gpointer data);
+gboolean connected_timer_cb(gpointer data);
+void agent_input_cb(const char *path, int name, int identity, int passphrase,
+                    const char *previous_passphrase, int wps, const char *previous_wps_pin,
+                    int username);
+void agent_error_cb(const char *path, const char *error);
+
+// technology.cc
+bool switch_wifi();
+bool switch_ethernet();
+std::string getEthernetService();
+std::string getConnectedWifiService();
+void reset_cur_conn_info();
+void technology_property_changed_cb(const char *path, const char *property, void *user_data);
+void service_property_changed_cb(const char *path, const char *property, void *user_data);
+
+#define WIFI_TECHNOLOGY_PATH "/net/connman/technology/wifi"
+#define ETHERNET_TECHNOLOGY_PATH "/net/connman/technology/ethernet"
+#define P2P_TECHNOLOGY_PATH "/net/connman/technology/p2p"

@@ -1,0 +1,144 @@
+// The library's own small D-Bus layer over libdbus-1, driven by GLib's
+// default main context: bus connections, signal and name-owner watches,
+// exported objects with method tables, introspection, replies and errors.
+#pragma once
+
+#include <dbus/dbus.h>
+#include <glib.h>
+#include <stdarg.h>
+#include <stdint.h>
+
+// ---- bus connection and main-loop integration (mainloop.cc) ----
+
+typedef void (*g_dbus_watch_function_t)(DBusConnection *connection, void *user_data);
+
+DBusConnection *g_dbus_setup_bus(DBusBusType type, const char *name, DBusError *error);
+DBusConnection *g_dbus_setup_private(DBusBusType type, const char *name, DBusError *error);
+gboolean g_dbus_request_name(DBusConnection *connection, const char *name, DBusError *error);
+gboolean g_dbus_set_disconnect_function(DBusConnection *connection,
+                                        g_dbus_watch_function_t function, void *user_data,
+                                        GDestroyNotify destroy);
+
+// ---- signal and name-owner watches (watch.cc) ----
+
+// Returns TRUE to keep the watch, FALSE to remove it.
+typedef gboolean (*g_dbus_signal_function_t)(DBusConnection *connection, DBusMessage *message,
+                                             void *user_data);
+
+guint g_dbus_add_signal_watch(DBusConnection *connection, const char *sender, const char *path,
+                              const char *interface, const char *member,
+                              g_dbus_signal_function_t function, void *user_data,
+                              GDestroyNotify destroy);
+guint g_dbus_add_properties_watch(DBusConnection *connection, const char *sender,
+                                  const char *path, const char *interface,
+                                  g_dbus_signal_function_t function, void *user_data,
+                                  GDestroyNotify destroy);
+guint g_dbus_add_service_watch(DBusConnection *connection, const char *name,
+                               g_dbus_watch_function_t connect,
+                               g_dbus_watch_function_t disconnect, void *user_data,
+                               GDestroyNotify destroy);
+guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
+                                  g_dbus_watch_function_t disconnect, void *user_data,
+                                  GDestroyNotify destroy);
+gboolean g_dbus_remove_watch(DBusConnection *connection, guint id);
+void g_dbus_remove_all_watches(DBusConnection *connection);
+
+// ---- object export and method dispatch (object.cc) ----
+
+enum {
+    G_DBUS_METHOD_FLAG_DEPRECATED = 1,
+    G_DBUS_METHOD_FLAG_NOREPLY = 2,
+    G_DBUS_METHOD_FLAG_ASYNC = 4,
+    G_DBUS_METHOD_FLAG_EXPERIMENTAL = 8,
+};
+enum {
+    G_DBUS_SIGNAL_FLAG_DEPRECATED = 1,
+    G_DBUS_SIGNAL_FLAG_EXPERIMENTAL = 2,
+};
+enum {
+    G_DBUS_PROPERTY_FLAG_DEPRECATED = 1,
+    G_DBUS_PROPERTY_FLAG_EXPERIMENTAL = 2,
+};
+enum {
+    G_DBUS_FLAG_ENABLE_EXPERIMENTAL = 1,
+};
+
+struct arg_info {
+    const char *name;
+    const char *signature;
+};
+
+typedef DBusMessage *(*g_dbus_method_function_t)(DBusConnection *connection,
+                                                 DBusMessage *message, void *user_data);
+
+struct method_entry {
+    const char *name;
+    g_dbus_method_function_t function;
+    unsigned int flags;
+    uint32_t privilege;
+    const struct arg_info *in_args;
+    const struct arg_info *out_args;
+};
+
+struct signal_entry {
+    const char *name;
+    unsigned int flags;
+    const struct arg_info *args;
+};
+
+struct property_entry;
+
+// Identifies one outstanding Properties.Set call; answered later with
+// g_dbus_pending_property_success or g_dbus_pending_property_error.
+typedef uint32_t g_dbus_pending_property_t;
+
+// Appends the property's value (its bare type, not a variant) to iter.
+typedef gboolean (*g_dbus_property_getter_t)(const struct property_entry *property,
+                                             DBusMessageIter *iter, void *user_data);
+// iter points at the new value inside the variant.
+typedef void (*g_dbus_property_setter_t)(const struct property_entry *property,
+                                         DBusMessageIter *iter, g_dbus_pending_property_t id,
+                                         void *user_data);
+typedef gboolean (*g_dbus_property_exists_t)(const struct property_entry *property,
+                                             void *user_data);
+
+struct property_entry {
+    const char *name;
+    const char *type;
+    g_dbus_property_getter_t get;
+    g_dbus_property_setter_t set;
+    g_dbus_property_exists_t exists;
+    unsigned int flags;
+};
+
+gboolean g_dbus_register_interface(DBusConnection *connection, const char *path,
+                                   const char *name, const struct method_entry *methods,
+                                   const struct signal_entry *signals,
+                                   const struct property_entry *properties, void *user_data,
+                                   GDestroyNotify destroy);
+gboolean g_dbus_unregister_interface(DBusConnection *connection, const char *path,
+                                     const char *name);
+
+void g_dbus_pending_property_success(g_dbus_pending_property_t id);
+void g_dbus_pending_property_error(g_dbus_pending_property_t id, const char *name,
+                                   const char *format, ...) G_GNUC_PRINTF(3, 4);
+
+gboolean g_dbus_args_have_signature(const struct arg_info *args, DBusMessage *message);
+
+DBusMessage *g_dbus_create_error(DBusMessage *message, const char *name, const char *format,
+                                 ...) G_GNUC_PRINTF(3, 4);
+DBusMessage *g_dbus_create_error_valist(DBusMessage *message, const char *name,
+                                        const char *format, va_list args);
+DBusMessage *g_dbus_create_reply(DBusMessage *message, int type, ...);
+DBusMessage *g_dbus_create_reply_valist(DBusMessage *message, int type, va_list args);
+
+gboolean g_dbus_send_message(DBusConnection *connection, DBusMessage *message);
+gboolean g_dbus_send_error(DBusConnection *connection, DBusMessage *message, const char *name,
+                           const char *format, ...) G_GNUC_PRINTF(4, 5);
+gboolean g_dbus_send_error_valist(DBusConnection *connection, DBusMessage *message,
+                                  const char *name, const char *format, va_list args);
+gboolean g_dbus_send_reply(DBusConnection *connection, DBusMessage *message, int type, ...);
+gboolean g_dbus_send_reply_valist(DBusConnection *connection, DBusMessage *message, int type,
+                                  va_list args);
+
+void g_dbus_set_flags(unsigned int flags);

@@ -1,0 +1,36 @@
+// A private dbus-daemon for one test process, so tests never touch the
+// machine's own buses.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+class PrivateBus
+{
+  public:
+    // kind is "system" or "session"; the daemon listens on a unix socket in
+    // a fresh temporary directory and allows everything.
+    explicit PrivateBus(const char *kind);
+    ~PrivateBus();
+    PrivateBus(const PrivateBus &) = delete;
+    PrivateBus &operator=(const PrivateBus &) = delete;
+
+    const std::string &address() const { return address_; }
+    const std::string &dir() const { return dir_; }
+    pid_t pid() const { return pid_; }
+    void stop();
+
+  private:
+    std::string dir_;
+    std::string address_;
+    pid_t pid_ = -1;
+};
+
+// Both buses the library uses, exported through DBUS_SYSTEM_BUS_ADDRESS and
+// DBUS_SESSION_BUS_ADDRESS for this process and its children.
+struct TestBuses {
+    TestBuses();
+    PrivateBus system{"system"};
+    PrivateBus session{"session"};
+};
