@@ -33,6 +33,12 @@ void refresh_services(guint ms);
 gboolean do_refresh_services(gpointer data);
 void refresh_cb(void *data);
 void scanning_cb(void *data);
+// Removes a GLib source of the default context if it still exists: timer ids
+// are kept after their one-shot timers have fired, and GLib complains about
+// removing an id that is gone.
+void netmgr_remove_source(guint id);
+// For "%s" arguments that may be null.
+inline const char *netmgr_text(const char *text) { return text ? text : "(null)"; }
 
 // connection.cc
 void connect(const std::string &path, bool background);
