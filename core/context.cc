@@ -1,0 +1,182 @@
+// The manager context, the service thread and ConnMan's comings and goings.
+#include <unistd.h>
+
+#include <new>
+#include <system_error>
+
+#include "connman-client/agent.h"
+#include "connman-client/interface.h"
+#include "connman-client/manager.h"
+#include "connman-client/service.h"
+#include "connman-client/technology.h"
+#include "core/internal.h"
+#include "core/log.h"
+#include "platform/zelstorageclient.h"
+
+NetMgrContext *g_netMgr = nullptr;
+
+void netmgr_raise_event(NetMgrEvent event, void *arg)
+{
+    if (g_netMgr && g_netMgr->eventCallback)
+        g_netMgr->eventCallback(event, arg);
+}
+
+void technology_added_cb(const char *path)
+{
+    NETMGR_LOG(NETMGR_INFO, 222, "## technology_added path: %s", netmgr_text(path));
+}
+
+void technology_removed_cb(const char *path)
+{
+    NETMGR_LOG(NETMGR_INFO, 227, "## technology_removed path: %s", netmgr_text(path));
+}
+
+// No reply: the request stays with the agent until ConnMan cancels it.
+void agent_browser_cb(const char *path, const char *url)
+{
+    NETMGR_LOG(NETMGR_INFO, 143, "## agent_browser_cb path: %s, url: %s", netmgr_text(path),
+               netmgr_text(url));
+}
+
+void agent_cancel_cb() {}
+
+void remove_service_cb(const char *) {}
+
+void connman_up(void *)
+{
+    NETMGR_LOG(NETMGR_INFO, 550, "## connman_up");
+
+    connman_manager_init();
+    // Read the manager's properties once so that its OfflineMode mirror
+    // follows the daemon; without it NetMgr_GetNetworkEnable and
+    // NetMgr_SetNetworkEnable would only ever see the default.
+    connman_manager_get_properties(nullptr, nullptr);
+    connman_service_init();
+    connman_technology_init();
+
+    connman_technology_set_added_callback(technology_added_cb);
+    connman_technology_set_removed_callback(technology_removed_cb);
+    connman_technology_set_global_property_callback(technology_property_changed_cb, nullptr);
+    connman_service_set_global_property_callback(service_property_changed_cb, nullptr);
+
+    connman_agent_init();
+    connman_agent_set_error_cb(agent_error_cb);
+    connman_agent_set_browser_cb(agent_browser_cb);
+    connman_agent_set_input_cb(agent_input_cb);
+    connman_agent_set_cancel_cb(agent_cancel_cb);
+}
+
+void connman_down(void *)
+{
+    NETMGR_LOG(NETMGR_INFO, 569, "## connman_down");
+
+    // The interface layer stays: its name watch brings connman_up back.
+    connman_agent_finalize();
+    connman_service_finalize();
+    connman_technology_finalize();
+    connman_manager_finalize();
+
+    // Both commands are run with the length 30 (the Wi-Fi one is shorter);
+    // the Wi-Fi driver is restarted only after ConnMan had a second to start.
+    ZelStorageManager::instance().systemCmd("/etc/init.d/S45connman restart", 30);
+    sleep(1);
+    ZelStorageManager::instance().systemCmd("/etc/init.d/S42wifi restart", 30);
+}
+
+void _netmgr_main_routine()
+{
+    if (connman_interface_init(connman_up, connman_down, nullptr) < 0) {
+        NETMGR_LOG(NETMGR_ERROR, 2162, "## connman_interface_init failed");
+        return;
+    }
+
+    // Nothing quits this loop: it serves the library for the process's life.
+    GMainLoop *loop = g_main_loop_new(nullptr, FALSE);
+    g_main_loop_run(loop);
+    g_main_loop_unref(loop);
+
+    connman_agent_finalize();
+    connman_service_finalize();
+    connman_technology_finalize();
+    connman_manager_finalize();
+    connman_interface_finalize();
+}
+
+static void load_saved_settings(NetMgrContext *ctx)
+{
+    Json::Value value;
+    // Unexpected value types read as the defaults instead of throwing.
+    if (ZL_Storage_GetItem(DB_NETWORK_TYPE, &value) && value.isConvertibleTo(Json::intValue))
+        ctx->netType = static_cast<NetType>(value.asInt());
+    else
+        ctx->netType = NET_TYPE_ETHERNET;
+
+    if (ZL_Storage_GetItem(DB_LAST_WIFI, &value)) {
+        std::string last =
+            value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
+        if (!last.empty())
+            ctx->lastWifi = last;
+        // Armed even without a last network: the check then refreshes the
+        // list and scans until something connects.
+        if (ctx->netType == NET_TYPE_WIFI)
+            start_wifi_connect_check(10000);
+    }
+}
+
+int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *))
+{
+    if (g_netMgr) {
+        NETMGR_LOG(NETMGR_INFO, 2179, "## NetMgr already init");
+        return -1;
+    }
+
+    NetMgrContext *ctx = new (std::nothrow) NetMgrContext();
+    if (!ctx)
+        return -1;
+    g_netMgr = ctx;
+
+    load_saved_settings(ctx);
+
+    ctx->eventCallback = cb;
+    ctx->ethernetEnabled = false;
+    ctx->wifiEnabled = false;
+    ctx->ethernetConnected = false;
+    ctx->wifiConnected = false;
+    ctx->ethernetConnectNotified = false;
+    ctx->wifiConnectNotified = false;
+    ctx->spareFlag = false;
+    ctx->ipv6Preferred = false;
+    // Cleared after the start-up check was armed: that first timer keeps
+    // running but can no longer be cancelled by a later re-arm.
+    ctx->connectCheckTimer = 0;
+    ctx->countryCode = "JP";
+
+    try {
+        ctx->serviceThread = std::thread(_netmgr_main_routine);
+    } catch (const std::system_error &) {
+        return -1;
+    }
+    return 0;
+}
+
+NetType NetMgr_GetNetworkType()
+{
+    return g_netMgr->netType;
+}
+
+NetType Netmgr_load_config()
+{
+    return g_netMgr->netType;
+}
+
+bool NetMgr_GetNetworkEnable()
+{
+    return !connman_manager_get_offlinemode();
+}
+
+// After a wake-up the next connection is announced again.
+void NetMgr_PowerDownResetNetworkStatus()
+{
+    g_netMgr->ethernetConnectNotified = false;
+    g_netMgr->wifiConnectNotified = false;
+}
