@@ -38,7 +38,10 @@ void scanning_cb(void *data);
 // removing an id that is gone.
 void netmgr_remove_source(guint id);
 // For "%s" arguments that may be null.
-inline const char *netmgr_text(const char *text) { return text ? text : "(null)"; }
+inline const char *netmgr_text(const char *text)
+{
+    return text ? text : "(null)";
+}
 
 // connection.cc
 void connect(const std::string &path, bool background);

@@ -1,0 +1,421 @@
+// Technology switching and state tracking: which of ethernet and Wi-Fi is the
+// active type, and the current connection's details from the connected
+// service's properties.
+#include <string.h>
+
+#include "connman-client/manager.h"
+#include "connman-client/service.h"
+#include "connman-client/technology.h"
+#include "core/bridge.h"
+#include "core/internal.h"
+#include "core/log.h"
+#include "platform/zelstorageclient.h"
+
+static void set_type(NetType type)
+{
+    g_netMgr->netType = type;
+    g_netMgr->connInfo.type = type;
+    save_config(DB_KEY_TYPE);
+}
+
+bool switch_wifi()
+{
+    if (g_netMgr->ethernetConnected) {
+        NETMGR_LOG(NETMGR_INFO, 1050, "omit witch wifi for ethernet connected");
+        return false;
+    }
+    set_type(NET_TYPE_WIFI);
+    if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
+        connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
+    return true;
+}
+
+bool switch_ethernet()
+{
+    set_type(NET_TYPE_ETHERNET);
+    if (connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
+        connman_technology_enable(WIFI_TECHNOLOGY_PATH, false);
+    if (!connman_technology_is_enabled(ETHERNET_TECHNOLOGY_PATH)) {
+        connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, true);
+        refresh_services(0);
+    } else if (!connman_technology_is_connected(ETHERNET_TECHNOLOGY_PATH)) {
+        std::string path = getEthernetService();
+        if (!path.empty())
+            connect(path, false);
+    }
+    return true;
+}
+
+// First service of ConnMan's list, in its order, that matches.
+static std::string find_service(bool (*matches)(const char *path))
+{
+    std::string found;
+    GSList *services = connman_service_get_services();
+    for (GSList *item = services; item != nullptr; item = item->next) {
+        const char *path = static_cast<const char *>(item->data);
+        if (path != nullptr && matches(path)) {
+            found = path;
+            break;
+        }
+    }
+    g_slist_free(services);
+    return found;
+}
+
+std::string getEthernetService()
+{
+    return find_service([](const char *path) {
+        return g_strcmp0(connman_service_get_type(path), "ethernet") == 0;
+    });
+}
+
+std::string getConnectedWifiService()
+{
+    return find_service([](const char *path) {
+        return g_strcmp0(connman_service_get_type(path), "wifi") == 0 &&
+               connman_service_is_connected(path);
+    });
+}
+
+void Netmgr_disconncet_ethernet()
+{
+    if (!connman_technology_is_connected(ETHERNET_TECHNOLOGY_PATH))
+        return;
+    std::string path = getEthernetService();
+    if (!path.empty())
+        disconnect(path);
+}
+
+void reset_cur_conn_info()
+{
+    g_netMgr->connInfo = NetConnInfo();
+    g_netMgr->connInfo.type = NET_TYPE_ETHERNET;
+}
+
+// ---- technology properties ----
+
+static void technology_powered(const char *type, bool enabled)
+{
+    NetMgrContext *ctx = g_netMgr;
+    if (enabled) {
+        if (g_strcmp0(type, "ethernet") == 0) {
+            ctx->ethernetEnabled = true;
+            netmgr_raise_event(NETMGR_EVT_ETHERNET_ENABLED, nullptr);
+        } else if (g_strcmp0(type, "wifi") == 0) {
+            ctx->wifiEnabled = true;
+            netmgr_raise_event(NETMGR_EVT_WIFI_ENABLED, nullptr);
+        }
+        do_refresh_services(nullptr);
+        return;
+    }
+    if (g_strcmp0(type, "ethernet") == 0) {
+        ctx->ethernetEnabled = false;
+        ctx->ethernetConnected = false;
+        netmgr_raise_event(NETMGR_EVT_ETHERNET_DISABLED, nullptr);
+    } else if (g_strcmp0(type, "wifi") == 0) {
+        ctx->wifiEnabled = false;
+        ctx->wifiConnected = false;
+        netmgr_raise_event(NETMGR_EVT_WIFI_DISABLED, nullptr);
+    }
+}
+
+static void arm_connected_poll()
+{
+    g_timeout_add(1000, connected_timer_cb, nullptr);
+}
+
+static void ethernet_connected(const char *type)
+{
+    NetMgrContext *ctx = g_netMgr;
+    if (ctx->netType != NET_TYPE_P2P) {
+        // Ethernet always wins: Wi-Fi stays on only for a wifi technology,
+        // which this is not.
+        if (connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
+            connman_technology_enable(WIFI_TECHNOLOGY_PATH, g_strcmp0(type, "wifi") == 0);
+        set_type(NET_TYPE_ETHERNET);
+    }
+    if (!ctx->ethernetConnectNotified)
+        arm_connected_poll();
+    ctx->ethernetConnected = true;
+    ctx->ethernetConnectNotified = true;
+}
+
+static void wifi_connected()
+{
+    NetMgrContext *ctx = g_netMgr;
+    if (!ctx->wifiConnectNotified && ctx->netType != NET_TYPE_P2P)
+        arm_connected_poll();
+    if (!ctx->ethernetConnected && ctx->netType != NET_TYPE_P2P)
+        set_type(NET_TYPE_WIFI);
+    ctx->wifiConnected = true;
+    ctx->wifiConnectNotified = true;
+}
+
+static void ethernet_disconnected()
+{
+    NetMgrContext *ctx = g_netMgr;
+    if (ctx->ethernetConnectNotified) {
+        netmgr_raise_event(NETMGR_EVT_ETHERNET_DISCONNECTED, nullptr);
+        reset_cur_conn_info();
+    }
+    bool was_connected = ctx->ethernetConnected;
+    ctx->ethernetConnected = false;
+    ctx->ethernetConnectNotified = false;
+    // Wi-Fi takes over with the last network when the cable goes.
+    if (was_connected && ctx->netType != NET_TYPE_P2P && !ctx->lastWifi.empty()) {
+        switch_wifi();
+        do_refresh_services(nullptr);
+        start_wifi_connect_check(5000);
+    }
+}
+
+static void wifi_disconnected(const char *path, const char *property)
+{
+    NetMgrContext *ctx = g_netMgr;
+    reset_cur_conn_info();
+    if (ctx->netType == NET_TYPE_WIFI && ctx->wifiConnectNotified) {
+        // The application reads the first byte as "an announced connection
+        // was lost"; the property name's text serves as that non-zero byte.
+        netmgr_raise_event(NETMGR_EVT_WIFI_DISCONNECTED, const_cast<char *>(property));
+        // Compares a technology path with a service path, so it always differs.
+        if (path == nullptr || ctx->lastWifi != path)
+            backToConnectLastWifi();
+    } else {
+        char not_announced = 0;
+        netmgr_raise_event(NETMGR_EVT_WIFI_DISCONNECTED, &not_announced);
+    }
+    ctx->wifiConnected = false;
+    ctx->wifiConnectNotified = false;
+}
+
+void technology_property_changed_cb(const char *path, const char *property, void *)
+{
+    const char *type = connman_technology_get_type(path);
+    bool enabled = connman_technology_is_enabled(path);
+    bool connected = connman_technology_is_connected(path);
+
+    if (g_strcmp0(property, "Powered") == 0) {
+        NETMGR_LOG(NETMGR_INFO, 290, "## type: %s, Enabled: %d", netmgr_text(type), enabled);
+        technology_powered(type, enabled);
+    } else if (g_strcmp0(property, "Connected") == 0) {
+        NETMGR_LOG(NETMGR_INFO, 315, "## type: %s, Connected: %d", netmgr_text(type), connected);
+        if (connected) {
+            if (g_strcmp0(type, "ethernet") == 0)
+                ethernet_connected(type);
+            else if (g_strcmp0(type, "wifi") == 0)
+                wifi_connected();
+            g_netMgr->wifiState = NET_STATUS_CONNECTED;
+            do_refresh_services(nullptr);
+        } else {
+            if (g_strcmp0(type, "ethernet") == 0)
+                ethernet_disconnected();
+            else if (g_strcmp0(type, "wifi") == 0)
+                wifi_disconnected(path, property);
+            g_netMgr->wifiState = NET_STATUS_DISCONNECTED;
+        }
+    }
+}
+
+// ---- service properties ----
+
+static void copy_if_present(std::string &field, const char *value)
+{
+    if (value != nullptr)
+        field = value;
+}
+
+// "a;b;c" gives a and b; "a" gives a and leaves the second server as it was.
+static void update_nameservers(NetConnInfo &info, const char *text)
+{
+    const char *first_end = strchr(text, ';');
+    if (first_end == nullptr) {
+        info.dns1 = text;
+        return;
+    }
+    info.dns1.assign(text, first_end - text);
+    const char *second = first_end + 1;
+    const char *second_end = strchr(second, ';');
+    if (second_end == nullptr)
+        info.dns2 = second;
+    else
+        info.dns2.assign(second, second_end - second);
+}
+
+static void service_ipv6_changed(const char *path)
+{
+    NetMgrContext *ctx = g_netMgr;
+    struct connman_ipv6 *ipv6 = connman_service_get_ipv6(path);
+    if (ipv6 == nullptr)
+        return;
+    bool has_address = ipv6->address != nullptr;
+    copy_if_present(ctx->connInfo.ipv6Address, ipv6->address);
+    copy_if_present(ctx->connInfo.ipv6Gateway, ipv6->gateway);
+    ctx->connInfo.ipv6PrefixLength = ipv6->prefix_length;
+    if (!ctx->ipv6Preferred || !has_address)
+        return;
+    if (ctx->netType == NET_TYPE_ETHERNET) {
+        netmgr_raise_event(NETMGR_EVT_ETHERNET_CONNECTED, nullptr);
+        netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
+    } else if (ctx->netType == NET_TYPE_WIFI) {
+        netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
+    }
+}
+
+static void service_strength_changed(const char *path)
+{
+    NetWifiInfo info;
+    info.path = path;
+    copy_if_present(info.name, connman_service_get_name(path));
+    copy_if_present(info.security, connman_service_get_security(path));
+    info.connected = true; // only connected services get here
+    info.strength = connman_service_get_strength(path);
+    g_netMgr->connInfo.strength = info.strength;
+    netmgr_raise_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, &info);
+}
+
+void service_property_changed_cb(const char *path, const char *property, void *)
+{
+    if (path == nullptr || property == nullptr || !connman_service_is_connected(path))
+        return;
+    NetConnInfo &info = g_netMgr->connInfo;
+
+    if (strcmp(property, "State") == 0) {
+        copy_if_present(info.name, connman_service_get_name(path));
+        if (const char *type = connman_service_get_type(path))
+            info.type = strcmp(type, "wifi") == 0 ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
+    } else if (strcmp(property, "IPv4") == 0) {
+        struct connman_ipv4 *ipv4 = connman_service_get_ipv4(path);
+        if (ipv4 == nullptr)
+            return;
+        copy_if_present(info.ipv4Address, ipv4->address);
+        copy_if_present(info.ipv4Netmask, ipv4->netmask);
+        copy_if_present(info.ipv4Gateway, ipv4->gateway);
+    } else if (strcmp(property, "IPv6") == 0) {
+        service_ipv6_changed(path);
+    } else if (strcmp(property, "Ethernet") == 0) {
+        struct connman_ethernet *ethernet = connman_service_get_ethernet(path);
+        if (ethernet == nullptr)
+            return;
+        copy_if_present(info.macAddress, ethernet->address);
+    } else if (strcmp(property, "Nameservers") == 0) {
+        const char *nameservers = connman_service_get_nameservers(path);
+        if (nameservers == nullptr)
+            return;
+        update_nameservers(info, nameservers);
+    } else if (strcmp(property, "Strength") == 0) {
+        service_strength_changed(path);
+    }
+}
+
+// ---- exported operations ----
+
+struct FlagRecord {
+    std::promise<bool> *promise;
+    bool flag;
+};
+
+bool NetMgr_EnableWifi()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        bridge_promise<bool>(data)->set_value(switch_wifi());
+        return FALSE;
+    });
+}
+
+bool NetMgr_DisableWifi()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        connman_technology_enable(WIFI_TECHNOLOGY_PATH, false);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_GetWifiEnable()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        bridge_promise<bool>(data)->set_value(connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH));
+        return FALSE;
+    });
+}
+
+bool NetMgr_EnableEthernet()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        switch_ethernet();
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_DisableEthernet()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, false);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_SetNetworkEnable(bool enable)
+{
+    FlagRecord record{nullptr, enable};
+    return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
+        FlagRecord *record = static_cast<FlagRecord *>(data);
+        bool offline = connman_manager_get_offlinemode();
+        if (record->flag != !offline)
+            connman_manager_set_offlinemode(!record->flag);
+        record->promise->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_EnableP2P()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        NetMgrContext *ctx = g_netMgr;
+        if (ctx->netType != NET_TYPE_P2P)
+            ctx->typeBeforeP2P = ctx->netType;
+        ctx->netType = NET_TYPE_P2P;
+        if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
+            connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
+        if (connman_technology_is_connected(WIFI_TECHNOLOGY_PATH))
+            disconnect_wifi();
+        if (ctx->connectCheckTimer != 0) {
+            netmgr_remove_source(ctx->connectCheckTimer);
+            ctx->connectCheckTimer = 0;
+        }
+        connman_technology_enable(P2P_TECHNOLOGY_PATH, true);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_DisableP2P(bool flag)
+{
+    FlagRecord record{nullptr, flag};
+    return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
+        NetMgrContext *ctx = g_netMgr;
+        ctx->netType = ctx->typeBeforeP2P;
+        connman_technology_enable(P2P_TECHNOLOGY_PATH, false);
+        if (ctx->netType != NET_TYPE_ETHERNET && !ctx->ethernetConnected) {
+            ctx->wifiConnectNotified = false;
+            backToConnectLastWifi();
+        } else {
+            switch_ethernet();
+        }
+        static_cast<FlagRecord *>(data)->promise->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_ScanP2P()
+{
+    bool result = netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        connman_technology_scan(P2P_TECHNOLOGY_PATH, nullptr, nullptr);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+    ZelStorageManager::instance().systemCmd("wpa_cli p2p_find", 16);
+    return result;
+}
