@@ -1,0 +1,195 @@
+// Factory and test operations: force Wi-Fi on, scan, look for a strong
+// access point, link to a named network, restore the network type, set the
+// Wi-Fi country code.
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "connman-client/technology.h"
+#include "core/bridge.h"
+#include "core/internal.h"
+#include "core/log.h"
+#include "platform/zelstorageclient.h"
+
+// The type the device had when the factory test forced Wi-Fi on.
+static int Factory_NetworkType;
+
+namespace
+{
+
+// An access point counts as strong from strength 70 on.
+const uint8_t kWeakestStrongSignal = 69;
+
+const char kCountryCodeCommand[] = "iwpriv wlan0 common country_code,%s";
+const size_t kCommandBufferSize = 100;
+
+gboolean strong_signal_test(gpointer data)
+{
+    bool found = false;
+    for (const NetWifiInfo &info : g_netMgr->wifiList) {
+        if (info.strength > kWeakestStrongSignal) {
+            found = true;
+            break;
+        }
+    }
+    bridge_promise<bool>(data)->set_value(found);
+    return FALSE;
+}
+
+bool already_linked_to(const char *target_name)
+{
+    return g_netMgr->wifiConnected && g_netMgr->connInfo.name == target_name;
+}
+
+} // namespace
+
+bool NetMgr_Factory_EnableWifi()
+{
+    return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
+        Factory_NetworkType = NetMgr_GetNetworkType();
+        connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, false);
+        g_netMgr->netType = NET_TYPE_WIFI;
+        g_netMgr->connInfo.type = NET_TYPE_WIFI;
+        save_config(DB_KEY_TYPE);
+        if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
+            connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+// Starts two seconds after the call; the results reach the Wi-Fi list
+// through the normal refresh.
+bool NetMgr_Factory_ScanWifi()
+{
+    return netmgr_bridge_call<bool>(2000, [](gpointer data) -> gboolean {
+        ZelStorageManager::instance().systemCmd("wpa_cli scan", 12);
+        bridge_promise<bool>(data)->set_value(true);
+        return FALSE;
+    });
+}
+
+bool NetMgr_Factory_Wifi_test()
+{
+    NetMgr_SetNetworkEnable(true);
+    NetMgr_Factory_EnableWifi();
+    NetMgr_Factory_ScanWifi();
+    sleep(3);
+    if (NetMgr_GetWifiListCount() < 1) {
+        NETMGR_LOG(NETMGR_INFO, 2108, "scan again !\n\n");
+        NetMgr_Factory_ScanWifi();
+    }
+    if (NetMgr_GetWifiListCount() < 1)
+        return false;
+    return netmgr_bridge_call<bool>(0, strong_signal_test);
+}
+
+bool NetMgr_Factory_Wifi_AutotestResult()
+{
+    int count = NetMgr_GetWifiListCount();
+    NETMGR_LOG(NETMGR_INFO, 2066, "type = %d,WifiCount = %d\n\n",
+               static_cast<int>(g_netMgr->netType), count);
+    if (count < 1 || g_netMgr->netType != NET_TYPE_WIFI) {
+        bool result = NetMgr_Factory_Wifi_test();
+        NetMgr_Factory_network_reset();
+        return result;
+    }
+
+    // The reset runs while the test may still be pending on the service
+    // thread; the order is intended.
+    std::promise<bool> promise;
+    std::future<bool> future = promise.get_future();
+    BridgeRecord<bool> record{&promise};
+    g_timeout_add(0, strong_signal_test, &record);
+    NetMgr_Factory_network_reset();
+    return future.get();
+}
+
+// A remembered P2P type comes back as Wi-Fi.
+int NetMgr_Factory_network_reset()
+{
+    bool wifi_wanted;
+    if (Factory_NetworkType) {
+        g_netMgr->netType = NET_TYPE_WIFI;
+        g_netMgr->connInfo.type = NET_TYPE_WIFI;
+        wifi_wanted = true;
+    } else {
+        g_netMgr->netType = NET_TYPE_ETHERNET;
+        g_netMgr->connInfo.type = NET_TYPE_ETHERNET;
+        wifi_wanted = false;
+    }
+    save_config(DB_KEY_TYPE);
+    connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, true);
+    return connman_technology_enable(WIFI_TECHNOLOGY_PATH, wifi_wanted);
+}
+
+bool NetMgr_Uart_Wifi_LinkTest(const char *target_name)
+{
+    if (!target_name) {
+        NETMGR_LOG(NETMGR_WARNING, 2223, "target_name is null !\n\n");
+        return false;
+    }
+    if (already_linked_to(target_name)) {
+        NETMGR_LOG(NETMGR_INFO, 2231, "ssid: %s is already connect!\n\n", target_name);
+        return true;
+    }
+
+    NetMgr_SetNetworkEnable(true);
+    NetMgr_Factory_EnableWifi();
+    NetMgr_Factory_ScanWifi();
+    sleep(2);
+    if (NetMgr_GetWifiListCount() < 1)
+        NetMgr_Factory_ScanWifi();
+
+    if (already_linked_to(target_name)) {
+        NETMGR_LOG(NETMGR_INFO, 2249, "ssid: %s is already connect!\n\n", target_name);
+        return true;
+    }
+
+    std::unique_ptr<std::list<NetWifiInfo>> list(NetMgr_GetWifiList());
+    if (!list) {
+        NETMGR_LOG(NETMGR_WARNING, 2268, "wifi list is null !\n\n");
+        return false;
+    }
+    if (list->empty()) {
+        NETMGR_LOG(NETMGR_WARNING, 2273, "can't find wifi ssid: %s !\n\n", target_name);
+        return false;
+    }
+
+    // Every network of that name is tried, in list order.
+    bool matched = false;
+    for (const NetWifiInfo &info : *list) {
+        if (info.name == target_name) {
+            connect(info.path, false);
+            matched = true;
+        }
+    }
+    if (!matched) {
+        NETMGR_LOG(NETMGR_WARNING, 2273, "can't find wifi ssid: %s !\n\n", target_name);
+        return false;
+    }
+
+    // Up to two seconds for the link.
+    for (int i = 0; i < 20 && !g_netMgr->wifiConnected; i++)
+        usleep(100 * 1000);
+
+    NETMGR_LOG(NETMGR_INFO, 2285, "netstatus = %d,wifiConnected = %d\n\n",
+               static_cast<int>(g_netMgr->wifiState), g_netMgr->wifiConnected);
+    return g_netMgr->wifiConnected;
+}
+
+bool NetMgr_setWifiChannelRange(std::string code)
+{
+    g_netMgr->countryCode = code;
+    if (code.empty())
+        g_netMgr->countryCode = "JP";
+
+    // The code is cut so that the whole command fits the buffer.
+    char command[kCommandBufferSize];
+    memset(command, 0, sizeof(command));
+    snprintf(command, sizeof(command), kCountryCodeCommand, g_netMgr->countryCode.c_str());
+    ZelStorageManager::instance().systemCmd(command, strlen(command));
+    return true;
+}
