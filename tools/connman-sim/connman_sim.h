@@ -20,15 +20,15 @@ struct Network {
     // Last element of the object path, e.g. "wifi_0011223344_686f6d65_managed_psk";
     // the service lives at "/net/connman/service/" + ident.
     std::string ident;
-    std::string type = "wifi";           // "wifi" or "ethernet"
-    std::string name;                     // no "Name" property when hidden
+    std::string type = "wifi";                    // "wifi" or "ethernet"
+    std::string name;                             // no "Name" property when hidden
     std::vector<std::string> security = {"none"}; // e.g. {"psk"}, {"psk","wps"}, {"wep"}
     bool hidden = false;
-    std::string hidden_name;              // name the agent must supply when hidden
-    std::string passphrase;               // required when security is not "none"
+    std::string hidden_name; // name the agent must supply when hidden
+    std::string passphrase;  // required when security is not "none"
     uint8_t strength = 60;
-    std::string interface = "wlan0";      // "Ethernet" dictionary Interface
-    std::string mac = "02:00:00:00:00:01";// "Ethernet" dictionary Address
+    std::string interface = "wlan0";       // "Ethernet" dictionary Interface
+    std::string mac = "02:00:00:00:00:01"; // "Ethernet" dictionary Address
     // Filled into IPv4 / IPv6 / Nameservers when the service becomes ready.
     std::string ipv4_address = "192.0.2.10";
     std::string ipv4_netmask = "255.255.255.0";
@@ -37,7 +37,7 @@ struct Network {
     std::string ipv6_address = "2001:db8::10";
     uint8_t ipv6_prefix = 64;
     std::string ipv6_gateway = "2001:db8::1";
-    bool carrier = true;                  // ethernet only: link present
+    bool carrier = true; // ethernet only: link present
 };
 
 // One method call the simulator received.
@@ -77,6 +77,8 @@ class Simulator
     // ready); carrier down takes it to idle and ends the technology's Connected.
     void set_carrier(const std::string &ident, bool up);
     void set_offline_mode(bool offline);
+    bool has_network(const std::string &ident) const;
+    bool has_technology(const std::string &type) const;
 
     // ---- behaviour switches ----
     // The next Connect fails with this D-Bus error name (and message) instead

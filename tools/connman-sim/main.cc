@@ -1,0 +1,169 @@
+// connman-sim: stands in for the ConnMan daemon on a bus, with the world
+// read from a scenario file and changed by line commands while it runs.
+//
+//   connman-sim --address ADDR --scenario FILE.json [--control FIFO]
+//
+// Commands come from the FIFO, or from standard input without --control.
+#include "scenario.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+using namespace connman_sim;
+
+namespace
+{
+
+const int exit_usage = 2;
+
+void usage(FILE *out)
+{
+    fprintf(out, "usage: connman-sim [--address ADDR] [--scenario FILE.json] [--control FIFO]\n"
+                 "  --address   bus to own net.connman on (default $DBUS_SYSTEM_BUS_ADDRESS)\n"
+                 "  --scenario  technologies and networks to start with\n"
+                 "  --control   FIFO to read commands from (default standard input)\n"
+                 "commands: strength IDENT N | carrier IDENT up|down | add-network JSON |\n"
+                 "          remove-network IDENT | power TYPE on|off | quit\n");
+}
+
+// Splits what was read into lines and runs each; false once "quit" came.
+bool run_lines(Simulator &sim, std::string &pending, const char *data, size_t size)
+{
+    pending.append(data, size);
+    size_t newline;
+    while ((newline = pending.find('\n')) != std::string::npos) {
+        std::string line = pending.substr(0, newline);
+        pending.erase(0, newline + 1);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        std::string message;
+        switch (run_command(sim, line, message)) {
+        case CommandResult::Quit:
+            return false;
+        case CommandResult::Error:
+            fprintf(stderr, "connman-sim: %s\n", message.c_str());
+            break;
+        case CommandResult::Ok:
+            break;
+        }
+    }
+    // A line without an end that grows without bound is not a command.
+    if (pending.size() > 1 << 20)
+        pending.clear();
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    std::string address, scenario_path, control;
+    for (int i = 1; i < argc; i++) {
+        std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            usage(stdout);
+            return 0;
+        }
+        if ((arg == "--address" || arg == "--scenario" || arg == "--control") && i + 1 < argc) {
+            std::string value = argv[++i];
+            if (arg == "--address")
+                address = value;
+            else if (arg == "--scenario")
+                scenario_path = value;
+            else
+                control = value;
+            continue;
+        }
+        fprintf(stderr, "connman-sim: unexpected argument \"%s\"\n", arg.c_str());
+        usage(stderr);
+        return exit_usage;
+    }
+    if (address.empty()) {
+        const char *env = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+        if (!env || !*env) {
+            fprintf(stderr, "connman-sim: no --address and no DBUS_SYSTEM_BUS_ADDRESS\n");
+            return exit_usage;
+        }
+        address = env;
+    }
+
+    Scenario scenario;
+    if (!scenario_path.empty()) {
+        std::string error;
+        if (!load_scenario_file(scenario_path, scenario, error)) {
+            fprintf(stderr, "connman-sim: %s\n", error.c_str());
+            return exit_usage;
+        }
+    }
+
+    int input = STDIN_FILENO;
+    if (!control.empty()) {
+        // Read-write, so the FIFO never reports end of file between writers.
+        input = open(control.c_str(), O_RDWR | O_CLOEXEC);
+        if (input < 0) {
+            fprintf(stderr, "connman-sim: cannot open %s: %s\n", control.c_str(), strerror(errno));
+            return exit_usage;
+        }
+    }
+
+    // Signals are taken through a descriptor; the simulator's thread
+    // inherits the blocked mask.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    int signal_fd = signalfd(-1, &signals, SFD_CLOEXEC);
+    signal(SIGPIPE, SIG_IGN);
+
+    Simulator sim;
+    apply_scenario(sim, scenario);
+    if (!sim.start(address)) {
+        fprintf(stderr, "connman-sim: cannot own net.connman on %s\n", address.c_str());
+        return 1;
+    }
+    printf("connman-sim: running on %s\n", address.c_str());
+    fflush(stdout);
+
+    std::string pending;
+    bool input_open = true;
+    for (;;) {
+        struct pollfd fds[2] = {{signal_fd, POLLIN, 0}, {input, POLLIN, 0}};
+        int n = poll(fds, input_open ? 2 : 1, -1);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        if (fds[0].revents)
+            break;
+        if (input_open && fds[1].revents) {
+            char buffer[4096];
+            ssize_t got = read(input, buffer, sizeof buffer);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0) {
+                // Standard input closed: keep serving until a signal.
+                input_open = false;
+                continue;
+            }
+            if (!run_lines(sim, pending, buffer, static_cast<size_t>(got)))
+                break;
+        }
+    }
+    sim.stop();
+    if (input != STDIN_FILENO)
+        close(input);
+    close(signal_fd);
+    return 0;
+}

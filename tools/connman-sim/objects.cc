@@ -1,0 +1,921 @@
+// The simulator's face on the bus: the exported Manager, Technology and
+// Service objects, their method handlers, and the calls it makes to the
+// registered agent.
+#include "sim_internal.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace connman_sim
+{
+
+namespace
+{
+
+const char introspection_xml[] = R"XML(
+<node>
+  <interface name="net.connman.Manager">
+    <method name="GetProperties"><arg name="properties" type="a{sv}" direction="out"/></method>
+    <method name="SetProperty">
+      <arg name="name" type="s" direction="in"/><arg name="value" type="v" direction="in"/>
+    </method>
+    <method name="GetTechnologies">
+      <arg name="technologies" type="a(oa{sv})" direction="out"/>
+    </method>
+    <method name="GetServices"><arg name="services" type="a(oa{sv})" direction="out"/></method>
+    <method name="RegisterAgent"><arg name="path" type="o" direction="in"/></method>
+    <method name="UnregisterAgent"><arg name="path" type="o" direction="in"/></method>
+    <signal name="PropertyChanged"><arg name="name" type="s"/><arg name="value" type="v"/></signal>
+    <signal name="TechnologyAdded">
+      <arg name="path" type="o"/><arg name="properties" type="a{sv}"/>
+    </signal>
+    <signal name="TechnologyRemoved"><arg name="path" type="o"/></signal>
+    <signal name="ServicesChanged">
+      <arg name="changed" type="a(oa{sv})"/><arg name="removed" type="ao"/>
+    </signal>
+  </interface>
+  <interface name="net.connman.Technology">
+    <method name="GetProperties"><arg name="properties" type="a{sv}" direction="out"/></method>
+    <method name="SetProperty">
+      <arg name="name" type="s" direction="in"/><arg name="value" type="v" direction="in"/>
+    </method>
+    <method name="Scan"/>
+    <signal name="PropertyChanged"><arg name="name" type="s"/><arg name="value" type="v"/></signal>
+  </interface>
+  <interface name="net.connman.Service">
+    <method name="GetProperties"><arg name="properties" type="a{sv}" direction="out"/></method>
+    <method name="SetProperty">
+      <arg name="name" type="s" direction="in"/><arg name="value" type="v" direction="in"/>
+    </method>
+    <method name="ClearProperty"><arg name="name" type="s" direction="in"/></method>
+    <method name="Connect"/>
+    <method name="Disconnect"/>
+    <method name="Remove"/>
+    <signal name="PropertyChanged"><arg name="name" type="s"/><arg name="value" type="v"/></signal>
+  </interface>
+</node>
+)XML";
+
+GDBusNodeInfo *node_info()
+{
+    static GDBusNodeInfo *info = g_dbus_node_info_new_for_xml(introspection_xml, nullptr);
+    return info;
+}
+
+GDBusInterfaceInfo *interface_info(const char *name)
+{
+    return g_dbus_node_info_lookup_interface(node_info(), name);
+}
+
+struct ObjectRef {
+    Engine *impl;
+};
+
+void on_method_call(GDBusConnection *, const gchar *sender, const gchar *path,
+                    const gchar *interface, const gchar *member, GVariant *args,
+                    GDBusMethodInvocation *call, gpointer data)
+{
+    static_cast<ObjectRef *>(data)->impl->handle_call(sender, path, interface, member, args, call);
+}
+
+const GDBusInterfaceVTable vtable = {on_method_call, nullptr, nullptr, {nullptr}};
+
+void free_ref(gpointer data)
+{
+    delete static_cast<ObjectRef *>(data);
+}
+
+void error_reply(GDBusMethodInvocation *call, const char *name, const char *message)
+{
+    g_dbus_method_invocation_return_dbus_error(call, name, message);
+}
+
+void invalid_arguments(GDBusMethodInvocation *call)
+{
+    error_reply(call, "net.connman.Error.InvalidArguments", "Invalid arguments");
+}
+
+void invalid_property(GDBusMethodInvocation *call)
+{
+    error_reply(call, "net.connman.Error.InvalidProperty", "Invalid property");
+}
+
+bool is_ipv4(const std::string &text)
+{
+    in_addr addr;
+    return inet_pton(AF_INET, text.c_str(), &addr) == 1;
+}
+
+bool is_ipv6(const std::string &text)
+{
+    in6_addr addr;
+    return inet_pton(AF_INET6, text.c_str(), &addr) == 1;
+}
+
+bool is_netmask(const std::string &text)
+{
+    in_addr addr;
+    if (inet_pton(AF_INET, text.c_str(), &addr) != 1)
+        return false;
+    uint32_t mask = ntohl(addr.s_addr);
+    // Contiguous ones from the top: inverting gives 2^k - 1.
+    uint32_t inverted = ~mask;
+    return mask != 0 && (inverted & (inverted + 1)) == 0;
+}
+
+// Reads a string entry of an a{sv} dictionary; false when present with
+// another type.
+bool dict_string(GVariant *dict, const char *key, std::string &out, bool &present)
+{
+    present = false;
+    GVariant *value = g_variant_lookup_value(dict, key, nullptr);
+    if (!value)
+        return true;
+    bool ok = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING);
+    if (ok) {
+        out = g_variant_get_string(value, nullptr);
+        present = true;
+    }
+    g_variant_unref(value);
+    return ok;
+}
+
+bool dict_strings(GVariant *dict, const char *key, std::vector<std::string> &out, bool &present)
+{
+    present = false;
+    GVariant *value = g_variant_lookup_value(dict, key, nullptr);
+    if (!value)
+        return true;
+    bool ok = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY);
+    if (ok) {
+        out.clear();
+        gsize n = 0;
+        const gchar **items = g_variant_get_strv(value, &n);
+        for (gsize i = 0; i < n; i++)
+            if (items[i][0])
+                out.push_back(items[i]);
+        g_free(items);
+        present = true;
+    }
+    g_variant_unref(value);
+    return ok;
+}
+
+bool read_string_list(GVariant *value, std::vector<std::string> &out)
+{
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY))
+        return false;
+    out.clear();
+    gsize n = 0;
+    const gchar **items = g_variant_get_strv(value, &n);
+    for (gsize i = 0; i < n; i++)
+        if (items[i][0])
+            out.push_back(items[i]);
+    g_free(items);
+    return true;
+}
+
+bool valid_passphrase(const std::string &security, const std::string &key)
+{
+    auto all_hex = [&] {
+        return std::all_of(key.begin(), key.end(), [](char c) { return g_ascii_isxdigit(c); });
+    };
+    if (security == "psk")
+        return (key.size() >= 8 && key.size() <= 63) || (key.size() == 64 && all_hex());
+    if (security == "wep")
+        return key.size() == 5 || key.size() == 13 ||
+               ((key.size() == 10 || key.size() == 26) && all_hex());
+    return !key.empty();
+}
+
+std::string secret_type(const Network &net)
+{
+    for (const auto &s : net.security)
+        if (s == "psk" || s == "wep" || s == "ieee8021x")
+            return s;
+    return "";
+}
+
+bool offers_wps(const Network &net)
+{
+    return std::find(net.security.begin(), net.security.end(), "wps") != net.security.end();
+}
+
+GVariant *field(const char *type, const char *requirement, const char *alternate = nullptr)
+{
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+    g_variant_builder_add(&b, "{sv}", "Type", g_variant_new_string(type));
+    g_variant_builder_add(&b, "{sv}", "Requirement", g_variant_new_string(requirement));
+    if (alternate) {
+        const char *alternates[] = {alternate, nullptr};
+        g_variant_builder_add(&b, "{sv}", "Alternates", g_variant_new_strv(alternates, -1));
+    }
+    return g_variant_builder_end(&b);
+}
+
+struct AgentCall {
+    Engine *impl;
+    std::string ident; // empty for calls whose answer is only recorded
+    unsigned request;
+    std::string member;
+};
+
+} // namespace
+
+// ---------------------------------------------------------------- bus
+
+bool Engine::connect_bus(const std::string &address)
+{
+    if (connection)
+        return true;
+    GError *error = nullptr;
+    auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    GDBusConnection *conn =
+        g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &error);
+    if (!conn) {
+        fprintf(stderr, "connman-sim: cannot connect to %s: %s\n", address.c_str(), error->message);
+        g_error_free(error);
+        return false;
+    }
+    g_dbus_connection_set_exit_on_close(conn, FALSE);
+    connection = conn;
+
+    // Clients that arrive now read the lists; signals start from here.
+    removed_paths.clear();
+    last_order.clear();
+    for (Svc *svc : ordered_visible()) {
+        svc->announced_new = true;
+        svc->changed.clear();
+        last_order.push_back(svc->net.ident);
+    }
+    register_manager();
+    for (auto &tech : techs)
+        register_tech(*tech);
+    for (auto &svc : svcs)
+        if (svc->visible)
+            register_svc(*svc);
+
+    GVariant *reply = g_dbus_connection_call_sync(
+        conn, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "RequestName", g_variant_new("(su)", "net.connman", 4u /* DO_NOT_QUEUE */),
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
+    guint32 result = 0;
+    if (reply) {
+        g_variant_get(reply, "(u)", &result);
+        g_variant_unref(reply);
+    } else {
+        fprintf(stderr, "connman-sim: RequestName failed: %s\n", error->message);
+        g_error_free(error);
+    }
+    if (result != 1 /* PRIMARY_OWNER */) {
+        if (reply)
+            fprintf(stderr, "connman-sim: net.connman is already owned on %s\n", address.c_str());
+        disconnect_bus();
+        return false;
+    }
+    return true;
+}
+
+void Engine::disconnect_bus()
+{
+    if (!connection)
+        return;
+    // Connections in progress end with the daemon; established ones stay.
+    for (auto &svc : svcs) {
+        if (svc->connect_call || svc->agent_request || svc->step_timer)
+            abort_connect(*svc);
+    }
+    for (auto &tech : techs) {
+        clear_timer(tech->scan_timer);
+        for (auto *call : tech->scan_waiters)
+            error_reply(call, "net.connman.Error.OperationAborted", "Operation aborted");
+        tech->scan_waiters.clear();
+    }
+    clear_timer(services_changed_timer);
+    forget_agent();
+    unregister(manager_registration);
+    for (auto &tech : techs)
+        unregister(tech->registration);
+    for (auto &svc : svcs)
+        unregister(svc->registration);
+    GDBusConnection *conn = connection;
+    connection = nullptr;
+    g_dbus_connection_close_sync(conn, nullptr, nullptr);
+    g_object_unref(conn);
+}
+
+void Engine::emit(const std::string &path, const char *interface, const char *member,
+                  GVariant *args)
+{
+    g_variant_ref_sink(args);
+    if (connection)
+        g_dbus_connection_emit_signal(connection, nullptr, path.c_str(), interface, member, args,
+                                      nullptr);
+    g_variant_unref(args);
+}
+
+void Engine::register_manager()
+{
+    manager_registration =
+        g_dbus_connection_register_object(connection, "/", interface_info("net.connman.Manager"),
+                                          &vtable, new ObjectRef{this}, free_ref, nullptr);
+}
+
+void Engine::register_tech(Tech &tech)
+{
+    if (!connection || tech.registration)
+        return;
+    std::string path = "/net/connman/technology/" + tech.type;
+    tech.registration = g_dbus_connection_register_object(
+        connection, path.c_str(), interface_info("net.connman.Technology"), &vtable,
+        new ObjectRef{this}, free_ref, nullptr);
+}
+
+void Engine::register_svc(Svc &svc)
+{
+    if (!connection || svc.registration)
+        return;
+    svc.registration = g_dbus_connection_register_object(
+        connection, svc.path().c_str(), interface_info("net.connman.Service"), &vtable,
+        new ObjectRef{this}, free_ref, nullptr);
+}
+
+void Engine::unregister(guint &registration)
+{
+    if (registration && connection)
+        g_dbus_connection_unregister_object(connection, registration);
+    registration = 0;
+}
+
+// ---------------------------------------------------------------- dispatch
+
+void Engine::handle_call(const char *sender, const char *path, const char *interface,
+                         const char *member, GVariant *args, GDBusMethodInvocation *call)
+{
+    calls.push_back(Call{path, interface, member, print_variant(g_variant_ref(args))});
+    std::string p = path;
+    if (p == "/") {
+        manager_call(sender, member, args, call);
+        return;
+    }
+    const std::string tech_prefix = "/net/connman/technology/";
+    const std::string svc_prefix = "/net/connman/service/";
+    if (p.compare(0, tech_prefix.size(), tech_prefix) == 0) {
+        if (Tech *tech = find_tech(p.substr(tech_prefix.size()))) {
+            tech_call(*tech, member, args, call);
+            return;
+        }
+    } else if (p.compare(0, svc_prefix.size(), svc_prefix) == 0) {
+        Svc *svc = find_svc(p.substr(svc_prefix.size()));
+        if (svc && svc->visible) {
+            svc_call(*svc, member, args, call);
+            return;
+        }
+    }
+    error_reply(call, "org.freedesktop.DBus.Error.UnknownObject", "No such object");
+}
+
+void Engine::manager_call(const char *sender, const char *member, GVariant *args,
+                          GDBusMethodInvocation *call)
+{
+    std::string m = member;
+    if (m == "GetProperties") {
+        GVariantBuilder b;
+        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+        g_variant_builder_add(&b, "{sv}", "State", g_variant_new_string(manager_state.c_str()));
+        g_variant_builder_add(&b, "{sv}", "OfflineMode", g_variant_new_boolean(offline));
+        g_variant_builder_add(&b, "{sv}", "SessionMode", g_variant_new_boolean(FALSE));
+        g_dbus_method_invocation_return_value(call,
+                                              g_variant_new("(@a{sv})", g_variant_builder_end(&b)));
+    } else if (m == "SetProperty") {
+        const char *name = nullptr;
+        GVariant *value = nullptr;
+        g_variant_get(args, "(&sv)", &name, &value);
+        if (strcmp(name, "OfflineMode") != 0) {
+            invalid_property(call);
+        } else if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
+            invalid_arguments(call);
+        } else {
+            set_offline(g_variant_get_boolean(value));
+            g_dbus_method_invocation_return_value(call, nullptr);
+        }
+        g_variant_unref(value);
+    } else if (m == "GetTechnologies") {
+        GVariantBuilder b;
+        g_variant_builder_init(&b, G_VARIANT_TYPE("a(oa{sv})"));
+        for (auto &tech : techs) {
+            std::string path = "/net/connman/technology/" + tech->type;
+            g_variant_builder_add(&b, "(o@a{sv})", path.c_str(), tech_properties(*tech));
+        }
+        g_dbus_method_invocation_return_value(
+            call, g_variant_new("(@a(oa{sv}))", g_variant_builder_end(&b)));
+    } else if (m == "GetServices") {
+        GVariantBuilder b;
+        g_variant_builder_init(&b, G_VARIANT_TYPE("a(oa{sv})"));
+        for (Svc *svc : ordered_visible())
+            g_variant_builder_add(&b, "(o@a{sv})", svc->path().c_str(), service_properties(*svc));
+        g_dbus_method_invocation_return_value(
+            call, g_variant_new("(@a(oa{sv}))", g_variant_builder_end(&b)));
+    } else if (m == "RegisterAgent") {
+        const char *path = nullptr;
+        g_variant_get(args, "(&o)", &path);
+        if (!agent_sender.empty()) {
+            error_reply(call, "net.connman.Error.AlreadyExists", "Already exists");
+            return;
+        }
+        agent_sender = sender;
+        agent_object = path;
+        agent_watch = g_bus_watch_name_on_connection(
+            connection, sender, G_BUS_NAME_WATCHER_FLAGS_NONE, nullptr,
+            [](GDBusConnection *, const gchar *name, gpointer data) {
+                auto *self = static_cast<Engine *>(data);
+                if (self->agent_sender == name)
+                    self->forget_agent();
+            },
+            this, nullptr);
+        g_dbus_method_invocation_return_value(call, nullptr);
+    } else if (m == "UnregisterAgent") {
+        const char *path = nullptr;
+        g_variant_get(args, "(&o)", &path);
+        if (agent_sender != sender || agent_object != path) {
+            error_reply(call, "net.connman.Error.InvalidArguments", "Invalid arguments");
+            return;
+        }
+        forget_agent();
+        g_dbus_method_invocation_return_value(call, nullptr);
+    } else {
+        error_reply(call, "org.freedesktop.DBus.Error.UnknownMethod", "Unknown method");
+    }
+}
+
+// ---------------------------------------------------------------- technology
+
+void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMethodInvocation *call)
+{
+    std::string m = member;
+    if (m == "GetProperties") {
+        g_dbus_method_invocation_return_value(call,
+                                              g_variant_new("(@a{sv})", tech_properties(tech)));
+    } else if (m == "SetProperty") {
+        const char *name = nullptr;
+        GVariant *value = nullptr;
+        g_variant_get(args, "(&sv)", &name, &value);
+        std::string n = name;
+        if (n == "Powered" || n == "Tethering") {
+            if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
+                invalid_arguments(call);
+            } else {
+                bool want = g_variant_get_boolean(value);
+                bool now = n == "Powered" ? tech.powered : tech.tethering;
+                if (want == now) {
+                    error_reply(call,
+                                want ? "net.connman.Error.AlreadyEnabled"
+                                     : "net.connman.Error.AlreadyDisabled",
+                                want ? "Already enabled" : "Already disabled");
+                } else if (n == "Powered") {
+                    set_powered(tech, want);
+                    g_dbus_method_invocation_return_value(call, nullptr);
+                } else if (tech.type == "p2p") {
+                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
+                } else if (want && tech.type == "wifi" &&
+                           (tech.tethering_identifier.empty() ||
+                            tech.tethering_passphrase.size() < 8)) {
+                    error_reply(call, "net.connman.Error.PassphraseRequired",
+                                "Passphrase required");
+                } else if (want && !tech.powered) {
+                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
+                } else {
+                    tech.tethering = want;
+                    emit_tech_property(tech, "Tethering");
+                    g_dbus_method_invocation_return_value(call, nullptr);
+                }
+            }
+        } else if (n == "TetheringIdentifier" || n == "TetheringPassphrase") {
+            if (!g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
+                invalid_arguments(call);
+            } else {
+                std::string text = g_variant_get_string(value, nullptr);
+                bool identifier = n == "TetheringIdentifier";
+                if (tech.type != "wifi") {
+                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
+                } else if (identifier ? (text.empty() || text.size() > 32)
+                                      : !valid_passphrase("psk", text)) {
+                    invalid_arguments(call);
+                } else {
+                    std::string &field =
+                        identifier ? tech.tethering_identifier : tech.tethering_passphrase;
+                    if (field != text) {
+                        field = text;
+                        emit_tech_property(tech, name);
+                    }
+                    g_dbus_method_invocation_return_value(call, nullptr);
+                }
+            }
+        } else {
+            invalid_property(call);
+        }
+        g_variant_unref(value);
+    } else if (m == "Scan") {
+        if (tech.type != "wifi") {
+            error_reply(call, "net.connman.Error.NotSupported", "Not supported");
+            return;
+        }
+        if (!tech.powered) {
+            error_reply(call, "net.connman.Error.NoCarrier", "No carrier");
+            return;
+        }
+        // Scans asked for while one runs are answered when it ends.
+        tech.scan_waiters.push_back(call);
+        if (tech.scan_timer)
+            return;
+        Tech *t = &tech;
+        tech.scan_timer = add_timer(scan_ms, [this, t] {
+            clear_timer(t->scan_timer);
+            emit_services_changed();
+            for (auto *waiter : t->scan_waiters)
+                g_dbus_method_invocation_return_value(waiter, nullptr);
+            t->scan_waiters.clear();
+        });
+    } else {
+        error_reply(call, "org.freedesktop.DBus.Error.UnknownMethod", "Unknown method");
+    }
+}
+
+// ---------------------------------------------------------------- service
+
+void Engine::svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodInvocation *call)
+{
+    std::string m = member;
+    if (m == "GetProperties") {
+        g_dbus_method_invocation_return_value(call,
+                                              g_variant_new("(@a{sv})", service_properties(svc)));
+    } else if (m == "SetProperty") {
+        const char *name = nullptr;
+        GVariant *value = nullptr;
+        g_variant_get(args, "(&sv)", &name, &value);
+        svc_set_property(svc, name, value, call);
+        g_variant_unref(value);
+    } else if (m == "ClearProperty") {
+        const char *name = nullptr;
+        g_variant_get(args, "(&s)", &name);
+        if (strcmp(name, "Error") != 0) {
+            invalid_property(call);
+            return;
+        }
+        set_error(svc, "");
+        if (svc.state == "failure")
+            set_state(svc, "idle");
+        g_dbus_method_invocation_return_value(call, nullptr);
+    } else if (m == "Connect") {
+        if (svc.connected()) {
+            error_reply(call, "net.connman.Error.AlreadyConnected", "Already connected");
+        } else if (svc.connecting() || svc.agent_request || svc.connect_call) {
+            error_reply(call, "net.connman.Error.InProgress", "In progress");
+        } else if (svc.net.type == "ethernet" && !svc.net.carrier) {
+            error_reply(call, "net.connman.Error.NoCarrier", "No carrier");
+        } else {
+            svc.user_disconnected = false;
+            start_connect(svc, call);
+        }
+    } else if (m == "Disconnect") {
+        if (!svc.connected() && !svc.connecting() && !svc.agent_request) {
+            error_reply(call, "net.connman.Error.NotConnected", "Not connected");
+            return;
+        }
+        svc.user_disconnected = true;
+        disconnect(svc);
+        g_dbus_method_invocation_return_value(call, nullptr);
+    } else if (m == "Remove") {
+        if (svc.net.type == "ethernet") {
+            error_reply(call, "net.connman.Error.NotSupported", "Not supported");
+            return;
+        }
+        forget(svc);
+        g_dbus_method_invocation_return_value(call, nullptr);
+    } else {
+        error_reply(call, "org.freedesktop.DBus.Error.UnknownMethod", "Unknown method");
+    }
+}
+
+void Engine::svc_set_property(Svc &svc, const char *name, GVariant *value,
+                              GDBusMethodInvocation *call)
+{
+    std::string n = name;
+    auto ok = [&] { g_dbus_method_invocation_return_value(call, nullptr); };
+
+    if (n == "AutoConnect") {
+        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN))
+            return invalid_arguments(call);
+        bool on = g_variant_get_boolean(value);
+        if (on != svc.autoconnect) {
+            svc.autoconnect = on;
+            emit_service_property(svc, "AutoConnect");
+        }
+        return ok();
+    }
+
+    if (n == "Nameservers.Configuration" || n == "Timeservers.Configuration" ||
+        n == "Domains.Configuration") {
+        std::vector<std::string> list;
+        if (!read_string_list(value, list))
+            return invalid_arguments(call);
+        if (n == "Nameservers.Configuration") {
+            for (const auto &server : list)
+                if (!is_ipv4(server) && !is_ipv6(server))
+                    return invalid_arguments(call);
+            svc.nameservers_config = list;
+        } else if (n == "Timeservers.Configuration") {
+            svc.timeservers_config = list;
+        } else {
+            svc.domains_config = list;
+        }
+        emit_service_property(svc, name);
+        if (svc.connected())
+            emit_service_property(svc, n.substr(0, n.find('.')).c_str());
+        return ok();
+    }
+
+    if (n == "IPv4.Configuration") {
+        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+            return invalid_arguments(call);
+        Ipv4Config config;
+        bool has_method, has_address, has_netmask, has_gateway;
+        if (!dict_string(value, "Method", config.method, has_method) ||
+            !dict_string(value, "Address", config.address, has_address) ||
+            !dict_string(value, "Netmask", config.netmask, has_netmask) ||
+            !dict_string(value, "Gateway", config.gateway, has_gateway) || !has_method)
+            return invalid_arguments(call);
+        if (config.method == "manual") {
+            if (!is_ipv4(config.address) || !is_netmask(config.netmask) ||
+                (!config.gateway.empty() && !is_ipv4(config.gateway)))
+                return invalid_arguments(call);
+        } else if (config.method == "dhcp" || config.method == "off") {
+            config.address.clear();
+            config.netmask.clear();
+            config.gateway.clear();
+        } else {
+            return invalid_arguments(call);
+        }
+        svc.ipv4_config = config;
+        emit_service_property(svc, "IPv4.Configuration");
+        if (svc.connected())
+            emit_service_property(svc, "IPv4");
+        return ok();
+    }
+
+    if (n == "IPv6.Configuration") {
+        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+            return invalid_arguments(call);
+        Ipv6Config config;
+        bool has_method, has_address, has_gateway, has_privacy;
+        if (!dict_string(value, "Method", config.method, has_method) ||
+            !dict_string(value, "Address", config.address, has_address) ||
+            !dict_string(value, "Gateway", config.gateway, has_gateway) ||
+            !dict_string(value, "Privacy", config.privacy, has_privacy) || !has_method)
+            return invalid_arguments(call);
+        if (!has_privacy || config.privacy.empty())
+            config.privacy = svc.ipv6_config.privacy;
+        if (config.privacy != "disabled" && config.privacy != "enabled" &&
+            config.privacy != "prefered" && config.privacy != "preferred")
+            return invalid_arguments(call);
+        // Clients send the prefix as a byte; accept a 16-bit value as well.
+        unsigned prefix = 0;
+        GVariant *length = g_variant_lookup_value(value, "PrefixLength", nullptr);
+        if (!length)
+            length = g_variant_lookup_value(value, "Prefix", nullptr);
+        if (length) {
+            if (g_variant_is_of_type(length, G_VARIANT_TYPE_BYTE))
+                prefix = g_variant_get_byte(length);
+            else if (g_variant_is_of_type(length, G_VARIANT_TYPE_UINT16))
+                prefix = g_variant_get_uint16(length);
+            else
+                prefix = 1000;
+            g_variant_unref(length);
+        }
+        if (config.method == "manual") {
+            if (!is_ipv6(config.address) || prefix < 1 || prefix > 128 ||
+                (!config.gateway.empty() && !is_ipv6(config.gateway)))
+                return invalid_arguments(call);
+            config.prefix = static_cast<uint8_t>(prefix);
+        } else if (config.method == "auto" || config.method == "off") {
+            config.address.clear();
+            config.gateway.clear();
+            config.prefix = 0;
+        } else {
+            return invalid_arguments(call);
+        }
+        svc.ipv6_config = config;
+        emit_service_property(svc, "IPv6.Configuration");
+        if (svc.connected())
+            emit_service_property(svc, "IPv6");
+        return ok();
+    }
+
+    if (n == "Proxy.Configuration") {
+        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+            return invalid_arguments(call);
+        ProxyConfig config;
+        bool has_method, has_url, has_servers, has_excludes;
+        if (!dict_string(value, "Method", config.method, has_method) ||
+            !dict_string(value, "URL", config.url, has_url) ||
+            !dict_strings(value, "Servers", config.servers, has_servers) ||
+            !dict_strings(value, "Excludes", config.excludes, has_excludes) || !has_method)
+            return invalid_arguments(call);
+        if (config.method == "direct") {
+            config.url.clear();
+            config.servers.clear();
+            config.excludes.clear();
+        } else if (config.method == "auto") {
+            config.servers.clear();
+            config.excludes.clear();
+        } else if (config.method == "manual") {
+            if (config.servers.empty())
+                return invalid_arguments(call);
+            config.url.clear();
+        } else {
+            return invalid_arguments(call);
+        }
+        svc.proxy_config = config;
+        emit_service_property(svc, "Proxy.Configuration");
+        if (svc.connected())
+            emit_service_property(svc, "Proxy");
+        return ok();
+    }
+
+    invalid_property(call);
+}
+
+// ---------------------------------------------------------------- agent
+
+void Engine::forget_agent()
+{
+    if (agent_watch)
+        g_bus_unwatch_name(agent_watch);
+    agent_watch = 0;
+    agent_sender.clear();
+    agent_object.clear();
+}
+
+void Engine::cancel_agent_request(Svc &svc)
+{
+    svc.agent_request = 0;
+    if (svc.agent_cancellable) {
+        g_cancellable_cancel(svc.agent_cancellable);
+        g_object_unref(svc.agent_cancellable);
+        svc.agent_cancellable = nullptr;
+    }
+}
+
+static void agent_call_done(GObject *source, GAsyncResult *result, gpointer data)
+{
+    auto *ctx = static_cast<AgentCall *>(data);
+    GError *error = nullptr;
+    GVariant *reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+    Engine *impl = ctx->impl;
+    impl->outstanding_calls--;
+    if (ctx->member == "RequestInput") {
+        impl->input_answered(ctx->ident, ctx->request, reply, error);
+    } else if (!(error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))) {
+        if (error) {
+            gchar *remote = g_dbus_error_get_remote_error(error);
+            impl->agent_reply = remote ? remote : error->message;
+            g_free(remote);
+        } else {
+            impl->agent_reply = print_variant(g_variant_ref(reply));
+        }
+    }
+    if (reply)
+        g_variant_unref(reply);
+    if (error)
+        g_error_free(error);
+    delete ctx;
+}
+
+void Engine::call_agent(const char *member, GVariant *args)
+{
+    g_variant_ref_sink(args);
+    if (connection && !agent_sender.empty()) {
+        outstanding_calls++;
+        g_dbus_connection_call(connection, agent_sender.c_str(), agent_object.c_str(),
+                               "net.connman.Agent", member, args, nullptr, G_DBUS_CALL_FLAGS_NONE,
+                               120000, nullptr, agent_call_done,
+                               new AgentCall{this, "", 0, member});
+    }
+    g_variant_unref(args);
+}
+
+// Asks the agent for what the network needs, the way the daemon does.
+void Engine::request_input(Svc &svc)
+{
+    GVariantBuilder fields;
+    g_variant_builder_init(&fields, G_VARIANT_TYPE("a{sv}"));
+    if (svc.net.hidden) {
+        g_variant_builder_add(&fields, "{sv}", "Name", field("string", "mandatory", "SSID"));
+        g_variant_builder_add(&fields, "{sv}", "SSID", field("ssid", "alternate"));
+    }
+    std::string secret = secret_type(svc.net);
+    if (secret == "ieee8021x") {
+        g_variant_builder_add(&fields, "{sv}", "Identity", field("string", "mandatory"));
+        g_variant_builder_add(&fields, "{sv}", "Passphrase", field("passphrase", "mandatory"));
+    } else if (!secret.empty()) {
+        bool wps = offers_wps(svc.net);
+        g_variant_builder_add(&fields, "{sv}", "Passphrase",
+                              field(secret.c_str(), "mandatory", wps ? "WPS" : nullptr));
+        if (wps)
+            g_variant_builder_add(&fields, "{sv}", "WPS", field("wpspin", "alternate"));
+    }
+    svc.agent_request = next_agent_request++;
+    svc.agent_cancellable = g_cancellable_new();
+    request_inputs++;
+    outstanding_calls++;
+    // The user may take a while to type; the daemon waits minutes.
+    g_dbus_connection_call(
+        connection, agent_sender.c_str(), agent_object.c_str(), "net.connman.Agent", "RequestInput",
+        g_variant_new("(o@a{sv})", svc.path().c_str(), g_variant_builder_end(&fields)),
+        G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NONE, 120000, svc.agent_cancellable,
+        agent_call_done, new AgentCall{this, svc.net.ident, svc.agent_request, "RequestInput"});
+}
+
+void Engine::input_answered(const std::string &ident, unsigned request, GVariant *reply,
+                            GError *error)
+{
+    if (error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
+        return;
+    std::string remote;
+    if (error) {
+        gchar *name = g_dbus_error_get_remote_error(error);
+        remote = name ? name : error->message;
+        g_free(name);
+        agent_reply = remote;
+    } else {
+        agent_reply = print_variant(g_variant_ref(reply));
+    }
+    Svc *svc = find_svc(ident);
+    if (!svc || svc->agent_request != request)
+        return;
+    cancel_agent_request(*svc);
+
+    if (error) {
+        bool timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+                         remote == "org.freedesktop.DBus.Error.NoReply";
+        if (timed_out)
+            finish_connect(*svc, "net.connman.Error.OperationTimeout", "Operation timeout");
+        else
+            finish_connect(*svc, "net.connman.Error.OperationAborted", "Operation aborted");
+        return;
+    }
+
+    GVariant *answer = g_variant_get_child_value(reply, 0);
+    std::string name, passphrase, identity, wps;
+    bool has_name, has_passphrase, has_identity, has_wps;
+    dict_string(answer, "Name", name, has_name);
+    dict_string(answer, "Passphrase", passphrase, has_passphrase);
+    dict_string(answer, "Identity", identity, has_identity);
+    dict_string(answer, "WPS", wps, has_wps);
+    if (!has_name) {
+        GVariant *ssid = g_variant_lookup_value(answer, "SSID", G_VARIANT_TYPE_BYTESTRING);
+        if (ssid) {
+            gsize n = 0;
+            const void *bytes = g_variant_get_fixed_array(ssid, &n, 1);
+            name.assign(static_cast<const char *>(bytes), n);
+            has_name = true;
+            g_variant_unref(ssid);
+        }
+    }
+    g_variant_unref(answer);
+
+    const Network &net = svc->net;
+    std::string secret = secret_type(net);
+    if (net.hidden && (!has_name || name != net.hidden_name)) {
+        // No network of that name answers the probe.
+        set_error(*svc, "connect-failed");
+        set_state(*svc, "failure");
+        call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "connect-failed"));
+        finish_connect(*svc, "net.connman.Error.Failed", "Connect failed");
+        return;
+    }
+    if (!secret.empty()) {
+        bool via_wps = has_wps && offers_wps(net) && !has_passphrase;
+        bool missing = !via_wps && (!has_passphrase || (secret == "ieee8021x" && !has_identity));
+        if (missing) {
+            finish_connect(*svc, "net.connman.Error.InvalidArguments", "Invalid arguments");
+            return;
+        }
+        if (!via_wps && passphrase != net.passphrase) {
+            // The handshake fails: the daemon marks the key invalid and tells the agent.
+            set_state(*svc, "association");
+            set_error(*svc, "invalid-key");
+            set_state(*svc, "failure");
+            call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "invalid-key"));
+            finish_connect(*svc, "net.connman.Error.InvalidArguments", "Invalid arguments");
+            return;
+        }
+    }
+    begin_association(*svc);
+}
+
+} // namespace connman_sim

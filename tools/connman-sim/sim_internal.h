@@ -1,0 +1,207 @@
+// Internal state of the simulator, shared by the world model (simulator.cc)
+// and the D-Bus objects (objects.cc). Everything here is touched only on the
+// simulator's own thread.
+#pragma once
+
+#include "connman_sim.h"
+
+#include <gio/gio.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace connman_sim
+{
+
+struct Ipv4Config {
+    std::string method = "dhcp";
+    std::string address;
+    std::string netmask;
+    std::string gateway;
+};
+
+struct Ipv6Config {
+    std::string method = "auto";
+    std::string address;
+    uint8_t prefix = 0;
+    std::string gateway;
+    std::string privacy = "disabled";
+};
+
+struct ProxyConfig {
+    std::string method; // empty: never configured
+    std::string url;
+    std::vector<std::string> servers;
+    std::vector<std::string> excludes;
+};
+
+struct Tech {
+    std::string type;
+    bool powered = false;
+    bool connected = false;
+    bool tethering = false;
+    std::string tethering_identifier;
+    std::string tethering_passphrase;
+    bool powered_before_offline = false;
+    guint registration = 0;
+    GSource *scan_timer = nullptr;
+    std::vector<GDBusMethodInvocation *> scan_waiters;
+};
+
+struct Svc {
+    Network net;
+    std::string state = "idle";
+    std::string error;
+    bool favorite = false;
+    bool autoconnect = false;
+    // Credentials the daemon remembers after a successful connection.
+    bool has_credentials = false;
+    // Ethernet stays down after an explicit Disconnect until Connect.
+    bool user_disconnected = false;
+
+    std::vector<std::string> nameservers_config;
+    std::vector<std::string> timeservers_config;
+    std::vector<std::string> domains_config;
+    Ipv4Config ipv4_config;
+    Ipv6Config ipv6_config;
+    ProxyConfig proxy_config;
+
+    // Bus presence and ServicesChanged bookkeeping.
+    bool visible = false;
+    guint registration = 0;
+    bool announced_new = false;
+    std::set<std::string> changed;
+
+    // Connection in progress.
+    GDBusMethodInvocation *connect_call = nullptr;
+    GSource *step_timer = nullptr;
+    unsigned agent_request = 0; // id of the RequestInput in flight, 0 when none
+    GCancellable *agent_cancellable = nullptr;
+
+    std::string path() const { return "/net/connman/service/" + net.ident; }
+    bool is_wifi() const { return net.type == "wifi"; }
+    bool connected() const { return state == "ready" || state == "online"; }
+    bool connecting() const { return state == "association" || state == "configuration"; }
+};
+
+struct Engine {
+    Engine();
+    ~Engine();
+
+    // ---- thread and marshalling ----
+    GMainContext *context = nullptr;
+    GMainLoop *loop = nullptr;
+    std::thread thread;
+    void run(const std::function<void()> &fn);
+    GSource *add_timer(int ms, std::function<void()> fn);
+    static void clear_timer(GSource *&timer);
+
+    // ---- bus ----
+    GDBusConnection *connection = nullptr;
+    guint manager_registration = 0;
+    int outstanding_calls = 0; // async calls to agents not yet completed
+    bool connect_bus(const std::string &address);
+    void disconnect_bus();
+    void emit(const std::string &path, const char *interface, const char *member, GVariant *args);
+
+    // ---- world ----
+    bool offline = false;
+    std::string manager_state = "idle";
+    std::vector<std::unique_ptr<Tech>> techs;
+    std::vector<std::unique_ptr<Svc>> svcs;
+    std::string fail_error_name;
+    std::string fail_error_message;
+    int scan_ms = 100;
+    int step_ms = 50;
+
+    Tech *find_tech(const std::string &type);
+    Svc *find_svc(const std::string &ident);
+    bool should_be_visible(const Svc &svc);
+    std::vector<Svc *> ordered_visible();
+
+    void add_technology(const std::string &type, bool powered);
+    void remove_technology(const std::string &type);
+    void set_powered(Tech &tech, bool powered);
+    void set_tech_property(Tech &tech, const char *name, GVariant *value);
+    void add_network(const Network &network);
+    void remove_network(const std::string &ident);
+    void set_strength(Svc &svc, uint8_t strength);
+    void set_carrier(Svc &svc, bool up);
+    void set_offline(bool offline);
+    void update_visibility();
+    void show(Svc &svc);
+    void hide(Svc &svc);
+
+    // State machine of one service.
+    void set_state(Svc &svc, const std::string &state);
+    void set_error(Svc &svc, const std::string &error);
+    void set_favorite(Svc &svc, bool favorite);
+    void start_connect(Svc &svc, GDBusMethodInvocation *call);
+    void begin_association(Svc &svc);
+    void finish_connect(Svc &svc, const char *error_name, const char *error_message);
+    void fail_connect(Svc &svc, const char *error_name, const char *error_message);
+    void abort_connect(Svc &svc);
+    void disconnect(Svc &svc);
+    void forget(Svc &svc);
+    void after_state_change(Svc &svc);
+
+    // Derived state and change signals.
+    void emit_service_property(Svc &svc, const char *name);
+    void emit_tech_property(Tech &tech, const char *name);
+    void update_manager_state();
+    void update_tech_connected();
+    std::vector<std::string> last_order;
+    std::vector<std::string> removed_paths;
+    GSource *services_changed_timer = nullptr;
+    void check_order();
+    void schedule_services_changed();
+    void emit_services_changed();
+
+    // Property dictionaries as the daemon sends them.
+    GVariant *service_property_value(const Svc &svc, const std::string &name) const;
+    GVariant *service_properties(const Svc &svc) const;
+    GVariant *tech_property_value(const Tech &tech, const std::string &name) const;
+    GVariant *tech_properties(const Tech &tech) const;
+
+    // ---- D-Bus objects (objects.cc) ----
+    void register_manager();
+    void register_tech(Tech &tech);
+    void register_svc(Svc &svc);
+    void unregister(guint &registration);
+    void handle_call(const char *sender, const char *path, const char *interface,
+                     const char *member, GVariant *args, GDBusMethodInvocation *call);
+    void manager_call(const char *sender, const char *member, GVariant *args,
+                      GDBusMethodInvocation *call);
+    void tech_call(Tech &tech, const char *member, GVariant *args, GDBusMethodInvocation *call);
+    void svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodInvocation *call);
+    void svc_set_property(Svc &svc, const char *name, GVariant *value, GDBusMethodInvocation *call);
+
+    // ---- agent ----
+    std::string agent_sender;
+    std::string agent_object;
+    guint agent_watch = 0;
+    std::string agent_reply;
+    int request_inputs = 0;
+    unsigned next_agent_request = 1;
+    void forget_agent();
+    void request_input(Svc &svc);
+    void input_answered(const std::string &ident, unsigned request, GVariant *reply, GError *error);
+    void call_agent(const char *member, GVariant *args);
+    void cancel_agent_request(Svc &svc);
+
+    // ---- observation ----
+    std::vector<Call> calls;
+};
+
+// Helpers shared by both halves.
+bool valid_ident(const std::string &ident);
+GVariant *string_array(const std::vector<std::string> &strings);
+std::string print_variant(GVariant *value);
+
+} // namespace connman_sim
