@@ -1,0 +1,475 @@
+// Value helpers over libdbus iterators. ConnMan wraps every property value
+// in a variant; these functions hide that wrapping for the client modules.
+//
+// libdbus aborts the process when asked to write a value that does not fit
+// the container being written (or a string that is not valid UTF-8), so the
+// writers check what they are about to write and write nothing at all
+// instead, which keeps the enclosing containers well formed.
+#include "connman-client/dbus.h"
+
+#include <errno.h>
+#include <glib.h>
+#include <stdlib.h>
+#include <string.h>
+
+const char *map_basic_to_signature(int type)
+{
+    switch (type) {
+    case DBUS_TYPE_BOOLEAN:
+        return DBUS_TYPE_BOOLEAN_AS_STRING;
+    case DBUS_TYPE_DOUBLE:
+        return DBUS_TYPE_DOUBLE_AS_STRING;
+    case DBUS_TYPE_DICT_ENTRY:
+        return DBUS_TYPE_DICT_ENTRY_AS_STRING;
+    case DBUS_TYPE_SIGNATURE:
+        return DBUS_TYPE_SIGNATURE_AS_STRING;
+    case DBUS_TYPE_INT32:
+        return DBUS_TYPE_INT32_AS_STRING;
+    case DBUS_TYPE_INT16:
+        return DBUS_TYPE_INT16_AS_STRING;
+    case DBUS_TYPE_OBJECT_PATH:
+        return DBUS_TYPE_OBJECT_PATH_AS_STRING;
+    case DBUS_TYPE_UINT16:
+        return DBUS_TYPE_UINT16_AS_STRING;
+    case DBUS_TYPE_STRING:
+        return DBUS_TYPE_STRING_AS_STRING;
+    case DBUS_TYPE_UINT32:
+        return DBUS_TYPE_UINT32_AS_STRING;
+    case DBUS_TYPE_BYTE:
+        return DBUS_TYPE_BYTE_AS_STRING;
+    default:
+        return DBUS_TYPE_VARIANT_AS_STRING;
+    }
+}
+
+// Signature of the variant that wraps an array of the given element type.
+// Byte arrays get "aa"; that pairing is this program's own and is kept.
+static const char *map_array_to_signature(int type)
+{
+    switch (type) {
+    case DBUS_TYPE_BOOLEAN:
+        return "ab";
+    case DBUS_TYPE_DOUBLE:
+        return "ad";
+    case DBUS_TYPE_DICT_ENTRY:
+        return "ae";
+    case DBUS_TYPE_SIGNATURE:
+        return "ag";
+    case DBUS_TYPE_INT32:
+        return "ai";
+    case DBUS_TYPE_INT16:
+        return "an";
+    case DBUS_TYPE_OBJECT_PATH:
+        return "ao";
+    case DBUS_TYPE_UINT16:
+        return "aq";
+    case DBUS_TYPE_STRING:
+        return "as";
+    case DBUS_TYPE_UINT32:
+        return "au";
+    case DBUS_TYPE_BYTE:
+        return "aa";
+    default:
+        return "av";
+    }
+}
+
+bool cui_dbus_string_is_valid(int type, const char *value)
+{
+    if (!value)
+        return false;
+    switch (type) {
+    case DBUS_TYPE_STRING:
+        return dbus_validate_utf8(value, nullptr);
+    case DBUS_TYPE_OBJECT_PATH:
+        return dbus_validate_path(value, nullptr);
+    case DBUS_TYPE_SIGNATURE:
+        return dbus_signature_validate(value, nullptr);
+    default:
+        return false;
+    }
+}
+
+// True when libdbus will accept value as a plain basic argument of type.
+static bool basic_value_is_valid(int type, const void *value)
+{
+    if (!value || !dbus_type_is_basic(type) || type == DBUS_TYPE_UNIX_FD)
+        return false;
+    if (type == DBUS_TYPE_STRING || type == DBUS_TYPE_OBJECT_PATH || type == DBUS_TYPE_SIGNATURE)
+        return cui_dbus_string_is_valid(type, *static_cast<const char *const *>(value));
+    return true;
+}
+
+static bool key_is_valid(const char *key)
+{
+    return cui_dbus_string_is_valid(DBUS_TYPE_STRING, key);
+}
+
+// Variant and array element signatures must be one complete type; libdbus
+// aborts on others (such as "aa").
+static bool is_single_complete_type(const char *signature)
+{
+    return dbus_signature_validate_single(signature, nullptr);
+}
+
+static bool keyed_basic_is_valid(const char *key, int type, const void *value)
+{
+    // Types without a signature of their own map to "v", which a basic
+    // value cannot fill.
+    return key_is_valid(key) && basic_value_is_valid(type, value) &&
+           map_basic_to_signature(type)[0] == type;
+}
+
+static bool array_is_valid(const char *key, int type)
+{
+    if (!is_single_complete_type(map_basic_to_signature(type)))
+        return false;
+    if (!key)
+        return true;
+    return key_is_valid(key) && is_single_complete_type(map_array_to_signature(type));
+}
+
+static bool fixed_array_is_valid(const char *key, int type, int count, const void *value)
+{
+    if (type != DBUS_TYPE_BYTE || count < 0 || (count > 0 && !value))
+        return false;
+    if (!key)
+        return true;
+    return key_is_valid(key) && is_single_complete_type("aa");
+}
+
+// Appends the key string and opens the variant that will hold the value.
+static bool open_keyed_variant(DBusMessageIter *iter, const char *key, const char *signature,
+                               DBusMessageIter *variant)
+{
+    if (!dbus_message_iter_append_basic(iter, DBUS_TYPE_STRING, &key))
+        return false;
+    return dbus_message_iter_open_container(iter, DBUS_TYPE_VARIANT, signature, variant);
+}
+
+void cui_dbus_append_basic(DBusMessageIter *iter, const char *key, int type, const void *value)
+{
+    if (!iter)
+        return;
+    if (!key) {
+        if (basic_value_is_valid(type, value))
+            dbus_message_iter_append_basic(iter, type, value);
+        return;
+    }
+    if (!keyed_basic_is_valid(key, type, value))
+        return;
+
+    DBusMessageIter variant;
+    if (!open_keyed_variant(iter, key, map_basic_to_signature(type), &variant))
+        return;
+    dbus_message_iter_append_basic(&variant, type, value);
+    dbus_message_iter_close_container(iter, &variant);
+}
+
+void cui_dbus_append_array(DBusMessageIter *iter, const char *key, int type,
+                           cui_dbus_append_cb_t append_fn, void *user_data)
+{
+    if (!iter || !array_is_valid(key, type))
+        return;
+
+    DBusMessageIter variant, array;
+    DBusMessageIter *outer = iter;
+    if (key) {
+        if (!open_keyed_variant(iter, key, map_array_to_signature(type), &variant))
+            return;
+        outer = &variant;
+    }
+    if (dbus_message_iter_open_container(outer, DBUS_TYPE_ARRAY, map_basic_to_signature(type),
+                                         &array)) {
+        if (append_fn)
+            append_fn(&array, user_data);
+        dbus_message_iter_close_container(outer, &array);
+    }
+    if (key)
+        dbus_message_iter_close_container(iter, &variant);
+}
+
+void cui_dbus_append_fixed_array(DBusMessageIter *iter, const char *key, int type, int count,
+                                 const void *value)
+{
+    if (!iter || !fixed_array_is_valid(key, type, count, value))
+        return;
+
+    DBusMessageIter variant, array;
+    DBusMessageIter *outer = iter;
+    if (key) {
+        if (!open_keyed_variant(iter, key, "aa", &variant))
+            return;
+        outer = &variant;
+    }
+    if (dbus_message_iter_open_container(outer, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE_AS_STRING,
+                                         &array)) {
+        dbus_message_iter_append_fixed_array(&array, type, &value, count);
+        dbus_message_iter_close_container(outer, &array);
+    }
+    if (key)
+        dbus_message_iter_close_container(iter, &variant);
+}
+
+void cui_dbus_append_dict(DBusMessageIter *iter, const char *key, cui_dbus_append_cb_t append_fn,
+                          void *user_data)
+{
+    if (!iter || (key && !key_is_valid(key)))
+        return;
+
+    DBusMessageIter variant, array;
+    DBusMessageIter *outer = iter;
+    if (key) {
+        if (!open_keyed_variant(iter, key, "a{sv}", &variant))
+            return;
+        outer = &variant;
+    }
+    if (dbus_message_iter_open_container(outer, DBUS_TYPE_ARRAY, "{sv}", &array)) {
+        if (append_fn)
+            append_fn(&array, user_data);
+        dbus_message_iter_close_container(outer, &array);
+    }
+    if (key)
+        dbus_message_iter_close_container(iter, &variant);
+}
+
+// A dict entry must hold exactly a key and a value, so it is only opened when
+// its content will really be written.
+static bool dict_entry_content_is_valid(const char *key, int kind, int type, int count,
+                                        const void *value)
+{
+    switch (kind) {
+    case CUI_DBUS_KIND_BASIC:
+        return keyed_basic_is_valid(key, type, value);
+    case CUI_DBUS_KIND_ARRAY:
+        return key && array_is_valid(key, type);
+    case CUI_DBUS_KIND_FIXED_ARRAY:
+        return key && fixed_array_is_valid(key, type, count, value);
+    case CUI_DBUS_KIND_DICT:
+        return key_is_valid(key);
+    default:
+        return false;
+    }
+}
+
+void cui_dbus_append_dict_entry(DBusMessageIter *iter, const char *key, int kind, int type,
+                                int count, cui_dbus_append_cb_t append_fn, void *value)
+{
+    if (!iter || !dict_entry_content_is_valid(key, kind, type, count, value))
+        return;
+
+    DBusMessageIter entry;
+    if (!dbus_message_iter_open_container(iter, DBUS_TYPE_DICT_ENTRY, nullptr, &entry))
+        return;
+    switch (kind) {
+    case CUI_DBUS_KIND_BASIC:
+        cui_dbus_append_basic(&entry, key, type, value);
+        break;
+    case CUI_DBUS_KIND_ARRAY:
+        cui_dbus_append_array(&entry, key, type, append_fn, value);
+        break;
+    case CUI_DBUS_KIND_FIXED_ARRAY:
+        cui_dbus_append_fixed_array(&entry, key, type, count, value);
+        break;
+    case CUI_DBUS_KIND_DICT:
+        cui_dbus_append_dict(&entry, key, append_fn, value);
+        break;
+    }
+    dbus_message_iter_close_container(iter, &entry);
+}
+
+int cui_dbus_get_basic(DBusMessageIter *iter, int type, void *out)
+{
+    if (!iter || !out || !dbus_type_is_basic(type) || dbus_message_iter_get_arg_type(iter) != type)
+        return -EINVAL;
+    dbus_message_iter_get_basic(iter, out);
+    return 0;
+}
+
+int cui_dbus_get_basic_variant(DBusMessageIter *iter, int type, void *out)
+{
+    if (!iter || dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_VARIANT)
+        return -EINVAL;
+    DBusMessageIter value;
+    dbus_message_iter_recurse(iter, &value);
+    return cui_dbus_get_basic(&value, type, out);
+}
+
+// Element types the array reader accepts; 64-bit integers are not among them.
+static bool array_element_type_is_supported(int type)
+{
+    switch (type) {
+    case DBUS_TYPE_BOOLEAN:
+    case DBUS_TYPE_SIGNATURE:
+    case DBUS_TYPE_INT32:
+    case DBUS_TYPE_INT16:
+    case DBUS_TYPE_OBJECT_PATH:
+    case DBUS_TYPE_UINT16:
+    case DBUS_TYPE_STRING:
+    case DBUS_TYPE_UINT32:
+    case DBUS_TYPE_DOUBLE:
+        return true;
+    default:
+        return false;
+    }
+}
+
+int cui_dbus_get_array(DBusMessageIter *iter, int type, int *out_count, void **out_array)
+{
+    if (!iter || !out_count || !out_array || !array_element_type_is_supported(type))
+        return -EINVAL;
+    *out_count = 0;
+    *out_array = nullptr;
+
+    DBusMessageIter outer = *iter;
+    if (dbus_message_iter_get_arg_type(&outer) == DBUS_TYPE_VARIANT)
+        dbus_message_iter_recurse(iter, &outer);
+    if (dbus_message_iter_get_arg_type(&outer) != DBUS_TYPE_ARRAY)
+        return -EINVAL;
+    // Slots are read as values of the requested type, so an array of some
+    // other type is refused rather than handed out as, say, string pointers.
+    int element_type = dbus_message_iter_get_element_type(&outer);
+    if (element_type != type && element_type != DBUS_TYPE_VARIANT)
+        return -EINVAL;
+
+    DBusMessageIter element;
+    dbus_message_iter_recurse(&outer, &element);
+    if (dbus_message_iter_get_arg_type(&element) == DBUS_TYPE_INVALID)
+        return 0;
+
+    // One pointer-sized slot per element plus the null terminator; every
+    // supported value, doubles included, fits in a slot.
+    void **slots = nullptr;
+    int n = 0;
+    for (; dbus_message_iter_get_arg_type(&element) != DBUS_TYPE_INVALID;
+         dbus_message_iter_next(&element)) {
+        void **grown = static_cast<void **>(realloc(slots, sizeof(void *) * (n + 2)));
+        if (!grown) {
+            free(slots);
+            return -ENOMEM;
+        }
+        slots = grown;
+        slots[n] = nullptr;
+        if (dbus_message_iter_get_arg_type(&element) == DBUS_TYPE_VARIANT) {
+            if (cui_dbus_get_basic_variant(&element, type, &slots[n]) < 0) {
+                free(slots);
+                return -ENOMEM;
+            }
+        } else {
+            dbus_message_iter_get_basic(&element, &slots[n]);
+        }
+        n++;
+    }
+    slots[n] = nullptr;
+    *out_array = slots;
+    // The count is one less than the number of elements; callers walk the
+    // buffer to its null terminator.
+    *out_count = n - 1;
+    return 0;
+}
+
+int cui_dbus_get_fixed_array(DBusMessageIter *iter, int *out_count, void **out_array)
+{
+    if (!iter || !out_count || !out_array)
+        return -EINVAL;
+    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(iter) != DBUS_TYPE_BYTE)
+        return -EINVAL;
+    DBusMessageIter bytes;
+    dbus_message_iter_recurse(iter, &bytes);
+    dbus_message_iter_get_fixed_array(&bytes, out_array, out_count);
+    return 0;
+}
+
+int cui_dbus_get(DBusMessageIter *iter, int kind, int type, void *out1, void *out2)
+{
+    switch (kind) {
+    case CUI_DBUS_KIND_BASIC:
+        return cui_dbus_get_basic(iter, type, out2);
+    case CUI_DBUS_KIND_ARRAY:
+        return cui_dbus_get_array(iter, type, static_cast<int *>(out1), static_cast<void **>(out2));
+    case CUI_DBUS_KIND_FIXED_ARRAY:
+        return cui_dbus_get_fixed_array(iter, static_cast<int *>(out1), static_cast<void **>(out2));
+    case CUI_DBUS_KIND_DICT:
+        if (!iter || !out2 || !dbus_type_is_container(dbus_message_iter_get_arg_type(iter)))
+            return -EINVAL;
+        dbus_message_iter_recurse(iter, static_cast<DBusMessageIter *>(out2));
+        return 0;
+    default:
+        return -EINVAL;
+    }
+}
+
+int cui_dbus_foreach_dict_entry(DBusMessageIter *iter, cui_dbus_dict_entry_cb_t callback,
+                                void *user_data)
+{
+    if (!iter || !callback || dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_ARRAY ||
+        dbus_message_iter_get_element_type(iter) == DBUS_TYPE_BYTE)
+        return -EINVAL;
+
+    DBusMessageIter dict;
+    dbus_message_iter_recurse(iter, &dict);
+    while (dbus_message_iter_get_arg_type(&dict) == DBUS_TYPE_DICT_ENTRY) {
+        DBusMessageIter entry;
+        dbus_message_iter_recurse(&dict, &entry);
+        if (callback(&entry, user_data))
+            return 0;
+        dbus_message_iter_next(&dict);
+    }
+    // Only a walk that the callback stopped counts as success.
+    return -EINVAL;
+}
+
+struct dict_lookup {
+    const char *key;
+    int kind;
+    int type;
+    void *out1;
+    void *out2;
+};
+
+static int get_dict_entry_cb(DBusMessageIter *iter, void *user_data)
+{
+    auto *lookup = static_cast<struct dict_lookup *>(user_data);
+    const char *key = nullptr;
+    if (cui_dbus_get_basic(iter, DBUS_TYPE_STRING, &key) < 0)
+        return 0;
+    // Compared over the wanted key's length only: "Name" also finds
+    // "Nameservers" when that entry comes first.
+    if (strncmp(key, lookup->key, strlen(lookup->key)) != 0)
+        return 0;
+
+    dbus_message_iter_next(iter);
+    if (dbus_message_iter_get_arg_type(iter) == DBUS_TYPE_VARIANT) {
+        DBusMessageIter value;
+        dbus_message_iter_recurse(iter, &value);
+        cui_dbus_get(&value, lookup->kind, lookup->type, lookup->out1, lookup->out2);
+    }
+    return 1;
+}
+
+int cui_dbus_get_dict_entry(DBusMessageIter *iter, const char *key, int kind, int type, void *out1,
+                            void *out2)
+{
+    if (!key)
+        return -EINVAL;
+    struct dict_lookup lookup = {key, kind, type, out1, out2};
+    return cui_dbus_foreach_dict_entry(iter, get_dict_entry_cb, &lookup);
+}
+
+int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int type, void *out1,
+                              void *out2)
+{
+    if (!iter || index < 1 || dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_STRUCT)
+        return -EINVAL;
+
+    DBusMessageIter field;
+    dbus_message_iter_recurse(iter, &field);
+    if (dbus_message_iter_get_arg_type(&field) == DBUS_TYPE_INVALID)
+        return -EINVAL;
+    for (int i = 1; i < index; i++) {
+        if (!dbus_message_iter_next(&field))
+            return -EINVAL;
+    }
+    return cui_dbus_get(&field, kind, type, out1, out2);
+}

@@ -1,0 +1,495 @@
+// Client of ConnMan's manager object: daemon state and offline mode, agent
+// registration, and the technology and service list queries with their
+// change signals, on which the technology and service clients build.
+#include "connman-client/manager.h"
+
+#include <errno.h>
+#include <glib.h>
+#include <string.h>
+
+#include "connman-client/dbus.h"
+#include "connman-client/interface.h"
+#include "dbus-glue/gdbus.h"
+
+#define CONNMAN_SERVICE "net.connman"
+#define CONNMAN_MANAGER_PATH "/"
+#define CONNMAN_MANAGER_INTERFACE "net.connman.Manager"
+
+enum {
+    MANAGER_PROPERTY_STATE = 0,
+    MANAGER_PROPERTY_OFFLINEMODE = 1,
+    MANAGER_PROPERTY_COUNT = 2,
+};
+
+static const char *const Manager_updatable_properties[MANAGER_PROPERTY_COUNT] = {
+    "State",
+    "OfflineMode",
+};
+
+struct connman_manager {
+    DBusConnection *connection;
+    DBusPendingCall *properties_call;
+    guint properties_watch;
+    connman_property_cb_t property_cb;
+    void *user_data;
+    unsigned int state;
+    dbus_bool_t offlinemode;
+    guint property_source[MANAGER_PROPERTY_COUNT];
+    DBusPendingCall *technologies_call;
+    guint technology_added_watch;
+    guint technology_removed_watch;
+    connman_iter_cb_t technologies_cb;
+    connman_iter_cb_t technology_added_cb;
+    connman_iter_cb_t technology_removed_cb;
+    DBusPendingCall *services_call;
+    guint services_changed_watch;
+    connman_iter_cb_t services_cb;
+    connman_iter_cb_t services_changed_cb;
+};
+
+struct manager_notification {
+    int index;
+    const char *path; // always null: the manager has no path of its own
+    const char *name;
+    guint source; // the source carrying this notification
+};
+
+static struct connman_manager *manager;
+
+unsigned int string2enum_state(const char *state)
+{
+    static const struct {
+        const char *text;
+        unsigned int value;
+    } states[] = {
+        {"offline", CONNMAN_STATE_OFFLINE}, {"idle", CONNMAN_STATE_IDLE},
+        {"ready", CONNMAN_STATE_READY},     {"online", CONNMAN_STATE_ONLINE},
+        {"failure", CONNMAN_STATE_FAILURE},
+    };
+    for (const auto &entry : states) {
+        if (g_strcmp0(state, entry.text) == 0)
+            return entry.value;
+    }
+    return CONNMAN_STATE_OFFLINE;
+}
+
+static DBusMessage *new_manager_call(const char *member)
+{
+    return dbus_message_new_method_call(CONNMAN_SERVICE, CONNMAN_MANAGER_PATH,
+                                        CONNMAN_MANAGER_INTERFACE, member);
+}
+
+static void cancel_call(DBusPendingCall **call)
+{
+    if (!*call)
+        return;
+    dbus_pending_call_cancel(*call);
+    dbus_pending_call_unref(*call);
+    *call = nullptr;
+}
+
+static void remove_watch(guint *id)
+{
+    if (*id == 0)
+        return;
+    g_dbus_remove_watch(manager ? manager->connection : nullptr, *id);
+    *id = 0;
+}
+
+static guint add_manager_watch(const char *member, g_dbus_signal_function_t handler)
+{
+    return g_dbus_add_signal_watch(manager->connection, CONNMAN_SERVICE, CONNMAN_MANAGER_PATH,
+                                   CONNMAN_MANAGER_INTERFACE, member, handler, nullptr, nullptr);
+}
+
+// Sends message (consumed) and stores the pending call; the reply goes to
+// notify. Returns 0 or -EINVAL.
+static int send_with_reply(DBusMessage *message, DBusPendingCall **slot,
+                           DBusPendingCallNotifyFunction notify)
+{
+    DBusPendingCall *call = nullptr;
+    dbus_bool_t sent = dbus_connection_send_with_reply(manager->connection, message, &call, -1);
+    dbus_message_unref(message);
+    if (!sent || !call)
+        return -EINVAL;
+    if (!dbus_pending_call_set_notify(call, notify, nullptr, nullptr)) {
+        dbus_pending_call_cancel(call);
+        dbus_pending_call_unref(call);
+        return -EINVAL;
+    }
+    *slot = call;
+    return 0;
+}
+
+static gboolean notify_manager_property(void *data)
+{
+    auto *notification = static_cast<struct manager_notification *>(data);
+    if (manager && manager->property_cb)
+        manager->property_cb(nullptr, notification->name, manager->user_data);
+    return FALSE;
+}
+
+static void free_manager_notification(void *data)
+{
+    auto *notification = static_cast<struct manager_notification *>(data);
+    // The slot may already carry a newer notification for the same property.
+    if (manager && manager->property_source[notification->index] == notification->source)
+        manager->property_source[notification->index] = 0;
+    g_free(notification);
+}
+
+// Reports a property change from a 0 ms timeout; changes arriving within one
+// main-loop turn collapse into one report, and the callback reads the latest
+// value through the getters.
+static void update_manager_property(int index)
+{
+    struct manager_notification *notification = g_try_new0(struct manager_notification, 1);
+    if (!notification)
+        return;
+    if (manager->property_source[index]) {
+        g_source_remove(manager->property_source[index]);
+        manager->property_source[index] = 0;
+    }
+    notification->index = index;
+    notification->name = Manager_updatable_properties[index];
+    notification->source = g_timeout_add_full(G_PRIORITY_DEFAULT, 0, notify_manager_property,
+                                              notification, free_manager_notification);
+    manager->property_source[index] = notification->source;
+}
+
+static void set_state(const char *state)
+{
+    manager->state = string2enum_state(state);
+    update_manager_property(MANAGER_PROPERTY_STATE);
+}
+
+static void set_offlinemode(dbus_bool_t offline)
+{
+    manager->offlinemode = offline;
+    update_manager_property(MANAGER_PROPERTY_OFFLINEMODE);
+}
+
+static void get_properties_reply(DBusPendingCall *call, void *user_data)
+{
+    (void)user_data;
+    if (!dbus_pending_call_get_completed(call))
+        return;
+    if (manager && manager->properties_call == call)
+        manager->properties_call = nullptr;
+
+    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    DBusMessageIter iter;
+    if (manager && reply && dbus_message_iter_init(reply, &iter)) {
+        const char *state = nullptr;
+        if (cui_dbus_get_dict_entry(&iter, "State", CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING, nullptr,
+                                    &state) == 0)
+            set_state(state);
+        dbus_bool_t offline = manager->offlinemode;
+        if (cui_dbus_get_dict_entry(&iter, "OfflineMode", CUI_DBUS_KIND_BASIC, DBUS_TYPE_BOOLEAN,
+                                    nullptr, &offline) == 0)
+            set_offlinemode(offline);
+    }
+    if (reply)
+        dbus_message_unref(reply);
+    dbus_pending_call_unref(call);
+}
+
+static gboolean manager_property_changed(DBusConnection *connection, DBusMessage *message,
+                                         void *user_data)
+{
+    (void)connection;
+    (void)user_data;
+    DBusMessageIter iter;
+    const char *name = nullptr;
+    if (!manager || !dbus_message_iter_init(message, &iter) ||
+        cui_dbus_get_basic(&iter, DBUS_TYPE_STRING, &name) < 0)
+        return TRUE;
+    dbus_message_iter_next(&iter);
+
+    if (strcmp(name, "State") == 0) {
+        const char *state = nullptr;
+        if (cui_dbus_get_basic_variant(&iter, DBUS_TYPE_STRING, &state) == 0)
+            set_state(state);
+    } else if (strcmp(name, "OfflineMode") == 0) {
+        dbus_bool_t offline = FALSE;
+        if (cui_dbus_get_basic_variant(&iter, DBUS_TYPE_BOOLEAN, &offline) == 0)
+            set_offlinemode(offline);
+    }
+    return TRUE;
+}
+
+int connman_manager_init(void)
+{
+    DBusConnection *connection = connman_interface_get_connection();
+    if (!connection)
+        return -EINVAL;
+    if (manager)
+        return 0;
+    manager = g_try_new0(struct connman_manager, 1);
+    if (!manager)
+        return -ENOMEM;
+    manager->connection = dbus_connection_ref(connection);
+    return 0;
+}
+
+void connman_manager_finalize(void)
+{
+    if (!manager)
+        return;
+
+    manager->property_cb = nullptr;
+    for (guint &source : manager->property_source) {
+        if (source) {
+            g_source_remove(source);
+            source = 0;
+        }
+    }
+    cancel_call(&manager->properties_call);
+    remove_watch(&manager->properties_watch);
+    cancel_call(&manager->technologies_call);
+    remove_watch(&manager->technology_added_watch);
+    remove_watch(&manager->technology_removed_watch);
+    cancel_call(&manager->services_call);
+    // The ServicesChanged watch belongs to the service client, which
+    // unregisters it in its own finalize.
+
+    dbus_connection_unref(manager->connection);
+    g_free(manager);
+    manager = nullptr;
+}
+
+int connman_manager_get_properties(connman_property_cb_t property_cb, void *user_data)
+{
+    if (!connman_interface_get_connection() || !manager)
+        return -EINVAL;
+
+    manager->property_cb = property_cb;
+    manager->user_data = user_data;
+
+    DBusMessage *message = new_manager_call("GetProperties");
+    if (!message)
+        return -ENOMEM;
+    // A newer request makes an older answer pointless.
+    cancel_call(&manager->properties_call);
+    int err = send_with_reply(message, &manager->properties_call, get_properties_reply);
+    if (err < 0)
+        return err;
+
+    if (!manager->properties_watch) {
+        manager->properties_watch = add_manager_watch("PropertyChanged", manager_property_changed);
+        if (!manager->properties_watch)
+            return -EINVAL;
+    }
+    return 0;
+}
+
+unsigned int connman_manager_get_state(void)
+{
+    return manager ? manager->state : static_cast<unsigned int>(CONNMAN_STATE_UNKNOWN);
+}
+
+bool connman_manager_get_offlinemode(void)
+{
+    return manager ? manager->offlinemode != FALSE : true;
+}
+
+int connman_manager_set_offlinemode(bool offline)
+{
+    if (!manager)
+        return -EINVAL;
+    DBusMessage *message = new_manager_call("SetProperty");
+    if (!message)
+        return -ENOMEM;
+
+    dbus_bool_t value = offline;
+    DBusMessageIter iter;
+    dbus_message_iter_init_append(message, &iter);
+    cui_dbus_append_basic(&iter, "OfflineMode", DBUS_TYPE_BOOLEAN, &value);
+    // The mirror follows the daemon's PropertyChanged, not this request.
+    return g_dbus_send_message(manager->connection, message) ? 0 : -EINVAL;
+}
+
+static void send_agent_call(const char *member, const char *object_path)
+{
+    if (!manager || !cui_dbus_string_is_valid(DBUS_TYPE_OBJECT_PATH, object_path))
+        return;
+    DBusMessage *message = new_manager_call(member);
+    if (!message)
+        return;
+    if (!dbus_message_append_args(message, DBUS_TYPE_OBJECT_PATH, &object_path,
+                                  DBUS_TYPE_INVALID)) {
+        dbus_message_unref(message);
+        return;
+    }
+    g_dbus_send_message(manager->connection, message);
+}
+
+void connman_manager_register_agent(const char *object_path)
+{
+    send_agent_call("RegisterAgent", object_path);
+}
+
+void connman_manager_unregister_agent(const char *object_path)
+{
+    send_agent_call("UnregisterAgent", object_path);
+}
+
+// Hands the reply's arguments to the callback stored for the request; the
+// slot is cleared first so the callback may start a new request.
+static void deliver_list_reply(DBusPendingCall *call, DBusPendingCall **slot,
+                               connman_iter_cb_t *stored_cb)
+{
+    if (!dbus_pending_call_get_completed(call))
+        return;
+    connman_iter_cb_t callback = nullptr;
+    if (manager && *slot == call) {
+        *slot = nullptr;
+        callback = *stored_cb;
+        *stored_cb = nullptr;
+    }
+
+    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    DBusMessageIter iter;
+    if (reply && dbus_message_iter_init(reply, &iter) && callback)
+        callback(&iter);
+    if (reply)
+        dbus_message_unref(reply);
+    dbus_pending_call_unref(call);
+}
+
+static void get_technologies_reply(DBusPendingCall *call, void *user_data)
+{
+    (void)user_data;
+    if (!manager) {
+        dbus_pending_call_unref(call);
+        return;
+    }
+    deliver_list_reply(call, &manager->technologies_call, &manager->technologies_cb);
+}
+
+static void get_services_reply(DBusPendingCall *call, void *user_data)
+{
+    (void)user_data;
+    if (!manager) {
+        dbus_pending_call_unref(call);
+        return;
+    }
+    deliver_list_reply(call, &manager->services_call, &manager->services_cb);
+}
+
+// Starts GetTechnologies or GetServices; a null callback only cancels the
+// outstanding request.
+static int request_list(const char *member, DBusPendingCall **slot, connman_iter_cb_t *stored_cb,
+                        connman_iter_cb_t callback, DBusPendingCallNotifyFunction notify)
+{
+    cancel_call(slot);
+    *stored_cb = nullptr;
+    if (!callback)
+        return 0;
+
+    DBusMessage *message = new_manager_call(member);
+    if (!message)
+        return -ENOMEM;
+    *stored_cb = callback;
+    int err = send_with_reply(message, slot, notify);
+    if (err < 0)
+        *stored_cb = nullptr;
+    return err;
+}
+
+int __connman_manager_get_technologies(connman_iter_cb_t callback)
+{
+    if (!manager)
+        return -EINVAL;
+    return request_list("GetTechnologies", &manager->technologies_call, &manager->technologies_cb,
+                        callback, get_technologies_reply);
+}
+
+int __connman_manager_get_services(connman_iter_cb_t callback)
+{
+    if (!manager)
+        return -EINVAL;
+    return request_list("GetServices", &manager->services_call, &manager->services_cb, callback,
+                        get_services_reply);
+}
+
+static void deliver_signal(DBusMessage *message, connman_iter_cb_t callback)
+{
+    DBusMessageIter iter;
+    if (callback && dbus_message_iter_init(message, &iter))
+        callback(&iter);
+}
+
+static gboolean technology_added_signal(DBusConnection *connection, DBusMessage *message,
+                                        void *user_data)
+{
+    (void)connection;
+    (void)user_data;
+    if (manager)
+        deliver_signal(message, manager->technology_added_cb);
+    return TRUE;
+}
+
+static gboolean technology_removed_signal(DBusConnection *connection, DBusMessage *message,
+                                          void *user_data)
+{
+    (void)connection;
+    (void)user_data;
+    if (manager)
+        deliver_signal(message, manager->technology_removed_cb);
+    return TRUE;
+}
+
+static gboolean services_changed_signal(DBusConnection *connection, DBusMessage *message,
+                                        void *user_data)
+{
+    (void)connection;
+    (void)user_data;
+    if (manager)
+        deliver_signal(message, manager->services_changed_cb);
+    return TRUE;
+}
+
+int __connman_manager_register_technology_signals(connman_iter_cb_t added_cb,
+                                                  connman_iter_cb_t removed_cb)
+{
+    if (!manager)
+        return -EINVAL;
+
+    manager->technology_added_cb = nullptr;
+    manager->technology_removed_cb = nullptr;
+    remove_watch(&manager->technology_added_watch);
+    remove_watch(&manager->technology_removed_watch);
+    if (!added_cb && !removed_cb)
+        return 0;
+
+    manager->technology_added_watch = add_manager_watch("TechnologyAdded", technology_added_signal);
+    if (!manager->technology_added_watch)
+        return -EINVAL;
+    manager->technology_removed_watch =
+        add_manager_watch("TechnologyRemoved", technology_removed_signal);
+    if (!manager->technology_removed_watch) {
+        remove_watch(&manager->technology_added_watch);
+        return -EINVAL;
+    }
+    manager->technology_added_cb = added_cb;
+    manager->technology_removed_cb = removed_cb;
+    return 0;
+}
+
+int __connman_manager_register_service_signal(connman_iter_cb_t changed_cb)
+{
+    if (!manager)
+        return -EINVAL;
+
+    manager->services_changed_cb = nullptr;
+    remove_watch(&manager->services_changed_watch);
+    if (!changed_cb)
+        return 0;
+
+    manager->services_changed_watch = add_manager_watch("ServicesChanged", services_changed_signal);
+    if (!manager->services_changed_watch)
+        return -EINVAL;
+    manager->services_changed_cb = changed_cb;
+    return 0;
+}
