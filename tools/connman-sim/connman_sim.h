@@ -82,7 +82,14 @@ class Simulator
 
     // ---- behaviour switches ----
     // The next Connect fails with this D-Bus error name (and message) instead
-    // of connecting; "" disables.
+    // of connecting; "" disables. Without it, Connect fails the way the daemon's
+    // does: net.connman.Error.AlreadyConnected / InProgress / NoCarrier (cable
+    // out); net.connman.Error.Failed when a passphrase or name is needed and no
+    // agent is registered; net.connman.Error.InvalidArguments for a wrong
+    // passphrase (after ReportError "invalid-key" to the agent);
+    // net.connman.Error.Failed for a hidden name that does not match (after
+    // ReportError "connect-failed"); net.connman.Error.OperationAborted when the
+    // agent cancels, Disconnect interrupts, or the technology goes off.
     void fail_next_connect(const std::string &error_name,
                            const std::string &error_message = "Operation failed");
     // How long Technology.Scan takes before it replies (default 100 ms).
@@ -111,7 +118,9 @@ class Simulator
     bool wait_for_calls(const std::string &member, int n, int timeout_ms,
                         const std::string &path = "") const;
     void clear_calls();
-    // A service or technology property printed as a GVariant text, or "" when absent.
+    // A service or technology property printed as a GVariant text, or "" when absent:
+    // "'ready'", "true", "0x50" (bytes print in hex), "['psk']",
+    // "{'Method': <'dhcp'>, 'Address': <'192.0.2.10'>, ...}", "{}" for an empty dictionary.
     std::string service_property(const std::string &ident, const std::string &name) const;
     std::string technology_property(const std::string &type, const std::string &name) const;
     std::string service_state(const std::string &ident) const;
