@@ -1,0 +1,76 @@
+// The test's own view of the private system bus, independent of the library:
+// plain property reads and writes on the ConnMan daemon, and a monitor that
+// sees the library register its agent.
+#pragma once
+
+#include <dbus/dbus.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Property dictionaries flattened to text: nested dictionaries as
+// "IPv4.Address", string arrays joined with ",", booleans "true"/"false".
+using Properties = std::map<std::string, std::string>;
+
+class ConnmanProbe
+{
+  public:
+    explicit ConnmanProbe(const std::string &address);
+    ~ConnmanProbe();
+    ConnmanProbe(const ConnmanProbe &) = delete;
+    ConnmanProbe &operator=(const ConnmanProbe &) = delete;
+
+    // False when the daemon did not answer (absent or an error).
+    bool manager_properties(Properties *out);
+    bool technology(const std::string &type, Properties *out);
+    // The first service of this type, with its object path as "path".
+    bool service(const std::string &type, Properties *out);
+    bool set_technology_powered(const std::string &type, bool powered);
+    // Unique bus name of the owner of name, "" when none.
+    std::string name_owner(const std::string &name);
+
+  private:
+    DBusMessage *call(DBusMessage *msg);
+    bool object_list(const char *method, const std::string &type, Properties *out);
+
+    DBusConnection *conn_ = nullptr;
+};
+
+// Watches agent traffic: the RegisterAgent calls to the daemon (sent without
+// asking for a reply, so the daemon never answers them) and the daemon's calls
+// to agents, such as the Release it sends every registered agent when it
+// shuts down.
+class AgentWatch
+{
+  public:
+    struct Call {
+        std::string member;
+        std::string sender;
+        std::string destination;
+        std::string path; // RegisterAgent: its argument; agent calls: the object
+    };
+
+    explicit AgentWatch(const std::string &address);
+    ~AgentWatch();
+    AgentWatch(const AgentWatch &) = delete;
+    AgentWatch &operator=(const AgentWatch &) = delete;
+
+    // Waits until at least count calls of member were seen.
+    bool wait_calls(const std::string &member, size_t count, int timeout_ms);
+    std::vector<Call> calls(const std::string &member);
+
+  private:
+    void run();
+    void handle(DBusMessage *msg);
+
+    DBusConnection *conn_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<Call> calls_;
+    bool stop_ = false;
+    std::thread thread_;
+};

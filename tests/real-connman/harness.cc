@@ -1,0 +1,432 @@
+#include "tests/real-connman/harness.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/support/wait.h"
+
+namespace
+{
+
+// Plugins that would reach for hardware, other daemons or the host's
+// settings; only the ethernet plugin is left.
+const char *const excluded_plugins = "wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,"
+                                     "session_policy_local,loopback,hostname,tist,polkit,wispr,ntp";
+
+std::string connmand_path()
+{
+    const char *env = getenv("NETMGR_CONNMAND");
+    return env && *env ? env : NETMGR_CONNMAND;
+}
+
+std::string find_tool(const std::string &name)
+{
+    std::string path = getenv("PATH") ? getenv("PATH") : "";
+    path += ":/usr/sbin:/sbin:/usr/bin:/bin";
+    std::stringstream dirs(path);
+    std::string dir;
+    while (std::getline(dirs, dir, ':')) {
+        if (dir.empty())
+            continue;
+        std::string candidate = dir + "/" + name;
+        if (access(candidate.c_str(), X_OK) == 0)
+            return candidate;
+    }
+    return "";
+}
+
+std::string tool(const std::string &name)
+{
+    std::string path = find_tool(name);
+    if (path.empty())
+        throw std::runtime_error(name + " not found");
+    return path;
+}
+
+std::vector<char *> to_argv(const std::vector<std::string> &args)
+{
+    std::vector<char *> argv;
+    for (const auto &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    return argv;
+}
+
+// Starts argv with stdout and stderr appended to log; stdin is /dev/null.
+// Everything the child needs is prepared before fork, because the library's
+// threads may be running.
+pid_t spawn(const std::vector<std::string> &args, const std::string &log)
+{
+    std::vector<char *> argv = to_argv(args);
+    int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (out < 0 || in < 0)
+        throw std::runtime_error("cannot open " + log);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in, 0);
+        dup2(out, 1);
+        dup2(out, 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out);
+    close(in);
+    if (pid < 0)
+        throw std::runtime_error("fork failed");
+    return pid;
+}
+
+// Field 22 of /proc/PID/stat: with the pid it names one process for good.
+std::string start_time(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    size_t paren = stat.rfind(')');
+    if (paren == std::string::npos)
+        return "";
+    std::stringstream fields(stat.substr(paren + 2));
+    std::string field;
+    for (int i = 3; i <= 22 && fields >> field; i++) {
+        if (i == 22)
+            return field;
+    }
+    return "";
+}
+
+// Shell lines that end one process, but only if the pid still names the
+// process that was started (no pid reuse), and never by name.
+std::string kill_script(pid_t pid)
+{
+    std::ostringstream s;
+    s << "p=" << pid << "; s=" << start_time(pid) << "\n"
+      << "alive() { st=$(cat /proc/$p/stat 2>/dev/null) || return 1; st=${st##*) }; set -- $st; "
+         "[ \"$1\" != Z ] && [ \"${20}\" = \"$s\" ]; }\n"
+      << "if alive; then kill -TERM $p; i=0\n"
+      << "  while alive && [ $i -lt 50 ]; do sleep 0.1; i=$((i+1)); done\n"
+      << "  alive && kill -KILL $p\n"
+      << "fi\n";
+    return s.str();
+}
+
+// Waits for a child of this process; SIGKILL after timeout_ms.
+void reap(pid_t pid, int timeout_ms)
+{
+    bool gone = wait_until([pid] { return waitpid(pid, nullptr, WNOHANG) != 0; }, timeout_ms);
+    if (!gone) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path);
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+void write_file(const std::string &path, const std::string &text)
+{
+    std::ofstream out(path);
+    out << text;
+    if (!out)
+        throw std::runtime_error("cannot write " + path);
+}
+
+void run_or_throw(const std::vector<std::string> &argv)
+{
+    std::string output;
+    if (run_command(argv, &output) != 0) {
+        std::string cmd;
+        for (const auto &a : argv)
+            cmd += a + " ";
+        throw std::runtime_error(cmd + "failed: " + output);
+    }
+}
+
+std::string check_machine()
+{
+    if (geteuid() != 0)
+        return "needs root: it creates network namespaces";
+    for (const char *name : {"ip", "dnsmasq", "ethtool", "unshare", "mount"}) {
+        if (find_tool(name).empty())
+            return std::string(name) + " is not installed";
+    }
+    std::string connmand = connmand_path();
+    if (access(connmand.c_str(), X_OK) != 0) {
+        std::string log = read_file(NETMGR_CONNMAND_FETCH_LOG);
+        return "connmand could not be unpacked from Debian's connman package (" + connmand +
+               " missing): " + log;
+    }
+    std::string output;
+    if (run_command({connmand, "--version"}, &output) != 0)
+        return "connmand does not run here: " + output;
+
+    std::string probe = "netmgr-probe-" + std::to_string(getpid());
+    std::string ip = find_tool("ip");
+    if (run_command({ip, "netns", "add", probe}, &output) != 0)
+        return "ip netns is not usable here: " + output;
+    run_command({ip, "netns", "del", probe});
+    return "";
+}
+
+} // namespace
+
+int run_command(const std::vector<std::string> &args, std::string *output)
+{
+    std::vector<char *> argv = to_argv(args);
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) < 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return -1;
+    }
+    if (pid == 0) {
+        int in = open("/dev/null", O_RDONLY);
+        dup2(in, 0);
+        dup2(fds[1], 1);
+        dup2(fds[1], 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[512];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof(buf))) != 0) {
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            break;
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (output)
+        *output = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string RealConnman::unavailable_reason()
+{
+    static const std::string reason = check_machine();
+    return reason;
+}
+
+RealConnman::RealConnman()
+{
+    static int count = 0;
+    std::string tag = std::to_string(getpid()) + "-" + std::to_string(count++);
+    ns_a_ = "netmgr-a-" + tag;
+    ns_b_ = "netmgr-b-" + tag;
+
+    char tmpl[] = "/tmp/netmgr-real-XXXXXX";
+    if (!mkdtemp(tmpl))
+        throw std::runtime_error("mkdtemp failed");
+    dir_ = tmpl;
+    for (const char *sub : {"/cleanup.d", "/varlib", "/varlib/connman", "/run", "/run/connman"}) {
+        if (mkdir((dir_ + sub).c_str(), 0755) < 0)
+            throw std::runtime_error("mkdir failed in " + dir_);
+    }
+    start_guardian();
+    make_namespaces();
+    start_dhcp_server();
+    write_daemon_files();
+}
+
+// Nothing is removed here: the library may still hold bus connections to the
+// daemons until the process ends, so the guardian does all of it afterwards.
+RealConnman::~RealConnman() = default;
+
+// The guardian waits for end-of-file on a pipe whose only writer is this
+// process, then runs the cleanup scripts, newest first. It sits in a session
+// of its own so that Ctrl-C on the test does not take it down as well.
+void RealConnman::start_guardian()
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) < 0)
+        throw std::runtime_error("pipe failed");
+    std::vector<std::string> args = {
+        tool("sh"), "-c",
+        "cat >/dev/null\n"
+        "for f in $(ls -r \"$1/cleanup.d\" 2>/dev/null); do sh \"$1/cleanup.d/$f\" >/dev/null "
+        "2>&1; done\n"
+        "rm -rf \"$1\"\n",
+        "netmgr-guardian", dir_};
+    std::vector<char *> argv = to_argv(args);
+    pid_t pid = fork();
+    if (pid < 0)
+        throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        setsid();
+        dup2(fds[0], 0);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(fds[0]);
+    guardian_fd_ = fds[1];
+}
+
+void RealConnman::add_cleanup(const std::string &name, const std::string &script)
+{
+    write_file(dir_ + "/cleanup.d/" + name, script);
+}
+
+void RealConnman::drop_cleanup(const std::string &name)
+{
+    unlink((dir_ + "/cleanup.d/" + name).c_str());
+}
+
+void RealConnman::make_namespaces()
+{
+    std::string ip = tool("ip");
+    // Registered before creation, so that a failure half-way is cleaned too.
+    add_cleanup("10-netns", ip + " netns del " + ns_a_ + "\n" + ip + " netns del " + ns_b_ +
+                                "\nrm -rf /etc/netns/" + ns_a_ + "\nrmdir /etc/netns\n");
+    run_or_throw({ip, "netns", "add", ns_a_});
+    run_or_throw({ip, "netns", "add", ns_b_});
+    // Both ends are created inside their namespaces, so parallel runs never
+    // meet on the names vA and vB.
+    run_or_throw({ip, "link", "add", "name", "vA", "netns", ns_a_, "type", "veth", "peer", "name",
+                  "vB", "netns", ns_b_});
+    run_or_throw({ip, "-n", ns_b_, "addr", "add", "192.0.2.1/24", "dev", "vB"});
+    run_or_throw({ip, "-n", ns_b_, "link", "set", "vB", "up"});
+    run_or_throw({ip, "-n", ns_a_, "link", "set", "lo", "up"});
+    run_or_throw({ip, "-n", ns_b_, "link", "set", "lo", "up"});
+    // Without this the DHCP offers arrive with partial checksums and
+    // ConnMan's raw-socket client drops them.
+    std::string ethtool = tool("ethtool");
+    run_or_throw({ip, "netns", "exec", ns_b_, ethtool, "-K", "vB", "tx", "off"});
+    run_or_throw({ip, "netns", "exec", ns_a_, ethtool, "-K", "vA", "tx", "off"});
+}
+
+void RealConnman::start_dhcp_server()
+{
+    std::string log = dir_ + "/dnsmasq.log";
+    dnsmasq_pid_ =
+        spawn({tool("ip"), "netns", "exec", ns_b_, tool("dnsmasq"), "--keep-in-foreground",
+               "--user=root", "--no-resolv", "--port=0", "--interface=vB", "--bind-interfaces",
+               "--dhcp-range=192.0.2.50,192.0.2.99,255.255.255.0,1h",
+               "--dhcp-option=6,192.0.2.53,192.0.2.54", "--dhcp-leasefile=" + dir_ + "/leases",
+               "--pid-file=" + dir_ + "/dnsmasq.pid", "--log-dhcp", "--log-facility=" + log},
+              dir_ + "/dnsmasq.out");
+    add_cleanup("20-dnsmasq", kill_script(dnsmasq_pid_));
+    bool ready = wait_until(
+        [&] {
+            return read_file(log).find("DHCP, sockets bound") != std::string::npos ||
+                   waitpid(dnsmasq_pid_, nullptr, WNOHANG) != 0;
+        },
+        10000);
+    if (!ready || read_file(log).find("DHCP, sockets bound") == std::string::npos)
+        throw std::runtime_error("dnsmasq did not start: " + read_file(dir_ + "/dnsmasq.out") +
+                                 read_file(log));
+}
+
+void RealConnman::write_daemon_files()
+{
+    write_file(dir_ + "/main.conf", "[General]\n"
+                                    "EnableOnlineCheck=false\n"
+                                    "AllowHostnameUpdates=false\n"
+                                    "AllowDomainnameUpdates=false\n"
+                                    "PreferredTechnologies=ethernet,wifi\n"
+                                    "SingleConnectedTechnology=false\n");
+    // ip netns exec binds this over /etc/resolv.conf, so the daemon's resolver
+    // writes stay in the test. Another run may remove an empty /etc/netns at
+    // any moment, hence the retries.
+    std::string etc = "/etc/netns/" + ns_a_;
+    for (int attempt = 0;; attempt++) {
+        mkdir("/etc/netns", 0755);
+        mkdir(etc.c_str(), 0755);
+        std::ofstream out(etc + "/resolv.conf");
+        if (out)
+            break;
+        if (attempt == 5)
+            throw std::runtime_error("cannot create " + etc + "/resolv.conf");
+    }
+}
+
+void RealConnman::start_daemon()
+{
+    if (connmand_pid_ > 0)
+        throw std::runtime_error("connmand already running");
+    // A private mount namespace keeps the daemon's state and run files in the
+    // test's directory.
+    connmand_pid_ = spawn({tool("ip"), "netns", "exec", ns_a_, tool("unshare"), "-m",
+                           "--propagation", "private", tool("sh"), "-c",
+                           "mount --bind \"$1\" /var/lib && mount --bind \"$2\" /run && "
+                           "exec \"$3\" -n -r -c \"$4\" -i vA -P \"$5\"",
+                           "connmand-start", dir_ + "/varlib", dir_ + "/run", connmand_path(),
+                           dir_ + "/main.conf", excluded_plugins},
+                          dir_ + "/connmand.log");
+    add_cleanup("30-connmand", kill_script(connmand_pid_));
+}
+
+void RealConnman::stop_daemon()
+{
+    if (connmand_pid_ <= 0)
+        return;
+    kill(connmand_pid_, SIGTERM);
+    reap(connmand_pid_, 5000);
+    connmand_pid_ = -1;
+    drop_cleanup("30-connmand");
+}
+
+void RealConnman::set_far_end_up(bool up)
+{
+    run_or_throw({tool("ip"), "-n", ns_b_, "link", "set", "vB", up ? "up" : "down"});
+}
+
+std::vector<std::string> RealConnman::addresses() const
+{
+    std::string output;
+    run_command({tool("ip"), "-n", ns_a_, "-o", "-4", "addr", "show", "dev", "vA"}, &output);
+    std::vector<std::string> result;
+    std::stringstream words(output);
+    std::string word;
+    while (words >> word) {
+        if (word == "inet" && words >> word)
+            result.push_back(word);
+    }
+    return result;
+}
+
+std::string RealConnman::mac() const
+{
+    std::string output;
+    run_command({tool("ip"), "-n", ns_a_, "-o", "link", "show", "dev", "vA"}, &output);
+    std::stringstream words(output);
+    std::string word;
+    while (words >> word) {
+        if (word == "link/ether" && words >> word)
+            return word;
+    }
+    return "";
+}
+
+void RealConnman::adopt_process(pid_t pid, const std::string &dir_to_remove)
+{
+    add_cleanup("05-adopted-" + std::to_string(pid),
+                kill_script(pid) + "rm -rf '" + dir_to_remove + "'\n");
+}
+
+std::string RealConnman::daemon_log() const
+{
+    return read_file(dir_ + "/connmand.log");
+}

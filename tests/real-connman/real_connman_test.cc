@@ -1,0 +1,525 @@
+// The library against the real ConnMan daemon managing an Ethernet link.
+//
+// The library lives for the whole process, so every case runs in a process
+// of its own (ctest does that) with its own namespaces, daemons and buses.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+
+#include "core/netmgr.h"
+#include "platform/zelstorageclient.h"
+#include "tests/real-connman/bus_probe.h"
+#include "tests/real-connman/harness.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/wait.h"
+
+namespace
+{
+
+const char *const agent_path = "/net/connman/agent/gaskaidra";
+// DHCP on the veth takes several seconds after the link comes up.
+const int link_timeout_ms = 30000;
+
+// Events as the library raised them, in order.
+class EventLog
+{
+  public:
+    void add(int code)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        codes_.push_back(code);
+        changed_.notify_all();
+    }
+
+    size_t size()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return codes_.size();
+    }
+
+    // Position of the first code at or after from, waiting up to timeout_ms;
+    // -1 when it did not come.
+    long wait_for(int code, size_t from, int timeout_ms)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        long at = -1;
+        changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+            for (size_t i = from; i < codes_.size(); i++) {
+                if (codes_[i] == code) {
+                    at = static_cast<long>(i);
+                    return true;
+                }
+            }
+            return false;
+        });
+        return at;
+    }
+
+    std::vector<int> since(size_t from)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (from >= codes_.size())
+            return {};
+        return std::vector<int>(codes_.begin() + static_cast<long>(from), codes_.end());
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<int> codes_;
+};
+
+EventLog events;
+
+int record_event(NetMgrEvent event, void *)
+{
+    events.add(event);
+    return 0;
+}
+
+std::string join(const std::vector<int> &codes)
+{
+    std::ostringstream s;
+    for (int c : codes)
+        s << c << " ";
+    return s.str();
+}
+
+bool in_lease_range(const std::string &address)
+{
+    unsigned a, b, c, d;
+    char rest;
+    if (sscanf(address.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &rest) != 4)
+        return false;
+    return a == 192 && b == 0 && c == 2 && d >= 50 && d <= 99;
+}
+
+std::string lower(std::string s)
+{
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char ch) { return tolower(ch); });
+    return s;
+}
+
+std::vector<std::string> read_lines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    std::string line;
+    while (std::getline(in, line))
+        lines.push_back(line);
+    return lines;
+}
+
+bool stored_bool(const char *key, bool *value)
+{
+    std::string name = key;
+    Json::Value v;
+    if (!ZL_Storage_GetItem(name, &v))
+        return false;
+    *value = v.asBool();
+    return true;
+}
+
+} // namespace
+
+class RealConnmanTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        std::string reason = RealConnman::unavailable_reason();
+        if (!reason.empty())
+            GTEST_SKIP() << reason;
+        static bool library_used = false;
+        if (library_used)
+            GTEST_SKIP() << "the library starts once per process: run each case in a process "
+                            "of its own (ctest does, or use --gtest_filter)";
+        library_used = true;
+
+        // Never deleted: the library holds its bus connections until the
+        // process ends, and losing the bus would end the process. The
+        // guardian removes all of it afterwards.
+        peer = new RealConnman();
+        buses = new TestBuses();
+        peer->adopt_process(buses->system.pid(), buses->system.dir());
+        peer->adopt_process(buses->session.pid(), buses->session.dir());
+        probe = std::make_unique<ConnmanProbe>(buses->system.address());
+        agents = std::make_unique<AgentWatch>(buses->system.address());
+
+        shell_log = peer->dir() + "/shell.log";
+        std::string shell = NETMGR_SOURCE_DIR "/tests/support/record_shell.sh";
+        if (access(shell.c_str(), X_OK) != 0)
+            shell = NETMGR_REAL_CONNMAN_DIR "/record_shell.sh";
+        setenv("NETMGR_STORE", (peer->dir() + "/store.json").c_str(), 1);
+        setenv("NETMGR_SHELL", shell.c_str(), 1);
+        setenv("NETMGR_SHELL_LOG", shell_log.c_str(), 1);
+    }
+
+    void TearDown() override
+    {
+        agents.reset();
+        probe.reset();
+    }
+
+    // Runs the daemon and waits until it has settled: the cable connected
+    // with a lease, or the ethernet technology switched off.
+    void start_daemon(bool ethernet_on)
+    {
+        peer->start_daemon();
+        Properties tech;
+        ASSERT_TRUE(wait_until([&] { return probe->technology("ethernet", &tech); }, 10000))
+            << peer->daemon_log();
+        if (ethernet_on) {
+            ASSERT_TRUE(wait_until(
+                [&] { return probe->technology("ethernet", &tech) && tech["Connected"] == "true"; },
+                link_timeout_ms))
+                << peer->daemon_log();
+        } else {
+            ASSERT_TRUE(probe->set_technology_powered("ethernet", false));
+            ASSERT_TRUE(wait_until(
+                [&] { return probe->technology("ethernet", &tech) && tech["Powered"] == "false"; },
+                10000));
+        }
+    }
+
+    void start_library() { ASSERT_EQ(NetMgr_StartRoutine(record_event), 0); }
+
+    // Daemon with the cable connected, library started and the connection
+    // announced.
+    void start_connected()
+    {
+        ASSERT_NO_FATAL_FAILURE(start_daemon(true));
+        ASSERT_NO_FATAL_FAILURE(start_library());
+        long enabled = events.wait_for(NETMGR_EVT_ETHERNET_ENABLED, 0, 10000);
+        ASSERT_GE(enabled, 0) << join(events.since(0));
+        ASSERT_GE(events.wait_for(NETMGR_EVT_ETHERNET_CONNECTED, enabled, 10000), 0)
+            << join(events.since(0));
+    }
+
+    Properties ethernet_service()
+    {
+        Properties service;
+        probe->service("ethernet", &service);
+        return service;
+    }
+
+    // Position of the next event code after from; fails the test when it
+    // does not come.
+    size_t expect_event(int code, size_t from, int timeout_ms = link_timeout_ms)
+    {
+        long at = events.wait_for(code, from, timeout_ms);
+        EXPECT_GE(at, 0) << "event " << code << " missing; seen: " << join(events.since(from));
+        return at < 0 ? events.size() : static_cast<size_t>(at);
+    }
+
+    std::string sender_of_agent()
+    {
+        auto calls = agents->calls("RegisterAgent");
+        return calls.empty() ? "" : calls.back().sender;
+    }
+
+    static RealConnman *peer;
+    static TestBuses *buses;
+    std::unique_ptr<ConnmanProbe> probe;
+    std::unique_ptr<AgentWatch> agents;
+    std::string shell_log;
+};
+
+RealConnman *RealConnmanTest::peer = nullptr;
+TestBuses *RealConnmanTest::buses = nullptr;
+
+// The daemon is already up with the cable connected when the library starts:
+// the library claims its session-bus name, registers its agent with the
+// daemon and announces what it finds.
+TEST_F(RealConnmanTest, StartRegistersAgentAndAnnouncesCable)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+    EXPECT_EQ(events.since(0),
+              (std::vector<int>{NETMGR_EVT_ETHERNET_ENABLED, NETMGR_EVT_ETHERNET_CONNECTED}));
+
+    ConnmanProbe session(buses->session.address());
+    EXPECT_NE(session.name_owner("net.connman.Gaskaidra"), "");
+
+    ASSERT_TRUE(agents->wait_calls("RegisterAgent", 1, 5000));
+    auto registered = agents->calls("RegisterAgent");
+    ASSERT_EQ(registered.size(), 1u);
+    EXPECT_EQ(registered[0].path, agent_path);
+    EXPECT_EQ(registered[0].destination, "net.connman");
+
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
+    EXPECT_TRUE(NetMgr_GetNetworkEnable());
+
+    // The daemon releases every agent it holds when it stops: proof that it
+    // accepted the registration.
+    peer->stop_daemon();
+    ASSERT_TRUE(agents->wait_calls("Release", 1, 5000));
+    auto released = agents->calls("Release");
+    EXPECT_EQ(released[0].destination, registered[0].sender);
+    EXPECT_EQ(released[0].path, agent_path);
+}
+
+TEST_F(RealConnmanTest, EnableEthernetReportsLeaseDetails)
+{
+    ASSERT_NO_FATAL_FAILURE(start_daemon(false));
+    ASSERT_NO_FATAL_FAILURE(start_library());
+    // The first look at the switched-off technology.
+    size_t at = expect_event(NETMGR_EVT_ETHERNET_DISABLED, 0, 10000);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
+
+    size_t before = events.size();
+    ASSERT_TRUE(NetMgr_EnableEthernet());
+    at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
+    EXPECT_EQ(events.since(before),
+              (std::vector<int>{NETMGR_EVT_ETHERNET_ENABLED, NETMGR_EVT_ETHERNET_CONNECTED}));
+
+    NetConnInfo info;
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.type, NET_TYPE_ETHERNET);
+    EXPECT_EQ(info.name, "Wired");
+    EXPECT_FALSE(info.connected);
+    EXPECT_TRUE(in_lease_range(info.ipv4Address)) << info.ipv4Address;
+    EXPECT_EQ(peer->addresses(), std::vector<std::string>{info.ipv4Address + "/24"});
+    EXPECT_EQ(info.ipv4Netmask, "255.255.255.0");
+    EXPECT_EQ(info.ipv4Gateway, "192.0.2.1"); // dnsmasq names itself as router
+    EXPECT_EQ(info.dns1, "192.0.2.53");
+    EXPECT_EQ(info.dns2, "192.0.2.54");
+    EXPECT_EQ(lower(info.macAddress), peer->mac());
+
+    NetConnInfo direct;
+    EXPECT_TRUE(NetMgr_GetCurrentConnInfoInternel(&direct));
+    EXPECT_EQ(direct.ipv4Address, info.ipv4Address);
+
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_P2P), NET_STATUS_CONNECTED);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
+    std::string key = "netmgr:type";
+    Json::Value type;
+    ASSERT_TRUE(ZL_Storage_GetItem(key, &type));
+    EXPECT_EQ(type.asInt(), 0);
+}
+
+TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+
+    NetIPv4Config manual;
+    manual.method = "manual";
+    manual.address = "192.0.2.20";
+    manual.netmask = "255.255.255.0";
+    manual.gateway = "192.0.2.1";
+    manual.dns1 = "192.0.2.53";
+    ASSERT_TRUE(NetMgr_SetIPv4Config(&manual));
+    EXPECT_TRUE(
+        wait_until([&] { return peer->addresses() == std::vector<std::string>{"192.0.2.20/24"}; },
+                   link_timeout_ms))
+        << "addresses on vA: " << ::testing::PrintToString(peer->addresses());
+
+    NetIPv4Config read;
+    ASSERT_TRUE(wait_until(
+        [&] {
+            read = NetIPv4Config();
+            return NetMgr_GetIPv4Config(&read) && read.method == "manual" &&
+                   read.address == "192.0.2.20";
+        },
+        10000))
+        << read.method << " " << read.address;
+    EXPECT_EQ(read.netmask, "255.255.255.0");
+    EXPECT_EQ(read.gateway, "192.0.2.1");
+    EXPECT_EQ(read.dns1, "192.0.2.53");
+    EXPECT_EQ(read.dns2, "");
+    EXPECT_EQ(ethernet_service()["Nameservers.Configuration"], "192.0.2.53");
+
+    // Any method but "manual" means DHCP, and clears the name servers.
+    NetIPv4Config dhcp;
+    dhcp.method = "static";
+    ASSERT_TRUE(NetMgr_SetIPv4Config(&dhcp));
+    EXPECT_TRUE(wait_until(
+        [&] {
+            auto addrs = peer->addresses();
+            return addrs.size() == 1 && in_lease_range(addrs[0].substr(0, addrs[0].find('/')));
+        },
+        link_timeout_ms))
+        << "addresses on vA: " << ::testing::PrintToString(peer->addresses());
+    ASSERT_TRUE(wait_until(
+        [&] {
+            read = NetIPv4Config();
+            return NetMgr_GetIPv4Config(&read) && read.method == "dhcp";
+        },
+        10000))
+        << read.method;
+    EXPECT_EQ(read.dns1, "");
+    EXPECT_EQ(ethernet_service()["Nameservers.Configuration"], "");
+}
+
+TEST_F(RealConnmanTest, IPv6OffAndAutoFollowTheStoredSwitch)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+    bool enabled = true;
+    EXPECT_FALSE(stored_bool("netmgr:ipv6_enable", &enabled));
+    NetIPv6Config cfg;
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg));
+
+    NetIPv6Config off;
+    off.method = "off";
+    ASSERT_TRUE(NetMgr_SetIPv6Config(&off));
+    ASSERT_TRUE(stored_bool("netmgr:ipv6_enable", &enabled));
+    EXPECT_FALSE(enabled);
+    EXPECT_TRUE(wait_until([&] { return ethernet_service()["IPv6.Configuration.Method"] == "off"; },
+                           10000));
+    cfg.method = "untouched";
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg));
+    EXPECT_EQ(cfg.method, "untouched");
+
+    NetIPv6Config bad;
+    bad.method = "dhcp";
+    EXPECT_FALSE(NetMgr_SetIPv6Config(&bad));
+    ASSERT_TRUE(stored_bool("netmgr:ipv6_enable", &enabled));
+    EXPECT_FALSE(enabled);
+
+    NetIPv6Config automatic;
+    automatic.method = "auto";
+    automatic.privacy = "disabled";
+    ASSERT_TRUE(NetMgr_SetIPv6Config(&automatic));
+    ASSERT_TRUE(stored_bool("netmgr:ipv6_enable", &enabled));
+    EXPECT_TRUE(enabled);
+    EXPECT_TRUE(wait_until(
+        [&] {
+            cfg = NetIPv6Config();
+            return NetMgr_GetIPv6Config(&cfg) && cfg.method == "auto";
+        },
+        10000))
+        << cfg.method;
+    EXPECT_EQ(cfg.privacy, "disabled");
+    EXPECT_EQ(ethernet_service()["IPv6.Configuration.Method"], "auto");
+}
+
+// Pulling the cable at the far end loses the announced connection; plugging
+// it back announces the connection again by itself.
+TEST_F(RealConnmanTest, CarrierLossAndReturn)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+
+    size_t before = events.size();
+    peer->set_far_end_up(false);
+    expect_event(NETMGR_EVT_ETHERNET_DISCONNECTED, before);
+    EXPECT_EQ(events.since(before), std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED});
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_ENABLED);
+    NetConnInfo info;
+    info.ipv4Address = "stale";
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.ipv4Address, "");
+    EXPECT_EQ(info.macAddress, "");
+
+    before = events.size();
+    peer->set_far_end_up(true);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
+    EXPECT_EQ(events.since(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_TRUE(in_lease_range(info.ipv4Address)) << info.ipv4Address;
+}
+
+// After a power-down reset the connection counts as not announced: losing it
+// is silent, and its return is announced.
+TEST_F(RealConnmanTest, PowerDownResetSilencesLossAndAnnouncesReturn)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+    NetMgr_PowerDownResetNetworkStatus();
+
+    size_t before = events.size();
+    peer->set_far_end_up(false);
+    ASSERT_TRUE(wait_until(
+        [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }, 10000));
+    peer->set_far_end_up(true);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
+    EXPECT_EQ(events.since(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
+}
+
+TEST_F(RealConnmanTest, DisableAndEnableEthernet)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+
+    size_t before = events.size();
+    ASSERT_TRUE(NetMgr_DisableEthernet());
+    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
+    // The daemon drops the connection before it switches the link off.
+    EXPECT_EQ(events.since(before),
+              (std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED, NETMGR_EVT_ETHERNET_DISABLED}));
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
+    EXPECT_EQ(ethernet_service()["State"], "idle");
+    EXPECT_TRUE(peer->addresses().empty());
+
+    before = events.size();
+    ASSERT_TRUE(NetMgr_EnableEthernet());
+    size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
+}
+
+TEST_F(RealConnmanTest, NetworkDisableSetsOfflineMode)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+    Properties manager;
+    ASSERT_TRUE(probe->manager_properties(&manager));
+    EXPECT_EQ(manager["OfflineMode"], "false");
+
+    size_t before = events.size();
+    ASSERT_TRUE(NetMgr_SetNetworkEnable(false));
+    EXPECT_TRUE(wait_until(
+        [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == "true"; },
+        10000));
+    // Offline mode switches the technologies off.
+    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
+}
+
+// The daemon goes away: the library restarts the init scripts, and when the
+// daemon is back it registers its agent again and the cable is announced.
+TEST_F(RealConnmanTest, DaemonRestartRunsInitScriptsAndRecovers)
+{
+    ASSERT_NO_FATAL_FAILURE(start_connected());
+    ASSERT_TRUE(agents->wait_calls("RegisterAgent", 1, 5000));
+
+    size_t before = events.size();
+    peer->stop_daemon();
+    ASSERT_TRUE(agents->wait_calls("Release", 1, 5000));
+    std::vector<std::string> expected = {"/etc/init.d/S45connman restart",
+                                         "/etc/init.d/S42wifi restart"};
+    ASSERT_TRUE(wait_until([&] { return read_lines(shell_log) == expected; }, 10000))
+        << ::testing::PrintToString(read_lines(shell_log));
+
+    // What the init script would do on the device.
+    peer->start_daemon();
+    ASSERT_TRUE(agents->wait_calls("RegisterAgent", 2, 10000));
+    auto registered = agents->calls("RegisterAgent");
+    EXPECT_EQ(registered[1].path, agent_path);
+    EXPECT_EQ(registered[1].sender, registered[0].sender);
+    size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
+
+    // The new daemon holds the agent too.
+    peer->stop_daemon();
+    ASSERT_TRUE(agents->wait_calls("Release", 2, 5000));
+    EXPECT_EQ(agents->calls("Release")[1].destination, registered[1].sender);
+}
+
+// The library's service thread runs until the process ends; leaving through
+// _exit keeps static destructors from running underneath it.
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    int rc = RUN_ALL_TESTS();
+    fflush(stdout);
+    fflush(stderr);
+    _exit(rc);
+}
