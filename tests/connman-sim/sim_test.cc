@@ -62,6 +62,9 @@ class Client
     {
         for (auto &s : signals)
             g_variant_unref(s.value);
+        for (auto *inv : held)
+            g_dbus_method_invocation_return_dbus_error(inv, "net.connman.Agent.Error.Canceled",
+                                                       "Canceled");
         if (agent_id_)
             g_dbus_connection_unregister_object(conn_, agent_id_);
         if (agent_info_)
@@ -154,6 +157,8 @@ class Client
     std::vector<Signal> signals;
     std::string answer;
     std::vector<std::string> agent_calls; // member and arguments
+    bool hold = false;                    // keep RequestInput unanswered
+    std::vector<GDBusMethodInvocation *> held;
 
   private:
     static void on_signal(GDBusConnection *, const gchar *, const gchar *path, const gchar *,
@@ -174,6 +179,8 @@ class Client
         g_free(text);
         if (std::string(member) != "RequestInput") {
             g_dbus_method_invocation_return_value(inv, nullptr);
+        } else if (self->hold) {
+            self->held.push_back(inv);
         } else if (self->answer.empty()) {
             g_dbus_method_invocation_return_dbus_error(inv, "net.connman.Agent.Error.Canceled",
                                                        "Canceled");
@@ -472,6 +479,17 @@ TEST_F(SimTest, AgentIsAskedForPassphraseAndItIsChecked)
     EXPECT_EQ(sim.service_property(psk_id, "Favorite"), "false");
     EXPECT_EQ(sim.service_state(psk_id), "idle");
 
+    // The daemon giving up on an unanswered request cancels it at the agent.
+    client->hold = true;
+    Client::Pending pending;
+    client->call_async(svc_path(psk_id), "net.connman.Service", "Connect", &pending);
+    ASSERT_TRUE(client->pump([&] { return client->held.size() == 1; }));
+    sim.agent_cancel();
+    ASSERT_TRUE(
+        client->pump([&] { return pending.done && client->agent_calls.back() == "Cancel ()"; }));
+    EXPECT_EQ(pending.error, "net.connman.Error.OperationAborted");
+    client->hold = false;
+
     // A hidden network needs its name as well.
     client->answer = "{'Name': <'Attic'>, 'Passphrase': <'attic secret'>}";
     EXPECT_EQ(connect(hidden_id), "");
@@ -541,3 +559,35 @@ TEST(ScenarioTest, ProgramExitsWithTwoOnBadScenario)
 }
 
 } // namespace
+
+TEST(ScenarioTest, ProgramServesScenarioAndTakesCommands)
+{
+    PrivateBus bus("system");
+    std::string file = testing::TempDir() + "/scenario.json";
+    std::ofstream(file) << R"({"technologies": [{"type": "wifi", "powered": true}],
+        "networks": [{"ident": "wifi_1_6e6574_managed_none", "name": "net", "strength": 50}]})";
+    std::string command = std::string(CONNMAN_SIM_PROGRAM) + " --address '" + bus.address() +
+                          "' --scenario " + file + " >/dev/null 2>&1";
+    FILE *in = popen(command.c_str(), "w");
+    ASSERT_NE(in, nullptr);
+    Client client(bus.address());
+    auto strength = [&]() -> std::string {
+        GVariant *reply = client.call(svc_path("wifi_1_6e6574_managed_none"), "net.connman.Service",
+                                      "GetProperties");
+        if (!reply)
+            return "";
+        GVariant *dict = g_variant_get_child_value(reply, 0);
+        std::string text = lookup_text(dict, "Strength");
+        g_variant_unref(dict);
+        g_variant_unref(reply);
+        return text;
+    };
+    EXPECT_TRUE(wait_until([&] { return strength() == "0x32"; }, 5000));
+    fputs("no-such-command\nstrength wifi_1_6e6574_managed_none 10\n", in);
+    fflush(in);
+    EXPECT_TRUE(wait_until([&] { return strength() == "0x0a"; }, 5000));
+    fputs("quit\n", in);
+    int status = pclose(in);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}

@@ -677,11 +677,12 @@ void Engine::svc_set_property(Svc &svc, const char *name, GVariant *value,
             !dict_string(value, "Gateway", config.gateway, has_gateway) ||
             !dict_string(value, "Privacy", config.privacy, has_privacy) || !has_method)
             return invalid_arguments(call);
+        // Like the daemon, an unknown privacy text means "disabled".
         if (!has_privacy || config.privacy.empty())
             config.privacy = svc.ipv6_config.privacy;
-        if (config.privacy != "disabled" && config.privacy != "enabled" &&
-            config.privacy != "prefered" && config.privacy != "preferred")
-            return invalid_arguments(call);
+        if (config.privacy != "enabled" && config.privacy != "prefered" &&
+            config.privacy != "preferred")
+            config.privacy = "disabled";
         // Clients send the prefix as a byte; accept a 16-bit value as well.
         unsigned prefix = 0;
         GVariant *length = g_variant_lookup_value(value, "PrefixLength", nullptr);
@@ -760,8 +761,11 @@ void Engine::forget_agent()
     agent_object.clear();
 }
 
+// Gives up on the agent's answer; the agent hears Cancel, as from the daemon.
 void Engine::cancel_agent_request(Svc &svc)
 {
+    if (svc.agent_request)
+        call_agent("Cancel", g_variant_new("()"));
     svc.agent_request = 0;
     if (svc.agent_cancellable) {
         g_cancellable_cancel(svc.agent_cancellable);
@@ -857,6 +861,7 @@ void Engine::input_answered(const std::string &ident, unsigned request, GVariant
     Svc *svc = find_svc(ident);
     if (!svc || svc->agent_request != request)
         return;
+    svc->agent_request = 0; // answered: nothing to cancel
     cancel_agent_request(*svc);
 
     if (error) {

@@ -1039,11 +1039,17 @@ void Simulator::report_error(const std::string &ident, const std::string &error)
 void Simulator::agent_cancel()
 {
     impl_->run([&] {
-        // The daemon gives up on the request it had outstanding, if any.
-        for (auto &svc : impl_->svcs)
-            if (svc->agent_request)
+        // The daemon gives up on the request it had outstanding, if any;
+        // giving up sends Cancel.
+        bool pending = false;
+        for (auto &svc : impl_->svcs) {
+            if (svc->agent_request) {
+                pending = true;
                 impl_->abort_connect(*svc);
-        impl_->call_agent("Cancel", g_variant_new("()"));
+            }
+        }
+        if (!pending)
+            impl_->call_agent("Cancel", g_variant_new("()"));
     });
 }
 
