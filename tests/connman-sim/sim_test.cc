@@ -514,7 +514,7 @@ TEST_F(SimTest, StopAndStartLeaveAndRejoinTheBusWithTheSameWorld)
     EXPECT_EQ(sim.service_state(open_id), "ready");
 }
 
-TEST(ScenarioTest, SampleLoadsAndBadInputIsRefused)
+TEST(SimScenarioFile, SampleLoadsAndBadInputIsRefused)
 {
     connman_sim::Scenario scenario;
     std::string error;
@@ -542,7 +542,7 @@ TEST(ScenarioTest, SampleLoadsAndBadInputIsRefused)
     EXPECT_FALSE(connman_sim::parse_scenario("{\"technology\": []}", scenario, error));
 }
 
-TEST(ScenarioTest, ProgramExitsWithTwoOnBadScenario)
+TEST(SimScenarioFile, ProgramExitsWithTwoOnBadScenario)
 {
     std::string file = testing::TempDir() + "/bad-scenario.json";
     std::ofstream(file) << "{ \"technologies\": [ { \"type\": 7 } ] }";
@@ -560,7 +560,7 @@ TEST(ScenarioTest, ProgramExitsWithTwoOnBadScenario)
 
 } // namespace
 
-TEST(ScenarioTest, ProgramServesScenarioAndTakesCommands)
+TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
 {
     PrivateBus bus("system");
     std::string file = testing::TempDir() + "/scenario.json";

@@ -520,7 +520,8 @@ void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMeth
         }
         g_variant_unref(value);
     } else if (m == "Scan") {
-        if (tech.type != "wifi") {
+        // The daemon scans for Wi-Fi networks and for P2P peers only.
+        if (tech.type != "wifi" && tech.type != "p2p") {
             error_reply(call, "net.connman.Error.NotSupported", "Not supported");
             return;
         }
@@ -535,7 +536,8 @@ void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMeth
         Tech *t = &tech;
         tech.scan_timer = add_timer(scan_ms, [this, t] {
             clear_timer(t->scan_timer);
-            emit_services_changed();
+            if (t->type == "wifi")
+                emit_services_changed();
             for (auto *waiter : t->scan_waiters)
                 g_dbus_method_invocation_return_value(waiter, nullptr);
             t->scan_waiters.clear();
