@@ -1,0 +1,281 @@
+// Connecting, answering ConnMan's agent requests, and the library's own
+// return to the last Wi-Fi network.
+#include "tests/scenarios/scenario.h"
+
+#include <chrono>
+
+#include "tests/support/wait.h"
+
+namespace
+{
+
+const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const CAFE = "wifi_0a0000000002_63616665_managed_none";
+const char *const OFFICE = "wifi_0a0000000003_6f6666696365_managed_psk";
+const char *const HIDDEN_OPEN = "wifi_0a0000000004_hidden_managed_none";
+const char *const HIDDEN_PSK = "wifi_0a0000000005_hidden_managed_psk";
+
+class ConnectionScenario : public Scenario
+{
+  protected:
+    // Wi-Fi type, Wi-Fi powered, the given networks; waits for the list.
+    void start_on_wifi(const std::vector<connman_sim::Network> &networks,
+                       const std::string &last_wifi = "", bool with_last_wifi = false)
+    {
+        Json::Value saved;
+        saved["netmgr:type"] = 1;
+        if (with_last_wifi)
+            saved["netmgr:last_wifi"] = last_wifi;
+        write_store(saved);
+        sim.add_technology("wifi", true);
+        for (const connman_sim::Network &network : networks)
+            sim.add_network(network);
+        start();
+        ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
+    }
+
+    std::string last_wifi() const { return store()["netmgr:last_wifi"].asString(); }
+
+    // Connects as the user would and waits for the announcement.
+    void connect_open(const char *ident)
+    {
+        size_t from = events.mark();
+        ASSERT_TRUE(NetMgr_ConnectWifi(service_path(ident)));
+        ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+    }
+};
+
+connman_sim::Network hidden(const char *ident, const char *security, const char *name)
+{
+    connman_sim::Network network;
+    network.ident = ident;
+    network.security = {security};
+    network.hidden = true;
+    network.hidden_name = name;
+    if (std::string(security) != "none")
+        network.passphrase = "correct horse";
+    return network;
+}
+
+TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
+{
+    start_on_wifi({wifi(HOME, "home")});
+    const std::string path = service_path(HOME);
+
+    size_t from = events.mark();
+    connect_open(HOME);
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
+    EXPECT_EQ(path, last_wifi());
+    EXPECT_EQ(1, store()["netmgr:type"].asInt());
+
+    // Already connected: announced at once, nothing sent.
+    int connects = sim.count_calls("Connect", path);
+    from = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(path));
+    EXPECT_EQ(1, events.count(NETMGR_EVT_WIFI_CONNECTED, from));
+    EXPECT_EQ(connects, sim.count_calls("Connect", path));
+
+    RecordedEvent event;
+    from = events.mark();
+    sim.set_strength(HOME, 33);
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, from, &event));
+    EXPECT_EQ(path, event.wifi.path);
+    EXPECT_EQ("home", event.wifi.name);
+    EXPECT_EQ(33, event.wifi.strength);
+    EXPECT_TRUE(event.wifi.connected);
+
+    // A disconnect the user asked for is not a lost connection: byte 0.
+    from = events.mark();
+    EXPECT_TRUE(NetMgr_DisconnectWifi());
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
+    EXPECT_EQ(0, event.byte);
+    EXPECT_EQ(1, sim.count_calls("Disconnect", path));
+    EXPECT_TRUE(wait_service_state(HOME, "idle"));
+
+    // Forgetting the connected last network: it is lost (non-zero byte) and
+    // the last Wi-Fi is stored as "".
+    connect_open(HOME);
+    from = events.mark();
+    EXPECT_TRUE(NetMgr_DismissWifi(path));
+    EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
+    EXPECT_FALSE(event.null_arg);
+    EXPECT_NE(0, event.byte);
+    Json::Value saved = store()["netmgr:last_wifi"];
+    EXPECT_TRUE(saved.isString());
+    EXPECT_EQ("", saved.asString());
+}
+
+TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
+{
+    start_on_wifi({wifi(OFFICE, "office", "psk")});
+    const std::string path = service_path(OFFICE);
+
+    RecordedEvent event;
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from, &event));
+    EXPECT_EQ(path, event.wifi.path);
+    EXPECT_EQ("office", event.wifi.name);
+    EXPECT_EQ("psk", event.wifi.security);
+    EXPECT_FALSE(event.wifi.hidden);
+    EXPECT_TRUE(NetMgr_CancelWifiConnection());
+    EXPECT_TRUE(wait_until(
+        [&] { return sim.last_agent_reply() == "net.connman.Agent.Error.Canceled"; }, 5000));
+
+    from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
+    // Only the network being connected may be answered.
+    EXPECT_FALSE(NetMgr_SetWifiPassword(service_path(HOME), "correct horse"));
+    EXPECT_TRUE(NetMgr_SetWifiPassword(path, std::string("correct ") + "horse"));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+    EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
+    EXPECT_EQ(path, last_wifi());
+}
+
+TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
+{
+    start_on_wifi({hidden(HIDDEN_OPEN, "none", "attic"), hidden(HIDDEN_PSK, "psk", "cellar")});
+    const std::string open_path = getHideWifiPath(0);
+    const std::string psk_path = getHideWifiPath(2);
+    ASSERT_EQ(service_path(HIDDEN_OPEN), open_path);
+    ASSERT_EQ(service_path(HIDDEN_PSK), psk_path);
+
+    RecordedEvent event;
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(open_path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from, &event));
+    EXPECT_TRUE(event.wifi.hidden);
+    EXPECT_EQ("", event.wifi.name);
+    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword(psk_path, "attic", ""));
+    // No password: only the name is sent.
+    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(open_path, "attic", ""));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+    EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Name': <'attic'>"));
+    EXPECT_EQ(std::string::npos, sim.last_agent_reply().find("Passphrase"));
+
+    from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(psk_path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from, &event));
+    EXPECT_TRUE(event.wifi.hidden);
+    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(psk_path, "cellar", "correct horse"));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+    EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
+    EXPECT_EQ(psk_path, last_wifi());
+}
+
+TEST_F(ConnectionScenario, WrongPassphraseRaisesInvalidKeyAndForgetsTheNetwork)
+{
+    start_on_wifi({wifi(OFFICE, "office", "psk")});
+    const std::string path = service_path(OFFICE);
+
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
+    EXPECT_TRUE(NetMgr_SetWifiPassword(path, "wrong horse"));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_INVALID_KEY, from));
+    EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_CONNECTED, from));
+}
+
+TEST_F(ConnectionScenario, AgentErrorsBecomeEventsByNetworkType)
+{
+    sim.add_technology("ethernet", true);
+    start_on_wifi({wifi(HOME, "home")});
+    const std::string path = service_path(HOME);
+
+    RecordedEvent event;
+    size_t from = events.mark();
+    sim.report_error(HOME, "connect-failed");
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
+
+    from = events.mark();
+    sim.report_error(HOME, "blocked");
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
+    EXPECT_TRUE(event.null_arg);
+
+    from = events.mark();
+    sim.report_error(HOME, "connect-failed-wpa3");
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
+    EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
+
+    // Under the ethernet type the same reports speak of ethernet.
+    from = events.mark();
+    EXPECT_TRUE(NetMgr_EnableEthernet());
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
+    sim.report_error(HOME, "connect-failed");
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECT_FAILED, from));
+    sim.report_error(HOME, "blocked");
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
+
+    // "invalid-key" is the same for every type.
+    int removes = sim.count_calls("Remove", path);
+    sim.report_error(HOME, "invalid-key");
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_INVALID_KEY, from));
+    EXPECT_TRUE(sim.wait_for_calls("Remove", removes + 1, 5000, path));
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
+}
+
+TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
+{
+    const std::string home = service_path(HOME);
+    const std::string cafe = service_path(CAFE);
+    start_on_wifi({wifi(HOME, "home", "none", 50), wifi(CAFE, "cafe", "none", 70)}, home, true);
+
+    sim.fail_next_connect("net.connman.Error.InProgress", "In progress");
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(cafe));
+    ASSERT_TRUE(sim.wait_for_calls("Connect", 1, 5000, cafe));
+    // The report follows the failed Connect's reply on the bus, so once it
+    // is seen the reply has been handled.
+    sim.report_error(CAFE, "connect-failed");
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
+    EXPECT_EQ(0, sim.count_calls("Connect", home));
+
+    sim.fail_next_connect("net.connman.Error.Failed", "Operation failed");
+    from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(cafe));
+    EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, home));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+    EXPECT_EQ("ready", sim.service_state(HOME));
+    EXPECT_EQ(home, last_wifi());
+}
+
+TEST_F(ConnectionScenario, PassphraseRequestInBackgroundForgetsLastWifi)
+{
+    const std::string office = service_path(OFFICE);
+    start_on_wifi({wifi(OFFICE, "office", "psk", 50), wifi(CAFE, "cafe", "none", 70)}, office,
+                  true);
+
+    // The failed user connection sends the library back to the last network,
+    // whose stored credentials ConnMan no longer has.
+    sim.fail_next_connect("net.connman.Error.Failed", "Operation failed");
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(CAFE)));
+    EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, office));
+    ASSERT_TRUE(wait_until(
+        [&] {
+            Json::Value saved = store()["netmgr:last_wifi"];
+            return saved.isString() && saved.asString().empty();
+        },
+        5000));
+    EXPECT_GE(sim.request_input_count(), 1);
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
+}
+
+TEST_F(ConnectionScenario, StartupCheckReconnectsLastWifiAfterTenSeconds)
+{
+    const std::string home = service_path(HOME);
+    auto started = std::chrono::steady_clock::now();
+    start_on_wifi({wifi(HOME, "home")}, home, true);
+
+    ASSERT_TRUE(sim.wait_for_calls("Connect", 1, 15000, home));
+    auto waited = std::chrono::steady_clock::now() - started;
+    EXPECT_GE(waited, std::chrono::milliseconds(9500));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, 0, nullptr, 5000));
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED));
+    EXPECT_EQ(home, last_wifi());
+}
+
+} // namespace

@@ -1,0 +1,100 @@
+// Scenario fixture: the whole library against the ConnMan simulator on
+// private buses, with the settings store and the shell in a temporary
+// directory.
+//
+// The library cannot be stopped, so a scenario owns its process: one test
+// case per process (CTest runs them that way). The buses, the simulator and
+// the library stay up until the process ends; the test binary's main()
+// (scenario.cc) ends the process without tearing them down and leaves the
+// clean-up of the bus daemons and the directory to a small reaper process.
+//
+// Reuse: link the target `netmgr_scenario_support` and derive from Scenario.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "connman_sim.h"
+#include "core/netmgr.h"
+#include "tests/support/private_bus.h"
+
+struct RecordedEvent {
+    NetMgrEvent code;
+    bool null_arg = true;
+    int byte = -1;    // event 8: the byte the argument points to, -1 when null
+    NetWifiInfo wifi; // events 10 and 19: copy of the network record
+};
+
+// Records every event the library raises; the callback runs on the
+// library's service thread, the waits on the test's thread.
+class EventRecorder
+{
+  public:
+    static EventRecorder &instance();
+    static int callback(NetMgrEvent event, void *arg);
+
+    // Index of the next event; pass it as `from` to look only at later ones.
+    size_t mark() const;
+    // Waits until an event `code` at index >= from has arrived; copies it.
+    bool wait_for_event(NetMgrEvent code, int timeout_ms, size_t from = 0,
+                        RecordedEvent *out = nullptr);
+    int count(NetMgrEvent code, size_t from = 0) const;
+    std::vector<RecordedEvent> events(size_t from = 0) const;
+
+  private:
+    EventRecorder() = default;
+    void record(const RecordedEvent &event);
+
+    mutable std::mutex mutex_;
+    std::condition_variable arrived_;
+    std::vector<RecordedEvent> events_;
+};
+
+class Scenario : public ::testing::Test
+{
+  protected:
+    void SetUp() override;
+
+    // Before start(): a settings file with these members.
+    void write_store(const Json::Value &members);
+    // NetMgr_StartRoutine with the recorder; waits until the agent is
+    // registered with the simulator.
+    void start();
+
+    // The settings file as it is now (null when absent or unreadable).
+    Json::Value store() const;
+    // Commands the library ran through the shell, one per line.
+    std::vector<std::string> shell_commands() const;
+    bool shell_ran(const std::string &command) const;
+
+    // Waits for a service's state in the simulator.
+    bool wait_service_state(const std::string &ident, const std::string &state,
+                            int timeout_ms = 5000);
+    // Waits until the library's Wi-Fi list holds n entries.
+    bool wait_wifi_list(int n, int timeout_ms = 5000);
+
+    bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,
+                        int timeout_ms = 10000)
+    {
+        return events.wait_for_event(code, timeout_ms, from, out);
+    }
+
+    static std::string service_path(const std::string &ident)
+    {
+        return "/net/connman/service/" + ident;
+    }
+    static connman_sim::Network wifi(const std::string &ident, const std::string &name,
+                                     const std::string &security = "none", uint8_t strength = 60);
+
+    connman_sim::Simulator &sim;
+    EventRecorder &events = EventRecorder::instance();
+
+  public:
+    Scenario();
+};

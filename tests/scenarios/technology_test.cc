@@ -1,0 +1,144 @@
+// Which network type wins when the cable comes and goes, and P2P mode.
+#include "tests/scenarios/scenario.h"
+
+#include "tests/support/wait.h"
+
+namespace
+{
+
+const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const CABLE = "ethernet_0e0000000001_cable";
+const char *const WIFI_TECH = "/net/connman/technology/wifi";
+const char *const P2P_TECH = "/net/connman/technology/p2p";
+
+class TechnologyScenario : public Scenario
+{
+  protected:
+    void add_cable(bool carrier)
+    {
+        connman_sim::Network cable;
+        cable.ident = CABLE;
+        cable.type = "ethernet";
+        cable.interface = "eth0";
+        cable.mac = "02:00:00:00:00:0e";
+        cable.carrier = carrier;
+        sim.add_network(cable);
+    }
+
+    bool wait_powered(const std::string &type, bool powered)
+    {
+        const char *text = powered ? "true" : "false";
+        return wait_until([&] { return sim.technology_property(type, "Powered") == text; }, 5000);
+    }
+
+    int stored_type() const { return store()["netmgr:type"].asInt(); }
+
+    int wifi_power_requests() const
+    {
+        int n = 0;
+        for (const connman_sim::Call &call : sim.calls())
+            if (call.member == "SetProperty" && call.path == WIFI_TECH)
+                n++;
+        return n;
+    }
+};
+
+TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
+{
+    Json::Value saved;
+    saved["netmgr:type"] = 1;
+    write_store(saved);
+    sim.add_technology("ethernet", true);
+    sim.add_technology("wifi", true);
+    sim.add_network(wifi(HOME, "home"));
+    add_cable(false);
+    start();
+    ASSERT_TRUE(wait_wifi_list(1));
+
+    size_t from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(HOME)));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
+
+    // Ethernet wins over Wi-Fi.
+    from = events.mark();
+    sim.set_carrier(CABLE, true);
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
+    EXPECT_TRUE(wait_powered("wifi", false));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }, 5000));
+    EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
+
+    // While the cable is connected Wi-Fi cannot be chosen.
+    int requests = wifi_power_requests();
+    EXPECT_FALSE(NetMgr_EnableWifi());
+    EXPECT_FALSE(NetMgr_GetWifiEnable());
+    EXPECT_EQ(requests, wifi_power_requests());
+
+    // Without the cable Wi-Fi takes over and the check finds the last network.
+    from = events.mark();
+    sim.set_carrier(CABLE, false);
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED, from));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }, 5000));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from, nullptr, 15000));
+    EXPECT_EQ("ready", sim.service_state(HOME));
+}
+
+TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
+{
+    sim.add_technology("ethernet", true);
+    sim.add_technology("wifi", false);
+    add_cable(true);
+    start();
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED));
+    NetConnInfo info;
+    EXPECT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
+
+    EXPECT_FALSE(NetMgr_EnableWifi());
+
+    size_t from = events.mark();
+    sim.set_carrier(CABLE, false);
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
+    // Bridged calls run after the handler that raised the event.
+    EXPECT_FALSE(NetMgr_GetWifiEnable());
+    EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
+    EXPECT_EQ(0, wifi_power_requests());
+    EXPECT_EQ("false", sim.technology_property("wifi", "Powered"));
+
+    from = events.mark();
+    EXPECT_TRUE(NetMgr_DisableEthernet());
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISABLED, from));
+    EXPECT_TRUE(NetMgr_EnableEthernet());
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED, from));
+    EXPECT_EQ(0, stored_type());
+}
+
+TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
+{
+    Json::Value saved;
+    saved["netmgr:type"] = 1;
+    write_store(saved);
+    sim.add_technology("wifi", true);
+    sim.add_technology("p2p", false);
+    start();
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED));
+
+    EXPECT_TRUE(NetMgr_EnableP2P());
+    EXPECT_TRUE(wait_powered("p2p", true));
+    EXPECT_EQ(NET_TYPE_P2P, NetMgr_GetNetworkType());
+    // A second enable keeps the type from before the first.
+    EXPECT_TRUE(NetMgr_EnableP2P());
+    EXPECT_TRUE(NetMgr_ScanWifi());
+
+    EXPECT_TRUE(NetMgr_ScanP2P());
+    EXPECT_TRUE(sim.wait_for_calls("Scan", 1, 5000, P2P_TECH));
+    EXPECT_TRUE(shell_ran("wpa_cli p2p_find"));
+
+    EXPECT_TRUE(NetMgr_DisableP2P(false));
+    EXPECT_EQ(NET_TYPE_WIFI, NetMgr_GetNetworkType());
+    EXPECT_TRUE(wait_powered("p2p", false));
+    // P2P mode is never stored.
+    EXPECT_EQ(1, stored_type());
+}
+
+} // namespace

@@ -1,0 +1,110 @@
+// The Wi-Fi list as the application sees it, built from the simulator's
+// services.
+#include "tests/scenarios/scenario.h"
+
+namespace
+{
+
+const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const OFFICE = "wifi_0a0000000001_6f6666696365_managed_psk";
+const char *const GUEST = "wifi_0b0000000001_6775657374_managed_none";
+const char *const HIDDEN_OPEN = "wifi_0a0000000001_hidden_managed_none";
+const char *const HIDDEN_PSK_1 = "wifi_0a0000000001_hidden_managed_psk";
+const char *const HIDDEN_WEP = "wifi_0a0000000001_hidden_managed_wep";
+const char *const HIDDEN_PSK_2 = "wifi_0a0000000002_hidden_managed_psk";
+const char *const CABLE = "ethernet_0e0000000001_cable";
+
+connman_sim::Network hidden(const char *ident, const char *security, uint8_t strength)
+{
+    connman_sim::Network network;
+    network.ident = ident;
+    network.security = {security};
+    network.hidden = true;
+    network.hidden_name = "secret";
+    network.strength = strength;
+    if (std::string(security) != "none")
+        network.passphrase = "correct horse";
+    return network;
+}
+
+class WifiListScenario : public Scenario
+{
+};
+
+TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet)
+{
+    Json::Value saved;
+    saved["netmgr:type"] = 1;
+    write_store(saved);
+    sim.add_technology("ethernet", true);
+    sim.add_technology("wifi", true);
+    sim.add_network(wifi(HOME, "home", "none", 90));
+    connman_sim::Network guest = wifi(GUEST, "guest", "none", 85);
+    guest.interface = "wlan1";
+    sim.add_network(guest);
+    sim.add_network(wifi(OFFICE, "office", "psk", 80));
+    sim.add_network(hidden(HIDDEN_OPEN, "none", 70));
+    sim.add_network(hidden(HIDDEN_PSK_1, "psk", 60));
+    sim.add_network(hidden(HIDDEN_WEP, "wep", 50));
+    sim.add_network(hidden(HIDDEN_PSK_2, "psk", 40));
+    connman_sim::Network cable;
+    cable.ident = CABLE;
+    cable.type = "ethernet";
+    cable.interface = "eth0";
+    cable.carrier = false;
+    sim.add_network(cable);
+    start();
+
+    // The ethernet service and the one on wlan1 stay out.
+    ASSERT_TRUE(wait_wifi_list(6));
+    EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_LIST_UPDATED));
+    std::unique_ptr<std::list<NetWifiInfo>> list(NetMgr_GetWifiList());
+    ASSERT_NE(nullptr, list);
+    std::vector<std::string> paths;
+    for (const NetWifiInfo &entry : *list) {
+        paths.push_back(entry.path);
+        EXPECT_FALSE(entry.connected);
+        EXPECT_FALSE(entry.hidden);
+    }
+    std::vector<std::string> expected = {service_path(HOME),        service_path(OFFICE),
+                                         service_path(HIDDEN_OPEN), service_path(HIDDEN_PSK_1),
+                                         service_path(HIDDEN_WEP),  service_path(HIDDEN_PSK_2)};
+    EXPECT_EQ(expected, paths);
+    const NetWifiInfo &office = *std::next(list->begin());
+    EXPECT_EQ("office", office.name);
+    EXPECT_EQ("psk", office.security);
+    EXPECT_EQ(80, office.strength);
+    EXPECT_EQ("", std::next(list->begin(), 2)->name);
+
+    std::unique_ptr<std::list<NetWifiInfo>> direct(NetMgr_GetWifiListInternel());
+    ASSERT_NE(nullptr, direct);
+    EXPECT_EQ(6u, direct->size());
+
+    // Later hidden networks of a kind replace earlier ones; unknown kinds mean PSK.
+    EXPECT_EQ(service_path(HIDDEN_OPEN), getHideWifiPath(0));
+    EXPECT_EQ(service_path(HIDDEN_WEP), getHideWifiPath(1));
+    EXPECT_EQ(service_path(HIDDEN_PSK_2), getHideWifiPath(2));
+    EXPECT_EQ(service_path(HIDDEN_PSK_2), getHideWifiPath(7));
+
+    // Every refresh applies the country code first.
+    EXPECT_TRUE(shell_ran("iwpriv wlan0 common country_code,JP"));
+
+    size_t before_scan = events.mark();
+    EXPECT_TRUE(NetMgr_ScanWifi());
+    EXPECT_GE(events.count(NETMGR_EVT_WIFI_LIST_UPDATED, before_scan), 1);
+
+    // Ethernet type: Wi-Fi goes off, scans are refused, the list stays.
+    size_t before_switch = events.mark();
+    EXPECT_TRUE(NetMgr_EnableEthernet());
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, before_switch));
+    EXPECT_EQ(0, store()["netmgr:type"].asInt());
+    // A "blocked" report arrives after the simulator's service update.
+    sim.report_error(HOME, "blocked");
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, before_switch));
+    EXPECT_FALSE(NetMgr_ScanWifi());
+    std::unique_ptr<std::list<NetWifiInfo>> kept(NetMgr_GetWifiList());
+    ASSERT_NE(nullptr, kept);
+    EXPECT_EQ(6u, kept->size());
+}
+
+} // namespace
