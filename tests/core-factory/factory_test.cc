@@ -1,0 +1,136 @@
+// Factory and test operations against the simulator.
+#include <chrono>
+
+#include "tests/core-common/scenario.h"
+#include "tests/support/wait.h"
+
+using Clock = std::chrono::steady_clock;
+
+namespace
+{
+
+connman_sim::Network wifi(const std::string &ident, const std::string &name, uint8_t strength)
+{
+    connman_sim::Network net;
+    net.ident = ident;
+    net.name = name;
+    net.security = {"none"};
+    net.strength = strength;
+    return net;
+}
+
+} // namespace
+
+class FactoryTest : public CoreScenario
+{
+  protected:
+    // Ethernet powered and preferred, Wi-Fi off: the device as it leaves
+    // the line, before the factory test forces Wi-Fi on.
+    void start_on_ethernet(const std::vector<connman_sim::Network> &networks)
+    {
+        sim_.add_technology("ethernet", true);
+        sim_.add_technology("wifi", false);
+        for (const auto &net : networks)
+            sim_.add_network(net);
+        start_library();
+        start_simulator();
+        ASSERT_TRUE(wait_event(NETMGR_EVT_ETHERNET_ENABLED, 1, 5000));
+    }
+
+    int stored_type()
+    {
+        Json::Value value;
+        return stored("netmgr:type", &value) ? value.asInt() : -1;
+    }
+};
+
+TEST_F(FactoryTest, WifiTestFailsWhenNoNetworkReachesSeventy)
+{
+    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak1", 60),
+                       wifi("wifi_0000000000a2_77656b32_managed_none", "weak2", 69)});
+    EXPECT_FALSE(NetMgr_Factory_Wifi_test());
+    EXPECT_EQ(NetMgr_GetWifiListCount(), 2) << "the networks were seen, just not strong";
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
+    EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
+    EXPECT_EQ(sim_.technology_property("ethernet", "Powered"), "false");
+}
+
+TEST_F(FactoryTest, WifiTestPassesWithOneNetworkAtSeventy)
+{
+    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak", 69),
+                       wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", 70)});
+    EXPECT_TRUE(NetMgr_Factory_Wifi_test());
+}
+
+TEST_F(FactoryTest, AutotestOnEthernetRunsTheWifiTestAndRestoresEthernet)
+{
+    start_on_ethernet({wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", 80)});
+    EXPECT_TRUE(NetMgr_Factory_Wifi_AutotestResult());
+
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
+    EXPECT_EQ(stored_type(), NET_TYPE_ETHERNET);
+    EXPECT_TRUE(wait_until(
+        [this] { return sim_.technology_property("wifi", "Powered") == "false"; }, 5000));
+    EXPECT_EQ(sim_.technology_property("ethernet", "Powered"), "true");
+}
+
+TEST_F(FactoryTest, ScanStartsTwoSecondsAfterTheCall)
+{
+    start_library();
+    Clock::time_point t0 = Clock::now();
+    EXPECT_TRUE(NetMgr_Factory_ScanWifi());
+    auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0);
+    EXPECT_GE(elapsed.count(), 2000);
+    EXPECT_EQ(count_command("wpa_cli scan"), 1);
+}
+
+TEST_F(FactoryTest, ResetAfterForcingWifiOnAP2PDeviceLeavesItOnWifi)
+{
+    store("netmgr:type", Json::Value(2));
+    sim_.add_technology("ethernet", true);
+    sim_.add_technology("wifi", false);
+    start_library();
+    start_simulator();
+    ASSERT_EQ(NetMgr_GetNetworkType(), NET_TYPE_P2P);
+
+    EXPECT_TRUE(NetMgr_Factory_EnableWifi());
+    EXPECT_TRUE(
+        wait_until([this] { return sim_.technology_property("wifi", "Powered") == "true"; }, 5000));
+    NetMgr_Factory_network_reset();
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
+    EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
+    EXPECT_TRUE(wait_until(
+        [this] { return sim_.technology_property("ethernet", "Powered") == "true"; }, 5000));
+}
+
+TEST_F(FactoryTest, LinkTestAsksEveryNetworkOfTheNameToConnect)
+{
+    const std::string first = "wifi_0000000000b1_74776963_managed_none";
+    const std::string second = "wifi_0000000000b2_74776963_managed_none";
+    start_on_ethernet({wifi(first, "twice", 50), wifi(second, "twice", 40),
+                       wifi("wifi_0000000000b3_6f74686572_managed_none", "other", 90)});
+
+    EXPECT_FALSE(NetMgr_Uart_Wifi_LinkTest(nullptr));
+    EXPECT_FALSE(NetMgr_Uart_Wifi_LinkTest("absent"));
+    EXPECT_EQ(sim_.count_calls("Connect"), 0) << "no network of that name, no connection";
+
+    EXPECT_TRUE(NetMgr_Uart_Wifi_LinkTest("twice"));
+    EXPECT_GE(sim_.count_calls("Connect", service_path(first)), 1);
+    EXPECT_GE(sim_.count_calls("Connect", service_path(second)), 1);
+    EXPECT_EQ(
+        sim_.count_calls("Connect", service_path("wifi_0000000000b3_6f74686572_managed_none")), 0);
+}
+
+TEST_F(FactoryTest, CountryCodeCommand)
+{
+    start_library();
+    EXPECT_TRUE(NetMgr_setWifiChannelRange("DE"));
+    EXPECT_TRUE(NetMgr_setWifiChannelRange(""));
+    // A code too long for the 100-byte command is cut to fit.
+    EXPECT_TRUE(NetMgr_setWifiChannelRange(std::string(200, 'X')));
+    std::vector<std::string> lines = commands();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0], "iwpriv wlan0 common country_code,DE");
+    EXPECT_EQ(lines[1], "iwpriv wlan0 common country_code,JP") << "an empty code means JP";
+    EXPECT_EQ(lines[2], "iwpriv wlan0 common country_code," + std::string(99 - 33, 'X'));
+}

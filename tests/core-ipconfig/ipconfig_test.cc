@@ -1,0 +1,225 @@
+// IPv4 and IPv6 configuration: what reaches ConnMan's service properties,
+// what reads back, and the IPv6 setting that gates the reader.
+#include <future>
+
+#include "tests/core-common/scenario.h"
+#include "tests/support/wait.h"
+
+namespace
+{
+
+const char kCable[] = "ethernet_020000000001_cable";
+
+bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+} // namespace
+
+class IpConfigTest : public CoreScenario
+{
+  protected:
+    // An Ethernet service the client knows about, connected or not.
+    void start_with_cable(bool carrier)
+    {
+        sim_.add_technology("ethernet", true);
+        connman_sim::Network net;
+        net.ident = kCable;
+        net.type = "ethernet";
+        net.name = "Wired";
+        net.interface = "eth0";
+        net.carrier = carrier;
+        sim_.add_network(net);
+        start_library();
+        start_simulator();
+        ASSERT_TRUE(wait_until(
+            [] {
+                std::string path;
+                on_service_thread([&] { path = getEthernetService(); });
+                return !path.empty();
+            },
+            10000));
+    }
+
+    std::string property(const char *name) const { return sim_.service_property(kCable, name); }
+
+    bool property_becomes(const char *name, const std::string &part) const
+    {
+        return wait_until([&] { return contains(property(name), part); }, 5000);
+    }
+
+    Json::Value ipv6_setting()
+    {
+        Json::Value value;
+        if (!stored("netmgr:ipv6_enable", &value))
+            return Json::Value();
+        return value;
+    }
+};
+
+TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
+{
+    start_with_cable(true);
+
+    NetIPv4Config manual;
+    manual.method = "manual";
+    manual.address = "192.0.2.77";
+    manual.netmask = "255.255.255.0";
+    manual.gateway = "192.0.2.1";
+    manual.dns1 = "192.0.2.53";
+    EXPECT_TRUE(NetMgr_SetIPv4Config(&manual));
+    EXPECT_TRUE(property_becomes("IPv4.Configuration", "'Address': <'192.0.2.77'>"));
+    EXPECT_TRUE(property_becomes("Nameservers.Configuration", "['192.0.2.53']"))
+        << "an empty second server sets exactly one: " << property("Nameservers.Configuration");
+
+    NetIPv4Config read;
+    read.dns2 = "kept";
+    EXPECT_TRUE(
+        wait_until([&] { return NetMgr_GetIPv4Config(&read) && read.method == "manual"; }, 5000));
+    EXPECT_EQ(read.address, "192.0.2.77");
+    EXPECT_EQ(read.netmask, "255.255.255.0");
+    EXPECT_EQ(read.gateway, "192.0.2.1");
+    EXPECT_EQ(read.dns1, "192.0.2.53");
+    EXPECT_EQ(read.dns2, "kept") << "one server leaves the second as it was";
+
+    // Three servers: the second member carries the rest, separator included.
+    manual.dns1 = "192.0.2.1";
+    manual.dns2 = "192.0.2.2;192.0.2.3";
+    EXPECT_TRUE(NetMgr_SetIPv4Config(&manual));
+    EXPECT_TRUE(
+        wait_until([&] { return NetMgr_GetIPv4Config(&read) && read.dns1 == "192.0.2.1"; }, 5000));
+    EXPECT_EQ(read.dns2, "192.0.2.2;192.0.2.3");
+
+    // Anything but "manual" means DHCP and clears the name servers.
+    NetIPv4Config dhcp;
+    dhcp.method = "static";
+    dhcp.address = "192.0.2.99";
+    EXPECT_TRUE(NetMgr_SetIPv4Config(&dhcp));
+    EXPECT_TRUE(property_becomes("IPv4.Configuration", "'Method': <'dhcp'>"));
+    EXPECT_TRUE(wait_until(
+        [&] { return !contains(property("Nameservers.Configuration"), "192.0.2"); }, 5000));
+    EXPECT_FALSE(contains(property("IPv4.Configuration"), "192.0.2.99"));
+
+    // ConnMan's refusal is the caller's failure; text that is not UTF-8
+    // never reaches the bus.
+    NetIPv4Config bad = manual;
+    bad.address = "not-an-address";
+    EXPECT_FALSE(NetMgr_SetIPv4Config(&bad));
+    bad.address = "192.0.2.\xff";
+    EXPECT_FALSE(NetMgr_SetIPv4Config(&bad));
+}
+
+TEST_F(IpConfigTest, Ipv6MethodsAndTheSettingThatFollowsThem)
+{
+    start_with_cable(true);
+    NetIPv6Config cfg;
+    cfg.method = "kept";
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg)) << "no setting: IPv6 is off";
+    EXPECT_EQ(cfg.method, "kept");
+
+    NetIPv6Config dhcp;
+    dhcp.method = "dhcp";
+    EXPECT_FALSE(NetMgr_SetIPv6Config(&dhcp));
+    EXPECT_TRUE(ipv6_setting().isNull()) << "a refused method leaves the setting alone";
+
+    NetIPv6Config manual;
+    manual.method = "manual";
+    manual.address = "2001:db8::77";
+    manual.prefixLength = 64;
+    manual.gateway = "2001:db8::1";
+    manual.dns1 = "2001:db8::53";
+    EXPECT_TRUE(NetMgr_SetIPv6Config(&manual));
+    EXPECT_EQ(ipv6_setting(), Json::Value(true));
+    EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Address': <'2001:db8::77'>"));
+    EXPECT_TRUE(property_becomes("Nameservers.Configuration", "['2001:db8::53']"));
+
+    NetIPv6Config read;
+    EXPECT_TRUE(
+        wait_until([&] { return NetMgr_GetIPv6Config(&read) && read.method == "manual"; }, 5000));
+    EXPECT_EQ(read.address, "2001:db8::77");
+    EXPECT_EQ(read.prefixLength, 64u);
+    EXPECT_EQ(read.gateway, "2001:db8::1");
+    EXPECT_EQ(read.dns1, "2001:db8::53");
+
+    NetIPv6Config automatic;
+    automatic.method = "auto";
+    automatic.privacy = "prefered";
+    EXPECT_TRUE(NetMgr_SetIPv6Config(&automatic));
+    EXPECT_EQ(ipv6_setting(), Json::Value(true));
+    EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Method': <'auto'>"));
+    EXPECT_TRUE(contains(property("IPv6.Configuration"), "'Privacy': <'prefered'>"));
+
+    NetIPv6Config off;
+    off.method = "off";
+    EXPECT_TRUE(NetMgr_SetIPv6Config(&off));
+    EXPECT_EQ(ipv6_setting(), Json::Value(false));
+    EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Method': <'off'>"));
+    read.method = "kept";
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&read));
+    EXPECT_EQ(read.method, "kept");
+}
+
+// Without the setting the reader answers on the caller's thread: it returns
+// even while the service thread is busy.
+TEST_F(IpConfigTest, Ipv6ReaderAsksTheServiceThreadOnlyWhenTheSettingIsOn)
+{
+    start_library();
+    auto read_async = [] {
+        return std::async(std::launch::async, [] {
+            NetIPv6Config cfg;
+            cfg.method = "kept";
+            bool ok = NetMgr_GetIPv6Config(&cfg);
+            return ok ? std::string("true") : cfg.method;
+        });
+    };
+
+    const Json::Value off_values[] = {Json::Value(), Json::Value(false), Json::Value("yes")};
+    for (const Json::Value &value : off_values) {
+        if (!value.isNull())
+            store("netmgr:ipv6_enable", value);
+        hold_service_thread();
+        auto result = read_async();
+        bool ready = result.wait_for(std::chrono::seconds(3)) == std::future_status::ready;
+        release_service_thread();
+        ASSERT_TRUE(ready) << "setting " << value.toStyledString();
+        EXPECT_EQ(result.get(), "kept");
+    }
+
+    store("netmgr:ipv6_enable", Json::Value(true));
+    hold_service_thread();
+    auto result = read_async();
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout)
+        << "with the setting on, the reader waits for the service thread";
+    release_service_thread();
+    EXPECT_EQ(result.get(), "kept") << "no Ethernet service: false, record untouched";
+}
+
+TEST_F(IpConfigTest, WithoutAnEthernetServiceAllFourFailSilently)
+{
+    store("netmgr:ipv6_enable", Json::Value(true));
+    sim_.add_technology("wifi", true);
+    connman_sim::Network wifi;
+    wifi.ident = "wifi_020000000002_6f70656e_managed_none";
+    wifi.name = "open";
+    sim_.add_network(wifi);
+    start_library();
+    start_simulator();
+    ASSERT_TRUE(wait_until([this] { return sim_.count_calls("GetServices") > 0; }, 10000));
+
+    NetIPv4Config v4;
+    v4.method = "manual";
+    v4.address = "192.0.2.5";
+    v4.netmask = "255.255.255.0";
+    NetIPv6Config v6;
+    v6.method = "off";
+    EXPECT_FALSE(NetMgr_GetIPv4Config(&v4));
+    EXPECT_FALSE(NetMgr_SetIPv4Config(&v4));
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&v6));
+    EXPECT_FALSE(NetMgr_SetIPv6Config(&v6));
+    EXPECT_EQ(v4.address, "192.0.2.5");
+    EXPECT_EQ(sim_.count_calls("SetProperty", service_path(wifi.ident)), 0);
+    Json::Value setting;
+    EXPECT_TRUE(stored("netmgr:ipv6_enable", &setting));
+    EXPECT_EQ(setting, Json::Value(true));
+}
