@@ -3,7 +3,8 @@
 //
 //   connman-sim --address ADDR --scenario FILE.json [--control FIFO]
 //
-// Commands come from the FIFO, or from standard input without --control.
+// Commands come from the FIFO (made when missing), or from standard input
+// without --control.
 #include "scenario.h"
 
 #include <errno.h>
@@ -12,6 +13,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -107,6 +109,10 @@ int main(int argc, char **argv)
 
     int input = STDIN_FILENO;
     if (!control.empty()) {
+        if (mkfifo(control.c_str(), 0600) < 0 && errno != EEXIST) {
+            fprintf(stderr, "connman-sim: cannot make %s: %s\n", control.c_str(), strerror(errno));
+            return exit_usage;
+        }
         // Read-write, so the FIFO never reports end of file between writers.
         input = open(control.c_str(), O_RDWR | O_CLOEXEC);
         if (input < 0) {

@@ -487,6 +487,13 @@ void Engine::start_connect(Svc &svc, GDBusMethodInvocation *call)
 
 void Engine::begin_association(Svc &svc)
 {
+    // One radio joins one network: whatever Wi-Fi network it was on goes.
+    if (svc.is_wifi()) {
+        for (auto &other : svcs)
+            if (other.get() != &svc && other->is_wifi() &&
+                (other->connected() || other->connecting()))
+                disconnect(*other);
+    }
     set_error(svc, "");
     set_state(svc, "association");
     clear_timer(svc.step_timer);
