@@ -155,8 +155,6 @@ class RealConnmanTest : public ::testing::Test
 
         shell_log = peer->dir() + "/shell.log";
         std::string shell = NETMGR_SOURCE_DIR "/tests/support/record_shell.sh";
-        if (access(shell.c_str(), X_OK) != 0)
-            shell = NETMGR_REAL_CONNMAN_DIR "/record_shell.sh";
         setenv("NETMGR_STORE", (peer->dir() + "/store.json").c_str(), 1);
         setenv("NETMGR_SHELL", shell.c_str(), 1);
         setenv("NETMGR_SHELL_LOG", shell_log.c_str(), 1);
