@@ -304,6 +304,12 @@ TEST_F(SimTest, ListsServicesConnectedFirstThenByStrength)
     EXPECT_EQ(sim.service_property(hidden_id, "Name"), "");
     EXPECT_EQ(sim.service_property(psk_id, "Security"), "['psk']");
 
+    // Input that cannot go on the bus is refused, not sent.
+    sim.add_network(wifi("wifi_bad_name", "\xff\xfe", 50));
+    sim.add_network(wifi("bad/ident", "name", 50));
+    EXPECT_FALSE(sim.has_network("wifi_bad_name"));
+    EXPECT_FALSE(sim.has_network("bad/ident"));
+
     ASSERT_EQ(connect(open_id), "");
     EXPECT_EQ(services()[0].first, svc_path(open_id));
 

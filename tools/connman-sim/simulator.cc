@@ -279,11 +279,19 @@ void Engine::add_network(const Network &network)
         fprintf(stderr, "connman-sim: invalid network ident \"%s\"\n", network.ident.c_str());
         return;
     }
-    if (!g_utf8_validate(network.name.c_str(), -1, nullptr) ||
-        !g_utf8_validate(network.hidden_name.c_str(), -1, nullptr)) {
-        fprintf(stderr, "connman-sim: network name of \"%s\" is not UTF-8\n",
-                network.ident.c_str());
-        return;
+    // Every text ends up in a D-Bus string, which must be UTF-8.
+    std::vector<std::string> texts = {
+        network.type,         network.name,         network.hidden_name,  network.passphrase,
+        network.interface,    network.mac,          network.ipv4_address, network.ipv4_netmask,
+        network.ipv4_gateway, network.ipv6_address, network.ipv6_gateway};
+    texts.insert(texts.end(), network.security.begin(), network.security.end());
+    texts.insert(texts.end(), network.nameservers.begin(), network.nameservers.end());
+    for (const auto &text : texts) {
+        if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+            fprintf(stderr, "connman-sim: network \"%s\" has text that is not UTF-8\n",
+                    network.ident.c_str());
+            return;
+        }
     }
     if (find_svc(network.ident))
         remove_network(network.ident);
