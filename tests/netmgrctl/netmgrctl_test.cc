@@ -1,0 +1,340 @@
+// netmgrctl run as a child process against private buses and the ConnMan
+// simulator, with its settings store in a temporary directory.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "connman_sim.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/wait.h"
+
+namespace
+{
+
+const char kHome[] = "wifi_020000000010_686f6d65_managed_psk";
+const char kCafe[] = "wifi_020000000011_63616665_managed_none";
+const char kCable[] = "ethernet_020000000001_cable";
+const char kPassphrase[] = "correct horse";
+
+struct Outcome {
+    int code = -1; // exit code; -1 when killed or not run
+    std::string out;
+    std::string err;
+};
+
+// Runs netmgrctl with args, feeding input on stdin, and collects its output.
+Outcome run_ctl(const std::vector<std::string> &args, const std::string &input = "",
+            int timeout_ms = 30000)
+{
+    std::vector<char *> argv;
+    std::string program = NETMGRCTL_PROGRAM;
+    argv.push_back(program.data());
+    std::vector<std::string> copies(args);
+    for (std::string &arg : copies)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+
+    int in[2], out[2], err[2];
+    Outcome run;
+    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
+        return run;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    if (!input.empty() && write(in[1], input.data(), input.size()) < 0)
+        ADD_FAILURE() << "could not write the child's input";
+    close(in[1]);
+
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+    std::string *sinks[2] = {&run.out, &run.err};
+    int open_fds = 2;
+    while (open_fds > 0) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now())
+                        .count();
+        if (left <= 0 || poll(fds, 2, static_cast<int>(left)) <= 0)
+            break;
+        for (int i = 0; i < 2; i++) {
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
+                continue;
+            char buf[4096];
+            ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+            if (n > 0) {
+                sinks[i]->append(buf, static_cast<size_t>(n));
+            } else {
+                close(fds[i].fd);
+                fds[i].fd = -1;
+                open_fds--;
+            }
+        }
+    }
+    if (open_fds > 0)
+        kill(pid, SIGKILL);
+    for (auto &fd : fds) {
+        if (fd.fd >= 0)
+            close(fd.fd);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+Json::Value parse_json(const std::string &text)
+{
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    std::string errors;
+    std::istringstream stream(text);
+    EXPECT_TRUE(Json::parseFromStream(builder, stream, &value, &errors)) << errors << text;
+    return value;
+}
+
+std::string service_path(const char *ident)
+{
+    return std::string("/net/connman/service/") + ident;
+}
+
+connman_sim::Network home()
+{
+    connman_sim::Network net;
+    net.ident = kHome;
+    net.name = "home";
+    net.security = {"psk"};
+    net.passphrase = kPassphrase;
+    net.strength = 70;
+    return net;
+}
+
+connman_sim::Network cafe()
+{
+    connman_sim::Network net;
+    net.ident = kCafe;
+    net.name = "cafe";
+    net.security = {"none"};
+    net.strength = 40;
+    return net;
+}
+
+connman_sim::Network cable()
+{
+    connman_sim::Network net;
+    net.ident = kCable;
+    net.type = "ethernet";
+    net.name = "Wired";
+    net.interface = "eth0";
+    net.ipv4_address = "192.0.2.44";
+    return net;
+}
+
+} // namespace
+
+class NetmgrctlTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/netmgrctl-test-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        setenv("NETMGR_STORE", (dir_ + "/store.json").c_str(), 1);
+        setenv("NETMGR_SHELL", "/bin/true", 1);
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+
+    // The library keeps the Wi-Fi list only under type wifi.
+    void store_type_wifi() { std::ofstream(dir_ + "/store.json") << "{\"netmgr:type\": 1}\n"; }
+
+    void start_wifi_world()
+    {
+        store_type_wifi();
+        sim_.add_technology("wifi", true);
+        sim_.add_network(home());
+        sim_.add_network(cafe());
+        ASSERT_TRUE(sim_.start(buses_.system.address()));
+    }
+
+    bool home_connected()
+    {
+        std::string state = sim_.service_state(kHome);
+        return state == "ready" || state == "online";
+    }
+
+    std::string dir_;
+    TestBuses buses_;
+    connman_sim::Simulator sim_;
+};
+
+TEST_F(NetmgrctlTest, BadArgumentsExitWithUsageErrors)
+{
+    const std::vector<std::vector<std::string>> bad = {
+        {},
+        {"fly"},
+        {"wifi"},
+        {"wifi", "fly"},
+        {"wifi", "connect"},
+        {"wifi", "list", "--passphrase", "x"},
+        {"wifi", "hidden", "--ssid", "x"},
+        {"wifi", "hidden", "--security", "none", "--ssid", "x", "--passphrase", "y"},
+        {"wifi", "forget", "not/a/path"},
+        {"status", "extra"},
+        {"--timeout", "soon", "status"},
+        {"--bogus", "status"},
+        {"offline", "maybe"},
+        {"ipv4", "set", "manual", "192.0.2.1"},
+        {"ipv4", "set", "manual", "192.0.2.300", "255.255.255.0", "192.0.2.1"},
+        {"ipv4", "set", "manual", "192.0.2.3", "255.0.255.0", "192.0.2.1"},
+        {"ipv6", "set", "manual", "2001:db8::3", "129", "2001:db8::1"},
+        {"ipv6", "set", "dhcp"},
+        {"country", "J;"},
+        {"factory", "link-test"},
+        {"monitor", "--count", "0"},
+    };
+    for (const auto &args : bad) {
+        std::string line;
+        for (const auto &arg : args)
+            line += arg + " ";
+        Outcome run = run_ctl(args);
+        EXPECT_EQ(run.code, 2) << line << run.err;
+        EXPECT_NE(run.err.find("netmgrctl: "), std::string::npos) << line << run.err;
+        EXPECT_NE(run.err.find("usage"), std::string::npos) << line << run.err;
+        EXPECT_EQ(run.out, "") << line;
+    }
+
+    Outcome help = run_ctl({"wifi", "--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_NE(help.out.find("wifi hidden --security psk|wep|none"), std::string::npos) << help.out;
+}
+
+TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
+{
+    Outcome missing = run_ctl({"--timeout", "1", "status"});
+    EXPECT_EQ(missing.code, 3) << missing.err;
+    EXPECT_NE(missing.err.find("ConnMan is not running"), std::string::npos) << missing.err;
+
+    // Another client of the library holds its name on the session bus.
+    DBusConnection *other = dbus_bus_get_private(DBUS_BUS_SESSION, nullptr);
+    ASSERT_NE(other, nullptr);
+    dbus_connection_set_exit_on_disconnect(other, FALSE);
+    ASSERT_EQ(dbus_bus_request_name(other, "net.connman.Gaskaidra", 0, nullptr),
+              DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER);
+    Outcome taken = run_ctl({"type"});
+    EXPECT_EQ(taken.code, 1) << taken.err;
+    EXPECT_NE(taken.err.find("another libnetmgr client (pid " + std::to_string(getpid())),
+              std::string::npos)
+        << taken.err;
+    dbus_connection_close(other);
+    dbus_connection_unref(other);
+}
+
+TEST_F(NetmgrctlTest, WifiListJsonHasTheSimulatorsNetworks)
+{
+    start_wifi_world();
+    Outcome run = run_ctl({"--json", "wifi", "list"});
+    ASSERT_EQ(run.code, 0) << run.err;
+    Json::Value list = parse_json(run.out);
+    ASSERT_TRUE(list.isArray()) << run.out;
+    ASSERT_EQ(list.size(), 2u) << run.out;
+    std::map<std::string, Json::Value> by_name;
+    for (const Json::Value &entry : list)
+        by_name[entry["name"].asString()] = entry;
+    ASSERT_EQ(by_name.count("home"), 1u) << run.out;
+    ASSERT_EQ(by_name.count("cafe"), 1u) << run.out;
+    EXPECT_EQ(by_name["home"]["path"].asString(), service_path(kHome));
+    EXPECT_EQ(by_name["home"]["security"].asString(), "psk");
+    EXPECT_EQ(by_name["home"]["strength"].asUInt(), 70u);
+    EXPECT_FALSE(by_name["home"]["connected"].asBool());
+    EXPECT_EQ(by_name["cafe"]["security"].asString(), "none");
+    EXPECT_EQ(by_name["cafe"]["strength"].asUInt(), 40u);
+    EXPECT_GE(sim_.count_calls("Scan"), 1) << "list scans first";
+}
+
+TEST_F(NetmgrctlTest, ConnectWithPassphraseOptionEndsConnected)
+{
+    start_wifi_world();
+    Outcome run = run_ctl({"wifi", "connect", "home", "--passphrase", kPassphrase});
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_EQ(run.out, "connected to home\n");
+    EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
+    EXPECT_NE(sim_.last_agent_reply().find(kPassphrase), std::string::npos)
+        << sim_.last_agent_reply();
+}
+
+TEST_F(NetmgrctlTest, ConnectAsksForThePassphraseOnStdin)
+{
+    start_wifi_world();
+    Outcome run = run_ctl({"wifi", "connect", service_path(kHome)}, std::string(kPassphrase) + "\n");
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
+    EXPECT_EQ(sim_.request_input_count(), 1);
+
+    // Connected already: no new passphrase request.
+    Outcome again = run_ctl({"--json", "wifi", "connect", "home"});
+    ASSERT_EQ(again.code, 0) << again.err;
+    EXPECT_EQ(parse_json(again.out)["path"].asString(), service_path(kHome));
+    EXPECT_EQ(sim_.request_input_count(), 1);
+}
+
+TEST_F(NetmgrctlTest, ConnectFailuresAreReported)
+{
+    start_wifi_world();
+    Outcome unknown = run_ctl({"wifi", "connect", "nowhere"});
+    EXPECT_EQ(unknown.code, 1) << unknown.err;
+    EXPECT_NE(unknown.err.find("no network nowhere"), std::string::npos) << unknown.err;
+
+    Outcome no_answer = run_ctl({"wifi", "connect", "home"}, "");
+    EXPECT_EQ(no_answer.code, 1) << no_answer.err;
+    EXPECT_NE(no_answer.err.find("no passphrase given"), std::string::npos) << no_answer.err;
+
+    // Last: a rejected key makes the library remove the service.
+    Outcome wrong = run_ctl({"wifi", "connect", "home", "--passphrase", "not the one"});
+    EXPECT_EQ(wrong.code, 1) << wrong.err;
+    EXPECT_NE(wrong.err.find("passphrase for home was rejected"), std::string::npos) << wrong.err;
+    EXPECT_FALSE(home_connected());
+}
+
+TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
+{
+    sim_.add_technology("ethernet", true);
+    sim_.add_technology("wifi", false);
+    sim_.add_network(cable());
+    ASSERT_TRUE(sim_.start(buses_.system.address()));
+    ASSERT_TRUE(wait_until([this] { return sim_.service_state(kCable) == "ready"; }, 10000))
+        << sim_.service_state(kCable);
+
+    Outcome run = run_ctl({"status", "--json"});
+    ASSERT_EQ(run.code, 0) << run.err;
+    Json::Value status = parse_json(run.out);
+    EXPECT_EQ(status["type"].asString(), "ethernet");
+    EXPECT_EQ(status["ethernet"].asString(), "connected");
+    EXPECT_EQ(status["wifi"].asString(), "disabled");
+    const Json::Value &conn = status["connection"];
+    ASSERT_TRUE(conn.isObject()) << run.out;
+    EXPECT_EQ(conn["type"].asString(), "ethernet");
+    EXPECT_EQ(conn["ipv4_address"].asString(), "192.0.2.44");
+    EXPECT_EQ(conn["ipv4_gateway"].asString(), "192.0.2.1");
+    EXPECT_EQ(conn["dns1"].asString(), "192.0.2.53");
+    EXPECT_EQ(conn["mac_address"].asString(), "02:00:00:00:00:01");
+}

@@ -1,0 +1,157 @@
+// netmgrctl: command-line front end over libnetmgr's exported functions.
+//
+// One invocation starts the library, waits (against one deadline) for the
+// state the command needs, runs the command and leaves with _exit: the
+// library's service thread is never joined, so normal process teardown would
+// race it.
+#pragma once
+
+#include <chrono>
+#include <list>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "core/netmgr.h"
+
+namespace netmgrctl
+{
+
+enum ExitCode {
+    EXIT_OK = 0,
+    EXIT_FAILED = 1,
+    EXIT_USAGE = 2,
+    EXIT_TIMEOUT = 3,
+};
+
+using Clock = std::chrono::steady_clock;
+
+struct Command;
+
+// Everything one invocation knows: options, the command and its arguments.
+struct Ctx {
+    const Command *cmd = nullptr;
+    std::vector<std::string> args;             // words after the command name
+    std::map<std::string, std::string> values; // command options with values
+    bool json = false;
+    bool verbose = false;
+    bool no_scan = false;
+    double timeout_s = 10.0;
+    Clock::time_point deadline;
+
+    bool has(const char *option) const { return values.count(option) != 0; }
+    const std::string &value(const char *option) const { return values.at(option); }
+};
+
+struct Command {
+    const char *name;
+    const char *summary;
+    const char *usage;                 // one or more "netmgrctl ..." lines
+    const char *details;               // help text after the usage lines
+    std::vector<const char *> options; // command options it accepts
+    int (*run)(Ctx &ctx);
+};
+
+const std::vector<Command> &commands();
+const Command *find_command(const std::string &name);
+
+// ---- console (console.cc) ----
+// Keeps the real stdout/stderr for this program and points fds 1 and 2,
+// where the library writes its log lines, at /dev/null (or, when verbose,
+// both at the real stderr so that stdout carries only our output).
+void console_init(bool verbose);
+void out(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+int fail(int code, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+int usage_error(const Command *cmd, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void print_usage(const Command *cmd, bool to_stdout);
+void print_json(const Json::Value &value);
+// A finished action: {"ok":true,"command":...} with --json, else the text.
+void report_done(const Ctx &ctx, const std::string &command, const std::string &text);
+void console_flush();
+// Asks on the terminal (or reads a line of stdin); false on end of input.
+bool prompt_line(const char *prompt, bool secret, std::string &answer);
+// Restores the terminal if a secret prompt was interrupted (signal-safe).
+void console_restore_terminal();
+// Control characters and quotes made visible, for one-line text output.
+std::string printable(const std::string &text);
+
+// ---- validation and signals (main.cc) ----
+bool valid_text(const std::string &text); // UTF-8 without NUL
+bool valid_object_path(const std::string &path);
+// Ctrl-C and SIGTERM normally end the process at once; monitor asks for them
+// to set a flag instead, which interrupted() reports.
+void stop_on_signal_gracefully();
+bool interrupted();
+// Usage error unless the command got between min and max arguments.
+int check_args(Ctx &ctx, size_t min, size_t max);
+
+// ---- events (events.cc) ----
+struct Event {
+    NetMgrEvent code = NETMGR_EVT_ETHERNET_ENABLED;
+    bool has_byte = false; // event 8 with a byte
+    uint8_t byte = 0;
+    bool has_wifi = false; // events 10 and 19
+    NetWifiInfo wifi;
+    std::chrono::system_clock::time_point when;
+};
+
+int on_library_event(NetMgrEvent code, void *arg);
+// Pops the oldest event; false when none came before until.
+bool next_event(Event &event, Clock::time_point until);
+void drop_events();
+// Number of events received so far; wait_activity waits for it to change.
+unsigned long event_count();
+bool wait_activity(unsigned long seen, Clock::time_point until);
+bool technology_reported();
+const char *event_name(int code);
+Json::Value event_json(const Event &event);
+std::string event_text(const Event &event);
+
+// ---- session (session.cc) ----
+// Starts the library (after checking that no other client holds its bus
+// name); returns an exit code, EXIT_OK on success.
+int start_library(Ctx &ctx);
+// start_library, then waits for ConnMan and its technologies.
+int connect_library(Ctx &ctx);
+// Calls pred on every event and at least every 100 ms until it holds.
+template <typename Pred> bool wait_for(Ctx &ctx, Pred pred);
+// The Wi-Fi list once it has been (re)built, optionally after a scan.
+int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list);
+// Waits until ConnMan's Ethernet service is known to the library.
+int wait_ethernet_service(Ctx &ctx);
+Clock::time_point earlier(Clock::time_point a, Clock::duration b);
+double seconds_left(const Ctx &ctx);
+
+const char *type_name(NetType type);
+const char *status_name(NetStatus status);
+Json::Value wifi_json(const NetWifiInfo &info);
+
+// ---- commands ----
+int cmd_status(Ctx &ctx);
+int cmd_type(Ctx &ctx);
+int cmd_offline(Ctx &ctx);
+int cmd_wifi(Ctx &ctx);
+int cmd_ethernet(Ctx &ctx);
+int cmd_ipv4(Ctx &ctx);
+int cmd_ipv6(Ctx &ctx);
+int cmd_p2p(Ctx &ctx);
+int cmd_country(Ctx &ctx);
+int cmd_factory(Ctx &ctx);
+int cmd_monitor(Ctx &ctx);
+int cmd_reset_db(Ctx &ctx);
+
+template <typename Pred> bool wait_for(Ctx &ctx, Pred pred)
+{
+    for (;;) {
+        unsigned long seen = event_count();
+        if (pred())
+            return true;
+        if (Clock::now() >= ctx.deadline)
+            return false;
+        wait_activity(seen, earlier(ctx.deadline, std::chrono::milliseconds(100)));
+    }
+}
+
+} // namespace netmgrctl

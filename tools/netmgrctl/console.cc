@@ -1,0 +1,206 @@
+// Output of netmgrctl: our own stdout/stderr, separate from the library's.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "tools/netmgrctl/cli.h"
+
+namespace netmgrctl
+{
+
+static FILE *real_out = stdout;
+static FILE *real_err = stderr;
+
+// Set while a secret prompt has switched echo off, for the signal handler.
+static volatile sig_atomic_t terminal_saved = 0;
+static struct termios saved_terminal;
+
+static FILE *keep_fd(int fd, FILE *fallback)
+{
+    int copy = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0)
+        return fallback;
+    FILE *file = fdopen(copy, "w");
+    if (!file) {
+        close(copy);
+        return fallback;
+    }
+    return file;
+}
+
+void console_init(bool verbose)
+{
+    fflush(stdout);
+    fflush(stderr);
+    real_out = keep_fd(STDOUT_FILENO, stdout);
+    real_err = keep_fd(STDERR_FILENO, stderr);
+    if (real_out == stdout || real_err == stderr)
+        return; // could not duplicate: leave everything where it is
+    setvbuf(real_err, nullptr, _IONBF, 0);
+
+    int sink = verbose ? dup(fileno(real_err)) : open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (sink < 0)
+        return;
+    dup2(sink, STDOUT_FILENO);
+    if (!verbose)
+        dup2(sink, STDERR_FILENO);
+    close(sink);
+}
+
+void out(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(real_out, fmt, ap);
+    va_end(ap);
+}
+
+static void vmessage(const char *fmt, va_list ap)
+{
+    fputs("netmgrctl: ", real_err);
+    vfprintf(real_err, fmt, ap);
+    fputc('\n', real_err);
+}
+
+int fail(int code, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vmessage(fmt, ap);
+    va_end(ap);
+    return code;
+}
+
+int usage_error(const Command *cmd, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vmessage(fmt, ap);
+    va_end(ap);
+    print_usage(cmd, false);
+    return EXIT_USAGE;
+}
+
+static const char global_usage[] =
+    "usage: netmgrctl [--timeout SECONDS] [--json] [--verbose] COMMAND [ARGS...]\n"
+    "       netmgrctl COMMAND --help\n";
+
+static const char global_details[] =
+    "\nOptions (before or after the command):\n"
+    "  --timeout SECONDS  how long to wait for ConnMan and for the command's result\n"
+    "                     (default 10); running out gives exit code 3\n"
+    "  --json             machine-readable output on stdout\n"
+    "  -v, --verbose      show the library's log lines (on stderr)\n"
+    "  -h, --help         this text, or a command's own help\n"
+    "\nExit codes: 0 done, 1 operation failed, 2 bad arguments, 3 timed out.\n"
+    "Only one libnetmgr client can run at a time (it owns net.connman.Gaskaidra).\n"
+    "Environment: NETMGR_STORE (settings file), NETMGR_SHELL (runs device commands).\n";
+
+void print_usage(const Command *cmd, bool to_stdout)
+{
+    FILE *file = to_stdout ? real_out : real_err;
+    if (!cmd) {
+        fputs(global_usage, file);
+        if (!to_stdout) {
+            fputs("Try 'netmgrctl --help'.\n", file);
+            return;
+        }
+        fputs("\nCommands:\n", file);
+        for (const Command &c : commands())
+            fprintf(file, "  %-10s %s\n", c.name, c.summary);
+        fputs(global_details, file);
+        return;
+    }
+    fprintf(file, "usage: %s", cmd->usage);
+    if (to_stdout)
+        fprintf(file, "\n%s", cmd->details);
+    else
+        fprintf(file, "Try 'netmgrctl %s --help'.\n", cmd->name);
+}
+
+void print_json(const Json::Value &value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    std::string text = Json::writeString(builder, value);
+    fprintf(real_out, "%s\n", text.c_str());
+}
+
+void report_done(const Ctx &ctx, const std::string &command, const std::string &text)
+{
+    if (ctx.json) {
+        Json::Value value(Json::objectValue);
+        value["ok"] = true;
+        value["command"] = command;
+        print_json(value);
+    } else {
+        out("%s\n", text.c_str());
+    }
+}
+
+void console_flush()
+{
+    fflush(real_out);
+    fflush(real_err);
+}
+
+void console_restore_terminal()
+{
+    if (terminal_saved) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &saved_terminal);
+        terminal_saved = 0;
+    }
+}
+
+bool prompt_line(const char *prompt, bool secret, std::string &answer)
+{
+    bool tty = isatty(STDIN_FILENO);
+    if (tty)
+        fputs(prompt, real_err);
+    if (tty && secret && tcgetattr(STDIN_FILENO, &saved_terminal) == 0) {
+        struct termios quiet = saved_terminal;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        terminal_saved = 1;
+        tcsetattr(STDIN_FILENO, TCSANOW, &quiet);
+    }
+    answer.clear();
+    bool got = false;
+    int c;
+    while ((c = fgetc(stdin)) != EOF) {
+        got = true;
+        if (c == '\n')
+            break;
+        answer.push_back(static_cast<char>(c));
+    }
+    if (!answer.empty() && answer.back() == '\r')
+        answer.pop_back();
+    if (terminal_saved) {
+        console_restore_terminal();
+        fputc('\n', real_err);
+    }
+    return got;
+}
+
+std::string printable(const std::string &text)
+{
+    std::string result;
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7f) {
+            char buf[8];
+            snprintf(buf, sizeof(buf), "\\x%02x", c);
+            result += buf;
+        } else if (c == '"' || c == '\\') {
+            result.push_back('\\');
+            result.push_back(static_cast<char>(c));
+        } else {
+            result.push_back(static_cast<char>(c));
+        }
+    }
+    return result;
+}
+
+} // namespace netmgrctl

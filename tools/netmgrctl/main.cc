@@ -1,0 +1,346 @@
+// netmgrctl: argument parsing, the command table and the process frame.
+#include <math.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <dbus/dbus.h>
+
+#include "tools/netmgrctl/cli.h"
+
+namespace netmgrctl
+{
+
+static const std::vector<Command> command_table = {
+    {"status",
+     "show network type, technologies and the current connection",
+     "netmgrctl status\n",
+     "Shows whether networking is enabled, the network type, the state of Ethernet\n"
+     "and Wi-Fi and, when connected, the connection's addresses. While a link is\n"
+     "connected it waits (within the timeout) until the library has announced it,\n"
+     "so that the addresses are complete.\n",
+     {},
+     cmd_status},
+    {"type",
+     "show the network type (ethernet, wifi, p2p)",
+     "netmgrctl type\n",
+     "Prints the network type the library works with.\n",
+     {},
+     cmd_type},
+    {"offline",
+     "switch ConnMan's offline mode",
+     "netmgrctl offline on|off\n",
+     "'on' disables all networking (offline mode), 'off' enables it again.\n",
+     {},
+     cmd_offline},
+    {"wifi",
+     "switch, scan, list and connect Wi-Fi networks",
+     "netmgrctl wifi on|off\n"
+     "       netmgrctl wifi scan\n"
+     "       netmgrctl wifi list [--no-scan]\n"
+     "       netmgrctl wifi connect PATH|NAME [--passphrase P]\n"
+     "       netmgrctl wifi hidden --security psk|wep|none --ssid S [--passphrase P]\n"
+     "       netmgrctl wifi forget PATH\n"
+     "       netmgrctl wifi disconnect\n"
+     "       netmgrctl wifi cancel\n",
+     "  on, off      switch Wi-Fi on (making wifi the network type) or off; 'on' is\n"
+     "               refused while Ethernet is connected\n"
+     "  scan         scan and report how many networks are visible\n"
+     "  list         scan, wait for the rebuilt list and print name, strength,\n"
+     "               security, connected flag and path (--no-scan: no new scan)\n"
+     "  connect      connect to the network with this object path or name; asks for\n"
+     "               the passphrase on stdin when the network needs one and\n"
+     "               --passphrase was not given\n"
+     "  hidden       connect to a hidden network of the given security, supplying\n"
+     "               its name\n"
+     "  forget       remove a network and its stored credentials\n"
+     "  disconnect   disconnect the connected Wi-Fi network\n"
+     "  cancel       cancel a pending passphrase request of this library\n"
+     "The Wi-Fi list is kept only while the network type is wifi.\n",
+     {"--passphrase", "--security", "--ssid", "--no-scan"},
+     cmd_wifi},
+    {"ethernet",
+     "switch Ethernet on or off",
+     "netmgrctl ethernet on|off\n",
+     "'on' makes ethernet the network type and switches Wi-Fi off; 'off' powers\n"
+     "Ethernet down.\n",
+     {},
+     cmd_ethernet},
+    {"ipv4",
+     "read or set the wired connection's IPv4 configuration",
+     "netmgrctl ipv4 get\n"
+     "       netmgrctl ipv4 set dhcp\n"
+     "       netmgrctl ipv4 set manual ADDRESS NETMASK GATEWAY [DNS1 [DNS2]]\n",
+     "Acts on ConnMan's Ethernet service. 'dhcp' also clears the name servers.\n",
+     {},
+     cmd_ipv4},
+    {"ipv6",
+     "read or set the wired connection's IPv6 configuration",
+     "netmgrctl ipv6 get\n"
+     "       netmgrctl ipv6 set auto [--privacy disabled|enabled|prefered]\n"
+     "       netmgrctl ipv6 set off\n"
+     "       netmgrctl ipv6 set manual ADDRESS PREFIX GATEWAY [DNS1 [DNS2]]\n",
+     "Acts on ConnMan's Ethernet service. 'get' works once IPv6 has been set to\n"
+     "auto or manual (the setting is stored); 'off' turns that off again.\n",
+     {"--privacy"},
+     cmd_ipv6},
+    {"p2p",
+     "Wi-Fi P2P mode",
+     "netmgrctl p2p on|off|scan\n",
+     "'on' switches to the P2P type (disconnecting Wi-Fi), 'off' returns to the\n"
+     "previous type, 'scan' starts a P2P scan. The P2P type is not stored: it lasts\n"
+     "while the library runs, so 'off' in a later invocation returns to the stored\n"
+     "type.\n",
+     {},
+     cmd_p2p},
+    {"country",
+     "set the Wi-Fi country code",
+     "netmgrctl country CODE\n",
+     "Applies a two-letter regulatory country code (e.g. JP, DE, US; 00 for world)\n"
+     "to the Wi-Fi driver. The code is not stored; the library uses JP after start.\n",
+     {},
+     cmd_country},
+    {"factory",
+     "factory and test operations",
+     "netmgrctl factory enable-wifi|scan|wifi-test|autotest|reset\n"
+     "       netmgrctl factory link-test NAME\n",
+     "  enable-wifi  force Wi-Fi on (Ethernet off) for a test\n"
+     "  scan         run a driver scan two seconds from now\n"
+     "  wifi-test    pass when a network of strength 70 or more is visible\n"
+     "  autotest     the same test, then restore the network type\n"
+     "  reset        restore the network type (ethernet unless enable-wifi ran in\n"
+     "               the same invocation); prints the result code\n"
+     "  link-test    connect to the network called NAME and report whether Wi-Fi\n"
+     "               is connected two seconds later\n"
+     "Failed tests exit with code 1.\n",
+     {},
+     cmd_factory},
+    {"monitor",
+     "print every event until interrupted",
+     "netmgrctl monitor [--count N] [--duration SECONDS]\n",
+     "Prints each event with its name, code and argument as it arrives (event 8:\n"
+     "the byte or null; events 10 and 19: the network). Stops on Ctrl-C, after N\n"
+     "events or after the given time. --timeout does not apply.\n",
+     {"--count", "--duration"},
+     cmd_monitor},
+    {"reset-db",
+     "remove the stored settings",
+     "netmgrctl reset-db\n",
+     "Removes the stored network type, last Wi-Fi network and IPv6 switch. The\n"
+     "library is not started, so nothing writes them back.\n",
+     {},
+     cmd_reset_db},
+};
+
+const std::vector<Command> &commands()
+{
+    return command_table;
+}
+
+const Command *find_command(const std::string &name)
+{
+    for (const Command &cmd : command_table) {
+        if (name == cmd.name)
+            return &cmd;
+    }
+    return nullptr;
+}
+
+bool valid_text(const std::string &text)
+{
+    return text.find('\0') == std::string::npos && dbus_validate_utf8(text.c_str(), nullptr);
+}
+
+bool valid_object_path(const std::string &path)
+{
+    return valid_text(path) && dbus_validate_path(path.c_str(), nullptr);
+}
+
+int check_args(Ctx &ctx, size_t min, size_t max)
+{
+    if (ctx.args.size() < min)
+        return usage_error(ctx.cmd, "missing argument");
+    if (ctx.args.size() > max)
+        return usage_error(ctx.cmd, "unexpected argument '%s'", printable(ctx.args[max]).c_str());
+    return EXIT_OK;
+}
+
+static volatile sig_atomic_t stop_requested = 0;
+static volatile sig_atomic_t keep_running_on_signal = 0;
+
+bool interrupted()
+{
+    return stop_requested != 0;
+}
+
+void stop_on_signal_gracefully()
+{
+    keep_running_on_signal = 1;
+}
+
+static void on_signal(int sig)
+{
+    if (keep_running_on_signal) {
+        stop_requested = 1;
+        return;
+    }
+    console_restore_terminal();
+    _exit(128 + sig);
+}
+
+static void install_signal_handlers()
+{
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = on_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+}
+
+namespace
+{
+
+const char *const value_options[] = {"--timeout", "--passphrase", "--security", "--ssid",
+                                     "--privacy", "--count",      "--duration"};
+
+bool takes_value(const std::string &name)
+{
+    for (const char *option : value_options) {
+        if (name == option)
+            return true;
+    }
+    return false;
+}
+
+struct Parsed {
+    std::vector<std::string> words;
+    bool help = false;
+    std::string error; // first problem found; reported once the command is known
+    std::vector<std::string> command_options;
+};
+
+Parsed parse_arguments(int argc, char **argv, Ctx &ctx)
+{
+    Parsed parsed;
+    bool options_end = false;
+    for (int i = 1; i < argc; i++) {
+        std::string arg = argv[i];
+        if (options_end || arg.size() < 2 || arg[0] != '-') {
+            parsed.words.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            options_end = true;
+            continue;
+        }
+        std::string name = arg, value;
+        bool inline_value = false;
+        size_t eq = arg.find('=');
+        if (arg.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+            name = arg.substr(0, eq);
+            value = arg.substr(eq + 1);
+            inline_value = true;
+        }
+        if (name == "-h" || name == "--help") {
+            parsed.help = true;
+        } else if (name == "-v" || name == "--verbose") {
+            ctx.verbose = true;
+        } else if (name == "--json") {
+            ctx.json = true;
+        } else if (name == "--no-scan") {
+            ctx.no_scan = true;
+            parsed.command_options.push_back(name);
+        } else if (takes_value(name)) {
+            if (!inline_value) {
+                if (i + 1 >= argc) {
+                    if (parsed.error.empty())
+                        parsed.error = "option " + name + " needs a value";
+                    continue;
+                }
+                value = argv[++i];
+            }
+            ctx.values[name] = value;
+            if (name != "--timeout")
+                parsed.command_options.push_back(name);
+        } else if (parsed.error.empty()) {
+            parsed.error = "unknown option " + name;
+        }
+        if (inline_value && !takes_value(name) && parsed.error.empty())
+            parsed.error = "option " + name + " takes no value";
+    }
+    return parsed;
+}
+
+bool parse_timeout(Ctx &ctx)
+{
+    if (!ctx.has("--timeout"))
+        return true;
+    const std::string &text = ctx.value("--timeout");
+    char *end = nullptr;
+    double seconds = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !isfinite(seconds) || seconds <= 0 || seconds > 86400)
+        return false;
+    ctx.timeout_s = seconds;
+    return true;
+}
+
+} // namespace
+
+static int run(int argc, char **argv)
+{
+    Ctx ctx;
+    Parsed parsed = parse_arguments(argc, argv, ctx);
+    console_init(ctx.verbose);
+
+    std::vector<std::string> &words = parsed.words;
+    if (!words.empty() && words[0] == "help") {
+        words.erase(words.begin());
+        parsed.help = true;
+    }
+    if (words.empty()) {
+        if (parsed.help && parsed.error.empty()) {
+            print_usage(nullptr, true);
+            return EXIT_OK;
+        }
+        return usage_error(nullptr, "%s",
+                           parsed.error.empty() ? "no command given" : parsed.error.c_str());
+    }
+    ctx.cmd = find_command(words[0]);
+    if (!ctx.cmd)
+        return usage_error(nullptr, "unknown command '%s'", printable(words[0]).c_str());
+    if (!parsed.error.empty())
+        return usage_error(ctx.cmd, "%s", parsed.error.c_str());
+    if (parsed.help) {
+        print_usage(ctx.cmd, true);
+        return EXIT_OK;
+    }
+    for (const std::string &option : parsed.command_options) {
+        bool accepted = false;
+        for (const char *allowed : ctx.cmd->options)
+            accepted = accepted || option == allowed;
+        if (!accepted)
+            return usage_error(ctx.cmd, "option %s does not apply to '%s'", option.c_str(),
+                               ctx.cmd->name);
+    }
+    if (!parse_timeout(ctx))
+        return usage_error(ctx.cmd, "--timeout needs a number of seconds above 0");
+    ctx.args.assign(words.begin() + 1, words.end());
+    ctx.deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                      std::chrono::duration<double>(ctx.timeout_s));
+    install_signal_handlers();
+    return ctx.cmd->run(ctx);
+}
+
+} // namespace netmgrctl
+
+int main(int argc, char **argv)
+{
+    int code = netmgrctl::run(argc, argv);
+    netmgrctl::console_flush();
+    // The library's service thread keeps running and is never joined, so
+    // leave without static destructors or atexit handlers racing it.
+    _exit(code);
+}
