@@ -69,22 +69,61 @@ GDBusInterfaceInfo *interface_info(const char *name)
     return g_dbus_node_info_lookup_interface(node_info(), name);
 }
 
-struct ObjectRef {
-    Engine *impl;
-};
-
 void on_method_call(GDBusConnection *, const gchar *sender, const gchar *path,
                     const gchar *interface, const gchar *member, GVariant *args,
                     GDBusMethodInvocation *call, gpointer data)
 {
-    static_cast<ObjectRef *>(data)->impl->handle_call(sender, path, interface, member, args, call);
+    static_cast<Engine *>(data)->handle_call(sender, path, interface, member, args, call);
 }
 
 const GDBusInterfaceVTable vtable = {on_method_call, nullptr, nullptr, {nullptr}};
 
-void free_ref(gpointer data)
+// Technologies and services are subtrees: every path under them reaches
+// the simulator, which answers for objects that are gone the way the
+// daemon does (UnknownObject) and records the call.
+struct Subtree {
+    Engine *engine;
+    const char *interface;
+    bool services;
+};
+
+gchar **enumerate_nodes(GDBusConnection *, const gchar *, const gchar *, gpointer data)
 {
-    delete static_cast<ObjectRef *>(data);
+    auto *subtree = static_cast<Subtree *>(data);
+    std::vector<std::string> nodes = subtree->engine->node_names(subtree->services);
+    gchar **names = g_new0(gchar *, nodes.size() + 1);
+    for (size_t i = 0; i < nodes.size(); i++)
+        names[i] = g_strdup(nodes[i].c_str());
+    return names;
+}
+
+GDBusInterfaceInfo **introspect_node(GDBusConnection *, const gchar *, const gchar *,
+                                     const gchar *node, gpointer data)
+{
+    if (!node)
+        return nullptr;
+    auto *subtree = static_cast<Subtree *>(data);
+    GDBusInterfaceInfo **infos = g_new0(GDBusInterfaceInfo *, 2);
+    infos[0] = g_dbus_interface_info_ref(interface_info(subtree->interface));
+    return infos;
+}
+
+const GDBusInterfaceVTable *dispatch_node(GDBusConnection *, const gchar *, const gchar *,
+                                          const gchar *, const gchar *node, gpointer *out,
+                                          gpointer data)
+{
+    if (!node)
+        return nullptr;
+    *out = static_cast<Subtree *>(data)->engine;
+    return &vtable;
+}
+
+const GDBusSubtreeVTable subtree_vtable = {
+    enumerate_nodes, introspect_node, dispatch_node, {nullptr}};
+
+void free_subtree(gpointer data)
+{
+    delete static_cast<Subtree *>(data);
 }
 
 void error_reply(GDBusMethodInvocation *call, const char *name, const char *message)
@@ -252,12 +291,7 @@ bool Engine::connect_bus(const std::string &address)
         svc->changed.clear();
         last_order.push_back(svc->net.ident);
     }
-    register_manager();
-    for (auto &tech : techs)
-        register_tech(*tech);
-    for (auto &svc : svcs)
-        if (svc->visible)
-            register_svc(*svc);
+    register_objects();
 
     GVariant *reply = g_dbus_connection_call_sync(
         conn, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
@@ -297,11 +331,7 @@ void Engine::disconnect_bus()
     }
     clear_timer(services_changed_timer);
     forget_agent();
-    unregister(manager_registration);
-    for (auto &tech : techs)
-        unregister(tech->registration);
-    for (auto &svc : svcs)
-        unregister(svc->registration);
+    unregister_objects();
     GDBusConnection *conn = connection;
     connection = nullptr;
     g_dbus_connection_close_sync(conn, nullptr, nullptr);
@@ -318,37 +348,43 @@ void Engine::emit(const std::string &path, const char *interface, const char *me
     g_variant_unref(args);
 }
 
-void Engine::register_manager()
+void Engine::register_objects()
 {
-    manager_registration =
-        g_dbus_connection_register_object(connection, "/", interface_info("net.connman.Manager"),
-                                          &vtable, new ObjectRef{this}, free_ref, nullptr);
+    manager_registration = g_dbus_connection_register_object(
+        connection, "/", interface_info("net.connman.Manager"), &vtable, this, nullptr, nullptr);
+    technology_subtree = g_dbus_connection_register_subtree(
+        connection, "/net/connman/technology", &subtree_vtable,
+        G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
+        new Subtree{this, "net.connman.Technology", false}, free_subtree, nullptr);
+    service_subtree = g_dbus_connection_register_subtree(
+        connection, "/net/connman/service", &subtree_vtable,
+        G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
+        new Subtree{this, "net.connman.Service", true}, free_subtree, nullptr);
 }
 
-void Engine::register_tech(Tech &tech)
+void Engine::unregister_objects()
 {
-    if (!connection || tech.registration)
-        return;
-    std::string path = "/net/connman/technology/" + tech.type;
-    tech.registration = g_dbus_connection_register_object(
-        connection, path.c_str(), interface_info("net.connman.Technology"), &vtable,
-        new ObjectRef{this}, free_ref, nullptr);
+    if (manager_registration)
+        g_dbus_connection_unregister_object(connection, manager_registration);
+    if (technology_subtree)
+        g_dbus_connection_unregister_subtree(connection, technology_subtree);
+    if (service_subtree)
+        g_dbus_connection_unregister_subtree(connection, service_subtree);
+    manager_registration = technology_subtree = service_subtree = 0;
 }
 
-void Engine::register_svc(Svc &svc)
+std::vector<std::string> Engine::node_names(bool services)
 {
-    if (!connection || svc.registration)
-        return;
-    svc.registration = g_dbus_connection_register_object(
-        connection, svc.path().c_str(), interface_info("net.connman.Service"), &vtable,
-        new ObjectRef{this}, free_ref, nullptr);
-}
-
-void Engine::unregister(guint &registration)
-{
-    if (registration && connection)
-        g_dbus_connection_unregister_object(connection, registration);
-    registration = 0;
+    std::vector<std::string> names;
+    if (services) {
+        for (auto &svc : svcs)
+            if (svc->visible)
+                names.push_back(svc->net.ident);
+    } else {
+        for (auto &tech : techs)
+            names.push_back(tech->type);
+    }
+    return names;
 }
 
 // ---------------------------------------------------------------- dispatch
@@ -376,7 +412,8 @@ void Engine::handle_call(const char *sender, const char *path, const char *inter
             return;
         }
     }
-    error_reply(call, "org.freedesktop.DBus.Error.UnknownObject", "No such object");
+    error_reply(call, "org.freedesktop.DBus.Error.UnknownObject",
+                (std::string("No such object path '") + path + "'").c_str());
 }
 
 void Engine::manager_call(const char *sender, const char *member, GVariant *args,

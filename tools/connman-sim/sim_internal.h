@@ -49,7 +49,6 @@ struct Tech {
     std::string tethering_identifier;
     std::string tethering_passphrase;
     bool powered_before_offline = false;
-    guint registration = 0;
     GSource *scan_timer = nullptr;
     std::vector<GDBusMethodInvocation *> scan_waiters;
 };
@@ -74,7 +73,6 @@ struct Svc {
 
     // Bus presence and ServicesChanged bookkeeping.
     bool visible = false;
-    guint registration = 0;
     bool announced_new = false;
     std::set<std::string> changed;
 
@@ -105,6 +103,8 @@ struct Engine {
     // ---- bus ----
     GDBusConnection *connection = nullptr;
     guint manager_registration = 0;
+    guint technology_subtree = 0;
+    guint service_subtree = 0;
     int outstanding_calls = 0; // async calls to agents not yet completed
     bool connect_bus(const std::string &address);
     void disconnect_bus();
@@ -170,10 +170,9 @@ struct Engine {
     GVariant *tech_properties(const Tech &tech) const;
 
     // ---- D-Bus objects (objects.cc) ----
-    void register_manager();
-    void register_tech(Tech &tech);
-    void register_svc(Svc &svc);
-    void unregister(guint &registration);
+    void register_objects();
+    void unregister_objects();
+    std::vector<std::string> node_names(bool services);
     void handle_call(const char *sender, const char *path, const char *interface,
                      const char *member, GVariant *args, GDBusMethodInvocation *call);
     void manager_call(const char *sender, const char *member, GVariant *args,

@@ -231,7 +231,6 @@ void Engine::add_technology(const std::string &type, bool powered)
     Tech &ref = *tech;
     techs.push_back(std::move(tech));
     if (connection) {
-        register_tech(ref);
         std::string path = "/net/connman/technology/" + type;
         emit("/", "net.connman.Manager", "TechnologyAdded",
              g_variant_new("(o@a{sv})", path.c_str(), tech_properties(ref)));
@@ -253,7 +252,6 @@ void Engine::remove_technology(const std::string &type)
                                                    "Operation aborted");
     tech->scan_waiters.clear();
     if (connection) {
-        unregister(tech->registration);
         std::string path = "/net/connman/technology/" + type;
         emit("/", "net.connman.Manager", "TechnologyRemoved", g_variant_new("(o)", path.c_str()));
     }
@@ -403,18 +401,14 @@ void Engine::show(Svc &svc)
     auto it = std::find(removed_paths.begin(), removed_paths.end(), svc.path());
     if (it != removed_paths.end())
         removed_paths.erase(it);
-    if (connection)
-        register_svc(svc);
     schedule_services_changed();
 }
 
 void Engine::hide(Svc &svc)
 {
     svc.visible = false;
-    if (connection) {
-        unregister(svc.registration);
+    if (connection)
         removed_paths.push_back(svc.path());
-    }
     schedule_services_changed();
 }
 
