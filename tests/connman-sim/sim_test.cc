@@ -368,6 +368,8 @@ TEST_F(SimTest, ServicesChangedCarriesNewChangedAndRemoved)
     EXPECT_EQ(
         client->call(svc_path(open_id), "net.connman.Service", "GetProperties", nullptr, &error),
         nullptr);
+    EXPECT_EQ(error, "org.freedesktop.DBus.Error.UnknownObject");
+    EXPECT_EQ(sim.count_calls("GetProperties", svc_path(open_id)), 1);
     sim.set_powered("wifi", true);
     EXPECT_EQ(services().size(), 3u);
 }
