@@ -1,0 +1,143 @@
+// The manager client: cached State and OfflineMode, coalesced notifications,
+// requests it sends, and list queries.
+#include "tests/connman-base/client_fixture.h"
+
+namespace
+{
+
+const char *const MANAGER = "net.connman.Manager";
+
+int services_replies = 0;
+int technologies_replies = 0;
+void count_services(DBusMessageIter *)
+{
+    services_replies++;
+}
+void count_technologies(DBusMessageIter *)
+{
+    technologies_replies++;
+}
+
+GVariant *property(const char *name, GVariant *value)
+{
+    return g_variant_new("(sv)", name, value);
+}
+
+} // namespace
+
+using ManagerTest = ClientTest;
+
+TEST_F(ManagerTest, BeforeInitDefaultsAndRefusals)
+{
+    EXPECT_TRUE(connman_manager_get_offlinemode());
+    EXPECT_EQ(0u, connman_manager_get_state());
+    EXPECT_EQ(-EINVAL, connman_manager_init());
+    EXPECT_EQ(-EINVAL, connman_manager_get_properties(record_property, this));
+    EXPECT_EQ(-EINVAL, connman_manager_set_offlinemode(true));
+    EXPECT_EQ(-EINVAL, __connman_manager_get_technologies(count_technologies));
+    EXPECT_EQ(-EINVAL, __connman_manager_register_service_signal(count_services));
+    connman_manager_finalize();
+}
+
+TEST_F(ManagerTest, StateNames)
+{
+    EXPECT_EQ(1u, string2enum_state("offline"));
+    EXPECT_EQ(2u, string2enum_state("idle"));
+    EXPECT_EQ(3u, string2enum_state("ready"));
+    EXPECT_EQ(4u, string2enum_state("online"));
+    EXPECT_EQ(5u, string2enum_state("failure"));
+    EXPECT_EQ(1u, string2enum_state("association"));
+    EXPECT_EQ(1u, string2enum_state(nullptr));
+}
+
+TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
+{
+    daemon.set_manager("ready", true);
+    init_manager();
+    ASSERT_EQ(0, connman_manager_get_properties(record_property, this));
+    ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
+    EXPECT_EQ(3u, connman_manager_get_state());
+    EXPECT_TRUE(connman_manager_get_offlinemode());
+
+    // Two State changes handled in one loop turn: one report, latest value.
+    notes.clear();
+    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("idle")));
+    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("online")));
+    ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
+    drain();
+    EXPECT_EQ(std::vector<std::string>{"|State"}, notes);
+    EXPECT_EQ(4u, connman_manager_get_state());
+
+    notes.clear();
+    daemon.emit("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("bogus")));
+    daemon.emit("/", MANAGER, "PropertyChanged", property("Unrelated", g_variant_new_int32(1)));
+    daemon.emit("/", MANAGER, "PropertyChanged",
+                property("OfflineMode", g_variant_new_boolean(FALSE)));
+    ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
+    drain();
+    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
+    EXPECT_EQ(1u, connman_manager_get_state());
+    EXPECT_FALSE(connman_manager_get_offlinemode());
+
+    // Pending reports die with the client.
+    notes.clear();
+    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("idle")));
+    ASSERT_TRUE(run_until([&] { return connman_manager_get_state() == 2u; }));
+    connman_manager_finalize();
+    drain();
+    EXPECT_TRUE(notes.empty());
+    EXPECT_TRUE(connman_manager_get_offlinemode());
+}
+
+TEST_F(ManagerTest, OfflineModeAndAgentRequests)
+{
+    init_manager();
+    ASSERT_EQ(0, connman_manager_set_offlinemode(true));
+    connman_manager_register_agent("not a path");
+    connman_manager_register_agent("/net/connman/agent/gaskaidra");
+    connman_manager_unregister_agent("/net/connman/agent/gaskaidra");
+    ASSERT_TRUE(run_until([&] { return daemon.calls("UnregisterAgent").size() == 1; }));
+
+    EXPECT_EQ(std::vector<std::string>{"('OfflineMode', <true>)"}, daemon.calls("SetProperty"));
+    EXPECT_EQ(std::vector<std::string>{"(objectpath '/net/connman/agent/gaskaidra',)"},
+              daemon.calls("RegisterAgent"));
+    // The cache follows the daemon, not the request.
+    EXPECT_FALSE(connman_manager_get_offlinemode());
+}
+
+TEST_F(ManagerTest, NullCallbackCancelsListRequest)
+{
+    init_manager();
+    ASSERT_EQ(0, __connman_manager_get_services(count_services));
+    ASSERT_EQ(0, __connman_manager_get_services(nullptr));
+    ASSERT_EQ(0, __connman_manager_get_technologies(count_technologies));
+    // Replies come in order, so the services reply has been seen by now.
+    ASSERT_TRUE(run_until([&] { return technologies_replies == 1; }));
+    drain();
+    EXPECT_EQ(1u, daemon.calls("GetServices").size());
+    EXPECT_EQ(0, services_replies);
+
+    ASSERT_EQ(0, __connman_manager_get_services(count_services));
+    ASSERT_TRUE(run_until([&] { return services_replies == 1; }));
+}
+
+TEST_F(ManagerTest, ListSignalsReachRegisteredCallbacks)
+{
+    init_manager();
+    ASSERT_EQ(0, __connman_manager_register_service_signal(count_services));
+    ASSERT_EQ(0, __connman_manager_register_technology_signals(count_technologies, nullptr));
+    daemon.emit("/", MANAGER, "ServicesChanged", g_variant_new_parsed("(@a(oa{sv}) [], @ao [])"));
+    daemon.emit("/", MANAGER, "TechnologyAdded",
+                g_variant_new_parsed("(objectpath '/net/connman/technology/wifi', @a{sv} {})"));
+    ASSERT_TRUE(run_until([&] { return services_replies == 1 && technologies_replies == 1; }));
+
+    // Unregistered: the signals are no longer delivered.
+    ASSERT_EQ(0, __connman_manager_register_service_signal(nullptr));
+    ASSERT_EQ(0, __connman_manager_register_technology_signals(nullptr, nullptr));
+    daemon.emit("/", MANAGER, "ServicesChanged", g_variant_new_parsed("(@a(oa{sv}) [], @ao [])"));
+    ASSERT_EQ(0, __connman_manager_get_technologies(count_technologies));
+    ASSERT_TRUE(run_until([&] { return technologies_replies == 2; }));
+    drain();
+    EXPECT_EQ(1, services_replies);
+}
