@@ -10,6 +10,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <map>
 #include <sstream>
 
@@ -26,6 +28,7 @@ namespace
 
 const char kHome[] = "wifi_020000000010_686f6d65_managed_psk";
 const char kCafe[] = "wifi_020000000011_63616665_managed_none";
+const char kAttic[] = "wifi_020000000012_hidden_managed_psk";
 const char kCable[] = "ethernet_020000000001_cable";
 const char kPassphrase[] = "correct horse";
 
@@ -35,9 +38,10 @@ struct Outcome {
     std::string err;
 };
 
-// Runs netmgrctl with args, feeding input on stdin, and collects its output.
+// Runs netmgrctl with args, feeding input on stdin, and collects its output;
+// sends SIGINT once its output satisfies interrupt_when.
 Outcome run_ctl(const std::vector<std::string> &args, const std::string &input = "",
-            int timeout_ms = 30000)
+                const std::function<bool(const std::string &)> &interrupt_when = nullptr)
 {
     std::vector<char *> argv;
     std::string program = NETMGRCTL_PROGRAM;
@@ -66,7 +70,8 @@ Outcome run_ctl(const std::vector<std::string> &args, const std::string &input =
         ADD_FAILURE() << "could not write the child's input";
     close(in[1]);
 
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    bool interrupted = false;
     struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
     std::string *sinks[2] = {&run.out, &run.err};
     int open_fds = 2;
@@ -83,6 +88,8 @@ Outcome run_ctl(const std::vector<std::string> &args, const std::string &input =
             ssize_t n = read(fds[i].fd, buf, sizeof(buf));
             if (n > 0) {
                 sinks[i]->append(buf, static_cast<size_t>(n));
+                if (interrupt_when && !interrupted && interrupt_when(run.out))
+                    interrupted = kill(pid, SIGINT) == 0;
             } else {
                 close(fds[i].fd);
                 fds[i].fd = -1;
@@ -135,6 +142,17 @@ connman_sim::Network cafe()
     net.name = "cafe";
     net.security = {"none"};
     net.strength = 40;
+    return net;
+}
+
+connman_sim::Network attic()
+{
+    connman_sim::Network net;
+    net.ident = kAttic;
+    net.hidden = true;
+    net.hidden_name = "Attic";
+    net.security = {"psk"};
+    net.passphrase = "attic secret";
     return net;
 }
 
@@ -285,7 +303,8 @@ TEST_F(NetmgrctlTest, ConnectWithPassphraseOptionEndsConnected)
 TEST_F(NetmgrctlTest, ConnectAsksForThePassphraseOnStdin)
 {
     start_wifi_world();
-    Outcome run = run_ctl({"wifi", "connect", service_path(kHome)}, std::string(kPassphrase) + "\n");
+    Outcome run =
+        run_ctl({"wifi", "connect", service_path(kHome)}, std::string(kPassphrase) + "\n");
     ASSERT_EQ(run.code, 0) << run.err;
     EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
     EXPECT_EQ(sim_.request_input_count(), 1);
@@ -337,4 +356,84 @@ TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
     EXPECT_EQ(conn["ipv4_gateway"].asString(), "192.0.2.1");
     EXPECT_EQ(conn["dns1"].asString(), "192.0.2.53");
     EXPECT_EQ(conn["mac_address"].asString(), "02:00:00:00:00:01");
+}
+
+TEST_F(NetmgrctlTest, HiddenNetworkTakesItsNameAndPassphrase)
+{
+    store_type_wifi();
+    sim_.add_technology("wifi", true);
+    sim_.add_network(attic());
+    ASSERT_TRUE(sim_.start(buses_.system.address()));
+
+    Outcome wrong = run_ctl(
+        {"wifi", "hidden", "--security", "psk", "--ssid", "Nope", "--passphrase", "attic secret"});
+    EXPECT_EQ(wrong.code, 1) << wrong.err;
+    EXPECT_NE(wrong.err.find("connecting to Nope failed"), std::string::npos) << wrong.err;
+
+    Outcome wep = run_ctl({"wifi", "hidden", "--security", "wep", "--ssid", "Attic"});
+    EXPECT_EQ(wep.code, 1) << wep.err;
+    EXPECT_NE(wep.err.find("no hidden wep network"), std::string::npos) << wep.err;
+
+    Outcome right =
+        run_ctl({"wifi", "hidden", "--security", "psk", "--ssid", "Attic"}, "attic secret\n");
+    ASSERT_EQ(right.code, 0) << right.err;
+    EXPECT_EQ(right.out, "connected to Attic\n");
+    EXPECT_EQ(sim_.service_state(kAttic), "ready");
+    EXPECT_NE(sim_.last_agent_reply().find("'Attic'"), std::string::npos)
+        << sim_.last_agent_reply();
+}
+
+TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
+{
+    start_wifi_world();
+    ASSERT_EQ(run_ctl({"wifi", "connect", "home", "--passphrase", kPassphrase}).code, 0);
+    ASSERT_TRUE(wait_until([this] { return !sim_.agent_registered(); }, 5000));
+
+    auto monitor = std::async(std::launch::async, [] {
+        return run_ctl({"monitor", "--json"}, "", [](const std::string &out) {
+            return out.find("\"event\":19") != std::string::npos;
+        });
+    });
+    ASSERT_TRUE(wait_until([this] { return sim_.agent_registered(); }, 10000));
+    sim_.set_strength(kHome, 33);
+    Outcome run = monitor.get();
+    EXPECT_EQ(run.code, 0) << run.err;
+
+    std::map<int, Json::Value> last;
+    std::istringstream lines(run.out);
+    for (std::string line; std::getline(lines, line);) {
+        Json::Value event = parse_json(line);
+        last[event["event"].asInt()] = event;
+    }
+    ASSERT_EQ(last.count(19), 1u) << run.out;
+    EXPECT_EQ(last[19]["name"].asString(), "NETMGR_EVT_WIFI_STRENGTH_CHANGED");
+    EXPECT_EQ(last[19]["arg"]["path"].asString(), service_path(kHome));
+    EXPECT_EQ(last[19]["arg"]["strength"].asUInt(), 33u);
+    EXPECT_TRUE(last[19]["arg"]["connected"].asBool());
+    ASSERT_EQ(last.count(2), 1u) << run.out;
+    EXPECT_FALSE(last[2].isMember("arg")) << "event 2 carries no argument";
+}
+
+TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
+{
+    sim_.add_technology("ethernet", true);
+    sim_.add_network(cable());
+    ASSERT_TRUE(sim_.start(buses_.system.address()));
+
+    Outcome set = run_ctl(
+        {"ipv4", "set", "manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53"});
+    ASSERT_EQ(set.code, 0) << set.err;
+    Outcome get = run_ctl({"ipv4", "get", "--json"});
+    ASSERT_EQ(get.code, 0) << get.err;
+    Json::Value cfg = parse_json(get.out);
+    EXPECT_EQ(cfg["method"].asString(), "manual");
+    EXPECT_EQ(cfg["address"].asString(), "192.0.2.77");
+    EXPECT_EQ(cfg["netmask"].asString(), "255.255.255.0");
+    EXPECT_EQ(cfg["gateway"].asString(), "192.0.2.1");
+    EXPECT_EQ(cfg["dns1"].asString(), "192.0.2.53");
+    EXPECT_EQ(cfg["dns2"].asString(), "");
+
+    Outcome ipv6 = run_ctl({"ipv6", "get"});
+    EXPECT_EQ(ipv6.code, 1) << "IPv6 stays off until it is set";
+    EXPECT_NE(ipv6.err.find("no IPv6 configuration"), std::string::npos) << ipv6.err;
 }

@@ -119,6 +119,10 @@ int connect_library(Ctx &ctx);
 template <typename Pred> bool wait_for(Ctx &ctx, Pred pred);
 // The Wi-Fi list once it has been (re)built, optionally after a scan.
 int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list);
+// Operations that look for a connected service find none until the library
+// has ConnMan's service list; under type wifi its arrival is announced, so
+// wait for it there (other types give no sign and are not delayed).
+int settle_services(Ctx &ctx);
 // Waits until ConnMan's Ethernet service is known to the library.
 int wait_ethernet_service(Ctx &ctx);
 Clock::time_point earlier(Clock::time_point a, Clock::duration b);

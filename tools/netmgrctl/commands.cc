@@ -69,7 +69,8 @@ static void print_connection(const NetConnInfo &info)
         out("  ipv6:     %s/%u gateway %s\n", info.ipv6Address.c_str(), info.ipv6PrefixLength,
             info.ipv6Gateway.c_str());
     if (!info.dns1.empty() || !info.dns2.empty())
-        out("  dns:      %s %s\n", info.dns1.c_str(), info.dns2.c_str());
+        out("  dns:      %s\n",
+            (info.dns2.empty() ? info.dns1 : info.dns1 + " " + info.dns2).c_str());
     if (!info.macAddress.empty())
         out("  mac:      %s\n", info.macAddress.c_str());
 }
@@ -150,6 +151,11 @@ int cmd_ethernet(Ctx &ctx)
     if (int rc = connect_library(ctx))
         return rc;
     bool on = action == "on";
+    if (on) {
+        // Switching over connects the Ethernet service if ConnMan has not.
+        if (int rc = settle_services(ctx))
+            return rc;
+    }
     bool done = on ? NetMgr_EnableEthernet() : NetMgr_DisableEthernet();
     if (!done)
         return fail(EXIT_FAILED, "switching Ethernet %s failed", action.c_str());
@@ -171,12 +177,16 @@ int cmd_p2p(Ctx &ctx)
     if (int rc = connect_library(ctx))
         return rc;
     bool done;
-    if (action == "on")
+    if (action == "on") {
+        // Switching to P2P disconnects the connected Wi-Fi service.
+        if (int rc = settle_services(ctx))
+            return rc;
         done = NetMgr_EnableP2P();
-    else if (action == "off")
+    } else if (action == "off") {
         done = NetMgr_DisableP2P(true);
-    else
+    } else {
         done = NetMgr_ScanP2P();
+    }
     if (!done)
         return fail(EXIT_FAILED, "p2p %s failed", action.c_str());
     report_done(ctx, "p2p " + action,

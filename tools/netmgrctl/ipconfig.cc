@@ -93,7 +93,10 @@ int print_ipv6(Ctx &ctx, const NetIPv6Config &cfg)
         return EXIT_OK;
     }
     out("method:  %s\n", printable(cfg.method).c_str());
-    out("address: %s/%u\n", printable(cfg.address).c_str(), cfg.prefixLength);
+    if (cfg.address.empty())
+        out("address:\n");
+    else
+        out("address: %s/%u\n", printable(cfg.address).c_str(), cfg.prefixLength);
     out("gateway: %s\n", printable(cfg.gateway).c_str());
     out("privacy: %s\n", printable(cfg.privacy).c_str());
     out("dns:     %s\n", printable(dns_text(cfg.dns1, cfg.dns2)).c_str());

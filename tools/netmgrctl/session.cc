@@ -188,6 +188,14 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
     return EXIT_OK;
 }
 
+int settle_services(Ctx &ctx)
+{
+    if (NetMgr_GetNetworkType() != NET_TYPE_WIFI)
+        return EXIT_OK;
+    std::list<NetWifiInfo> list;
+    return collect_wifi_list(ctx, false, list);
+}
+
 int wait_ethernet_service(Ctx &ctx)
 {
     Clock::time_point limit = earlier(ctx.deadline, service_settle_time);

@@ -71,6 +71,7 @@ int answer_input(Ctx &ctx, ConnectRequest &req, const NetWifiInfo &info)
             if (!valid_text(req.ssid) || req.ssid.size() > max_ssid_length)
                 return wifi_cancelled("the network name is not a valid SSID", EXIT_USAGE);
             req.needs_key = info.security.compare(0, 4, "none") != 0;
+            req.label = req.ssid;
         }
         if (req.needs_key) {
             if (int rc = ask_passphrase(req, passphrase))
@@ -90,17 +91,22 @@ int answer_input(Ctx &ctx, ConnectRequest &req, const NetWifiInfo &info)
     return EXIT_OK;
 }
 
-int connected(Ctx &ctx, const ConnectRequest &req)
+int connected(Ctx &ctx, const ConnectRequest &req, bool asked)
 {
+    // A hidden network with saved settings connects without being asked
+    // for its name, so the name given may not be the one it has.
+    std::string label = req.label;
+    if (!req.ssid.empty() && !asked)
+        label = "the hidden network " + req.path + " (its saved settings; the name was not asked)";
     if (ctx.json) {
         Json::Value value(Json::objectValue);
         value["ok"] = true;
         value["command"] = "wifi connect";
         value["path"] = req.path;
-        value["name"] = req.label;
+        value["name"] = asked || req.ssid.empty() ? req.label : "";
         print_json(value);
     } else {
-        out("connected to %s\n", printable(req.label).c_str());
+        out("connected to %s\n", printable(label).c_str());
     }
     return EXIT_OK;
 }
@@ -121,7 +127,7 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
         Event event;
         bool got = next_event(event, earlier(ctx.deadline, std::chrono::milliseconds(250)));
         if (announced && is_connected_to(req))
-            return connected(ctx, req);
+            return connected(ctx, req, answers > 0);
         if (!got) {
             if (Clock::now() < ctx.deadline)
                 continue;
@@ -142,7 +148,7 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
             break;
         case NETMGR_EVT_WIFI_CONNECTED:
             if (!other_connected || is_connected_to(req))
-                return connected(ctx, req);
+                return connected(ctx, req, answers > 0);
             announced = true;
             break;
         case NETMGR_EVT_WIFI_CONNECT_FAILED:
@@ -274,6 +280,14 @@ int wifi_hidden(Ctx &ctx)
     std::string path = getHideWifiPath(hidden_kind(security));
     if (path.empty())
         return fail(EXIT_FAILED, "no hidden %s network is visible", security.c_str());
+    // Its name is unknown, so a connected one cannot be told apart from
+    // the network asked for.
+    for (const NetWifiInfo &info : list) {
+        if (info.path == path && info.connected)
+            return fail(EXIT_FAILED,
+                        "the hidden %s network is already connected; disconnect it first",
+                        security.c_str());
+    }
     ConnectRequest req;
     req.path = path;
     req.ssid = ctx.value("--ssid");
@@ -308,6 +322,8 @@ int wifi_disconnect(Ctx &ctx)
     auto wifi_connected = [] {
         return NetMgr_GetNetworkStatus(NET_TYPE_WIFI) == NET_STATUS_CONNECTED;
     };
+    if (int rc = settle_services(ctx))
+        return rc;
     if (!wifi_connected()) {
         report_done(ctx, "wifi disconnect", "Wi-Fi is not connected");
         return EXIT_OK;
