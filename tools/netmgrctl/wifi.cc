@@ -14,6 +14,7 @@ namespace
 
 // One connection attempt and what the agent may ask for it.
 struct ConnectRequest {
+    const char *command; // "wifi connect" or "wifi hidden"
     std::string path;
     std::string label;    // for messages: the name, or the path
     std::string ssid;     // hidden networks: the name to send
@@ -101,7 +102,7 @@ int connected(Ctx &ctx, const ConnectRequest &req, bool asked)
     if (ctx.json) {
         Json::Value value(Json::objectValue);
         value["ok"] = true;
-        value["command"] = "wifi connect";
+        value["command"] = req.command;
         value["path"] = req.path;
         value["name"] = asked || req.ssid.empty() ? req.label : "";
         print_json(value);
@@ -118,7 +119,6 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
     // then an announcement counts only once the target shows as connected.
     bool other_connected =
         !target_connected && NetMgr_GetNetworkStatus(NET_TYPE_WIFI) == NET_STATUS_CONNECTED;
-    const char *label = req.label.c_str();
     drop_events();
     NetMgr_ConnectWifi(req.path);
     bool announced = false;
@@ -133,7 +133,7 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
                 continue;
             NetMgr_CancelWifiConnection();
             return fail(EXIT_TIMEOUT, "timed out after %g s waiting for %s to connect",
-                        ctx.timeout_s, printable(label).c_str());
+                        ctx.timeout_s, printable(req.label).c_str());
         }
         switch (event.code) {
         case NETMGR_EVT_WIFI_PASSWORD_REQUIRED:
@@ -152,13 +152,14 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
             announced = true;
             break;
         case NETMGR_EVT_WIFI_CONNECT_FAILED:
-            return fail(EXIT_FAILED, "connecting to %s failed", printable(label).c_str());
+            return fail(EXIT_FAILED, "connecting to %s failed", printable(req.label).c_str());
         case NETMGR_EVT_WIFI_INVALID_KEY:
             return fail(EXIT_FAILED, "the passphrase for %s was rejected",
-                        printable(label).c_str());
+                        printable(req.label).c_str());
         case NETMGR_EVT_WIFI_DISCONNECTED:
             if (!event.has_byte)
-                return fail(EXIT_FAILED, "connecting to %s was blocked", printable(label).c_str());
+                return fail(EXIT_FAILED, "connecting to %s was blocked",
+                            printable(req.label).c_str());
             break;
         default:
             break;
@@ -253,6 +254,7 @@ int wifi_connect(Ctx &ctx)
     if (!info)
         return fail(EXIT_FAILED, "no network %s in the Wi-Fi list", printable(target).c_str());
     ConnectRequest req;
+    req.command = "wifi connect";
     req.path = info->path;
     req.label = info->name.empty() ? info->path : info->name;
     req.needs_key = true;
@@ -289,6 +291,7 @@ int wifi_hidden(Ctx &ctx)
                         security.c_str());
     }
     ConnectRequest req;
+    req.command = "wifi hidden";
     req.path = path;
     req.ssid = ctx.value("--ssid");
     req.label = req.ssid;
