@@ -13,6 +13,12 @@ struct PendingCall {
     GDBusMessage *message;
 };
 
+gboolean quit_loop(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop *>(loop));
+    return G_SOURCE_REMOVE;
+}
+
 } // namespace
 
 FakeConnman::FakeConnman()
@@ -30,13 +36,7 @@ FakeConnman::~FakeConnman()
     stop();
     // Quit from inside the loop: a quit before the loop runs would be lost.
     GSource *quit = g_idle_source_new();
-    g_source_set_callback(
-        quit,
-        [](gpointer loop) {
-            g_main_loop_quit(static_cast<GMainLoop *>(loop));
-            return G_SOURCE_REMOVE;
-        },
-        loop_, nullptr);
+    g_source_set_callback(quit, quit_loop, loop_, nullptr);
     g_source_attach(quit, context_);
     g_source_unref(quit);
     thread_.join();
@@ -47,15 +47,11 @@ FakeConnman::~FakeConnman()
 
 bool FakeConnman::start()
 {
-    const char *address = getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    if (!address || connection_)
-        return false;
     // GDBus posts the connection's own notifications to the context current
-    // at creation; give it one of its own, not the default one that the
-    // library under test runs on.
+    // at creation: not the default one, which the library under test uses.
     g_main_context_push_thread_default(quiet_context_);
     connection_ = g_dbus_connection_new_for_address_sync(
-        address,
+        getenv("DBUS_SYSTEM_BUS_ADDRESS"),
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, nullptr);
@@ -68,11 +64,11 @@ bool FakeConnman::start()
         connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         "RequestName", g_variant_new("(su)", "net.connman", 4u), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-    if (!result)
-        return false;
     guint32 reply = 0;
-    g_variant_get(result, "(u)", &reply);
-    g_variant_unref(result);
+    if (result) {
+        g_variant_get(result, "(u)", &reply);
+        g_variant_unref(result);
+    }
     return reply == 1;
 }
 
@@ -83,19 +79,6 @@ void FakeConnman::stop()
     g_dbus_connection_close_sync(connection_, nullptr, nullptr);
     g_object_unref(connection_);
     connection_ = nullptr;
-}
-
-void FakeConnman::add_technology(const FakeTechnology &technology)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    technologies_.push_back(technology);
-}
-
-void FakeConnman::set_manager(const std::string &state, bool offline)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    state_ = state;
-    offline_ = offline;
 }
 
 void FakeConnman::fail_next_set_property(const std::string &error_name, const std::string &message)
@@ -119,14 +102,14 @@ std::vector<std::string> FakeConnman::calls(const std::string &member,
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> found;
     for (const auto &call : calls_) {
-        if (call.member == member && (path.empty() || call.path == path))
-            found.push_back(call.args);
+        if (call[1] == member && (path.empty() || call[0] == path))
+            found.push_back(call[2]);
     }
     return found;
 }
 
-// Runs on GDBus's worker thread: records method calls and hands them to the
-// fake's own thread, which answers them.
+// Runs on GDBus's worker thread: records a method call and hands it to the
+// fake's own thread, which answers it.
 GDBusMessage *FakeConnman::filter(GDBusConnection *connection, GDBusMessage *message,
                                   gboolean incoming, gpointer data)
 {
@@ -150,8 +133,7 @@ GDBusMessage *FakeConnman::filter(GDBusConnection *connection, GDBusMessage *mes
 gboolean FakeConnman::handle(gpointer data)
 {
     auto *pending = static_cast<PendingCall *>(data);
-    FakeConnman *self = pending->self;
-    GDBusMessage *reply = self->answer(pending->connection, pending->message);
+    GDBusMessage *reply = pending->self->answer(pending->connection, pending->message);
     g_dbus_connection_send_message(pending->connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                    nullptr, nullptr);
     g_object_unref(reply);
@@ -161,25 +143,6 @@ gboolean FakeConnman::handle(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
-GVariant *FakeConnman::technologies_reply() const
-{
-    GVariantBuilder list;
-    g_variant_builder_init(&list, G_VARIANT_TYPE("a(oa{sv})"));
-    for (const auto &technology : technologies_) {
-        GVariantBuilder dict;
-        g_variant_builder_init(&dict, G_VARIANT_TYPE("a{sv}"));
-        g_variant_builder_add(&dict, "{sv}", "Name", g_variant_new_string(technology.name.c_str()));
-        g_variant_builder_add(&dict, "{sv}", "Type", g_variant_new_string(technology.type.c_str()));
-        g_variant_builder_add(&dict, "{sv}", "Powered", g_variant_new_boolean(technology.powered));
-        g_variant_builder_add(&dict, "{sv}", "Connected",
-                              g_variant_new_boolean(technology.connected));
-        g_variant_builder_add(&dict, "{sv}", "Tethering", g_variant_new_boolean(FALSE));
-        std::string path = TECHNOLOGY_PREFIX + technology.type;
-        g_variant_builder_add(&list, "(oa{sv})", path.c_str(), &dict);
-    }
-    return g_variant_new("(a(oa{sv}))", &list);
-}
-
 GDBusMessage *FakeConnman::answer(GDBusConnection *connection, GDBusMessage *call)
 {
     std::string path = g_dbus_message_get_path(call);
@@ -187,22 +150,28 @@ GDBusMessage *FakeConnman::answer(GDBusConnection *connection, GDBusMessage *cal
     GDBusMessage *reply = g_dbus_message_new_method_reply(call);
     std::lock_guard<std::mutex> lock(mutex_);
 
-    if (member == "GetProperties" && path == "/") {
+    if (member == "GetProperties") {
         g_dbus_message_set_body(reply,
                                 g_variant_new_parsed("({'State': <%s>, 'OfflineMode': <%b>},)",
-                                                     state_.c_str(), offline_));
+                                                     state.c_str(), offline));
     } else if (member == "GetTechnologies") {
-        g_dbus_message_set_body(reply, technologies_reply());
+        GVariantBuilder list;
+        g_variant_builder_init(&list, G_VARIANT_TYPE("a(oa{sv})"));
+        for (const auto &t : technologies)
+            g_variant_builder_add_parsed(&list,
+                                         "(%o, {'Name': <%s>, 'Type': <%s>, 'Powered': <%b>, "
+                                         "'Connected': <%b>, 'Tethering': <false>})",
+                                         (TECHNOLOGY_PREFIX + t.type).c_str(), t.name.c_str(),
+                                         t.type.c_str(), t.powered, t.connected);
+        g_dbus_message_set_body(reply, g_variant_new("(a(oa{sv}))", &list));
     } else if (member == "GetServices") {
         g_dbus_message_set_body(reply, g_variant_new_parsed("(@a(oa{sv}) [],)"));
-    } else if (member == "SetProperty" && path.rfind(TECHNOLOGY_PREFIX, 0) == 0) {
-        if (!fail_name_.empty()) {
-            g_object_unref(reply);
-            reply = g_dbus_message_new_method_error_literal(call, fail_name_.c_str(),
-                                                            fail_message_.c_str());
-            fail_name_.clear();
-            return reply;
-        }
+    } else if (member == "SetProperty" && path != "/" && !fail_name_.empty()) {
+        g_object_unref(reply);
+        reply = g_dbus_message_new_method_error_literal(call, fail_name_.c_str(),
+                                                        fail_message_.c_str());
+        fail_name_.clear();
+    } else if (member == "SetProperty" && path != "/") {
         // Like the daemon: announce the new value, then answer.
         g_dbus_connection_emit_signal(connection, nullptr, path.c_str(), "net.connman.Technology",
                                       "PropertyChanged", g_dbus_message_get_body(call), nullptr);

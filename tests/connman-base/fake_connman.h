@@ -1,7 +1,7 @@
 // A scriptable stand-in for the ConnMan daemon on the private system bus: it
 // owns "net.connman", answers the manager and technology calls the client
-// makes, records them, fails SetProperty on request and emits any signal the
-// test asks for. Calls are answered on a thread of its own.
+// makes (on a thread of its own), records them, fails a SetProperty on
+// request and emits whatever signal a test asks for.
 #pragma once
 
 #include <gio/gio.h>
@@ -14,8 +14,7 @@
 struct FakeTechnology {
     std::string type; // path "/net/connman/technology/" + type
     std::string name;
-    bool powered = false;
-    bool connected = false;
+    bool powered, connected;
 };
 
 class FakeConnman
@@ -29,38 +28,28 @@ class FakeConnman
     // Closes the connection: the daemon leaves the bus.
     void stop();
 
-    void add_technology(const FakeTechnology &technology);
-    void set_manager(const std::string &state, bool offline);
     // The next technology SetProperty is answered with this error.
     void fail_next_set_property(const std::string &error_name, const std::string &message);
-
-    // Emits a signal from the daemon's connection; args is a tuple and is
-    // consumed if floating.
+    // Emits a signal from the daemon; a floating args tuple is consumed.
     void emit(const std::string &path, const char *interface, const char *member, GVariant *args);
-
-    // Recorded calls whose member (and path, if given) match; each is the
-    // arguments printed as a GVariant text.
+    // Arguments, printed as GVariant texts, of the calls received so far.
     std::vector<std::string> calls(const std::string &member, const std::string &path = "") const;
 
+    // What the daemon reports; set before start().
+    std::vector<FakeTechnology> technologies;
+    std::string state = "idle";
+    bool offline = false;
+
   private:
-    struct Call {
-        std::string path, member, args;
-    };
-    static GDBusMessage *filter(GDBusConnection *connection, GDBusMessage *message,
-                                gboolean incoming, gpointer self);
+    static GDBusMessage *filter(GDBusConnection *, GDBusMessage *, gboolean, gpointer);
     static gboolean handle(gpointer data);
-    GVariant *technologies_reply() const;
     GDBusMessage *answer(GDBusConnection *connection, GDBusMessage *call);
 
-    GMainContext *context_;
-    GMainContext *quiet_context_;
+    GMainContext *context_, *quiet_context_;
     GMainLoop *loop_;
     std::thread thread_;
     GDBusConnection *connection_ = nullptr;
     mutable std::mutex mutex_;
-    std::vector<FakeTechnology> technologies_;
-    std::string state_ = "idle";
-    bool offline_ = false;
     std::string fail_name_, fail_message_;
-    std::vector<Call> calls_;
+    std::vector<std::vector<std::string>> calls_; // path, member, arguments
 };

@@ -27,20 +27,14 @@ GVariant *property(const char *name, GVariant *value)
 
 using ManagerTest = ClientTest;
 
-TEST_F(ManagerTest, BeforeInitDefaultsAndRefusals)
+TEST_F(ManagerTest, BeforeInitDefaultsAndStateNames)
 {
     EXPECT_TRUE(connman_manager_get_offlinemode());
     EXPECT_EQ(0u, connman_manager_get_state());
     EXPECT_EQ(-EINVAL, connman_manager_init());
     EXPECT_EQ(-EINVAL, connman_manager_get_properties(record_property, this));
-    EXPECT_EQ(-EINVAL, connman_manager_set_offlinemode(true));
     EXPECT_EQ(-EINVAL, __connman_manager_get_technologies(count_technologies));
-    EXPECT_EQ(-EINVAL, __connman_manager_register_service_signal(count_services));
-    connman_manager_finalize();
-}
 
-TEST_F(ManagerTest, StateNames)
-{
     EXPECT_EQ(1u, string2enum_state("offline"));
     EXPECT_EQ(2u, string2enum_state("idle"));
     EXPECT_EQ(3u, string2enum_state("ready"));
@@ -52,7 +46,8 @@ TEST_F(ManagerTest, StateNames)
 
 TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
 {
-    daemon.set_manager("ready", true);
+    daemon.state = "ready";
+    daemon.offline = true;
     init_manager();
     ASSERT_EQ(0, connman_manager_get_properties(record_property, this));
     ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
@@ -120,24 +115,4 @@ TEST_F(ManagerTest, NullCallbackCancelsListRequest)
 
     ASSERT_EQ(0, __connman_manager_get_services(count_services));
     ASSERT_TRUE(run_until([&] { return services_replies == 1; }));
-}
-
-TEST_F(ManagerTest, ListSignalsReachRegisteredCallbacks)
-{
-    init_manager();
-    ASSERT_EQ(0, __connman_manager_register_service_signal(count_services));
-    ASSERT_EQ(0, __connman_manager_register_technology_signals(count_technologies, nullptr));
-    daemon.emit("/", MANAGER, "ServicesChanged", g_variant_new_parsed("(@a(oa{sv}) [], @ao [])"));
-    daemon.emit("/", MANAGER, "TechnologyAdded",
-                g_variant_new_parsed("(objectpath '/net/connman/technology/wifi', @a{sv} {})"));
-    ASSERT_TRUE(run_until([&] { return services_replies == 1 && technologies_replies == 1; }));
-
-    // Unregistered: the signals are no longer delivered.
-    ASSERT_EQ(0, __connman_manager_register_service_signal(nullptr));
-    ASSERT_EQ(0, __connman_manager_register_technology_signals(nullptr, nullptr));
-    daemon.emit("/", MANAGER, "ServicesChanged", g_variant_new_parsed("(@a(oa{sv}) [], @ao [])"));
-    ASSERT_EQ(0, __connman_manager_get_technologies(count_technologies));
-    ASSERT_TRUE(run_until([&] { return technologies_replies == 2; }));
-    drain();
-    EXPECT_EQ(1, services_replies);
 }
