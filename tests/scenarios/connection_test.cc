@@ -18,13 +18,14 @@ const char *const HIDDEN_PSK = "wifi_0a0000000005_hidden_managed_psk";
 class ConnectionScenario : public Scenario
 {
   protected:
-    // Wi-Fi type, Wi-Fi powered, the given networks; waits for the list.
+    // Wi-Fi type (and a last network when given), Wi-Fi powered, the given
+    // networks; waits for the list.
     void start_on_wifi(const std::vector<connman_sim::Network> &networks,
-                       const std::string &last_wifi = "", bool with_last_wifi = false)
+                       const std::string &last_wifi = "")
     {
         Json::Value saved;
         saved["netmgr:type"] = 1;
-        if (with_last_wifi)
+        if (!last_wifi.empty())
             saved["netmgr:last_wifi"] = last_wifi;
         write_store(saved);
         sim.add_technology("wifi", true);
@@ -32,17 +33,6 @@ class ConnectionScenario : public Scenario
             sim.add_network(network);
         start();
         ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
-    }
-
-    // The last network is saved right after the connection is announced.
-    bool wait_last_wifi(const std::string &path)
-    {
-        return wait_until(
-            [&] {
-                Json::Value saved = store()["netmgr:last_wifi"];
-                return saved.isString() && saved.asString() == path;
-            },
-            5000);
     }
 
     // Connects as the user would and waits for the announcement.
@@ -54,18 +44,6 @@ class ConnectionScenario : public Scenario
     }
 };
 
-connman_sim::Network hidden(const char *ident, const char *security, const char *name)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.security = {security};
-    network.hidden = true;
-    network.hidden_name = name;
-    if (std::string(security) != "none")
-        network.passphrase = "correct horse";
-    return network;
-}
-
 TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
 {
     start_on_wifi({wifi(HOME, "home")});
@@ -74,8 +52,8 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     size_t from = events.mark();
     connect_open(HOME);
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
-    EXPECT_TRUE(wait_last_wifi(path));
-    EXPECT_EQ(1, store()["netmgr:type"].asInt());
+    EXPECT_TRUE(wait_stored_last_wifi(path));
+    EXPECT_EQ(1, stored_type());
 
     // Already connected: announced at once, nothing sent.
     int connects = sim.count_calls("Connect", path);
@@ -110,7 +88,7 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
     EXPECT_FALSE(event.null_arg);
     EXPECT_NE(0, event.byte);
-    EXPECT_TRUE(wait_last_wifi(""));
+    EXPECT_TRUE(wait_stored_last_wifi(""));
 }
 
 TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
@@ -138,12 +116,13 @@ TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
     EXPECT_TRUE(NetMgr_SetWifiPassword(path, std::string("correct ") + "horse"));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
-    EXPECT_TRUE(wait_last_wifi(path));
+    EXPECT_TRUE(wait_stored_last_wifi(path));
 }
 
 TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
 {
-    start_on_wifi({hidden(HIDDEN_OPEN, "none", "attic"), hidden(HIDDEN_PSK, "psk", "cellar")});
+    start_on_wifi(
+        {hidden_wifi(HIDDEN_OPEN, "none", "attic"), hidden_wifi(HIDDEN_PSK, "psk", "cellar")});
     const std::string open_path = getHideWifiPath(0);
     const std::string psk_path = getHideWifiPath(2);
     ASSERT_EQ(service_path(HIDDEN_OPEN), open_path);
@@ -169,7 +148,7 @@ TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
     EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(psk_path, "cellar", "correct horse"));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
-    EXPECT_TRUE(wait_last_wifi(psk_path));
+    EXPECT_TRUE(wait_stored_last_wifi(psk_path));
 }
 
 TEST_F(ConnectionScenario, WrongPassphraseRaisesInvalidKeyAndForgetsTheNetwork)
@@ -226,7 +205,7 @@ TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
 {
     const std::string home = service_path(HOME);
     const std::string cafe = service_path(CAFE);
-    start_on_wifi({wifi(HOME, "home", "none", 50), wifi(CAFE, "cafe", "none", 70)}, home, true);
+    start_on_wifi({wifi(HOME, "home", "none", 50), wifi(CAFE, "cafe", "none", 70)}, home);
 
     sim.fail_next_connect("net.connman.Error.InProgress", "In progress");
     size_t from = events.mark();
@@ -244,14 +223,13 @@ TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
     EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, home));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     EXPECT_EQ("ready", sim.service_state(HOME));
-    EXPECT_TRUE(wait_last_wifi(home));
+    EXPECT_TRUE(wait_stored_last_wifi(home));
 }
 
 TEST_F(ConnectionScenario, PassphraseRequestInBackgroundForgetsLastWifi)
 {
     const std::string office = service_path(OFFICE);
-    start_on_wifi({wifi(OFFICE, "office", "psk", 50), wifi(CAFE, "cafe", "none", 70)}, office,
-                  true);
+    start_on_wifi({wifi(OFFICE, "office", "psk", 50), wifi(CAFE, "cafe", "none", 70)}, office);
 
     // The failed user connection sends the library back to the last network,
     // whose stored credentials ConnMan no longer has.
@@ -259,7 +237,7 @@ TEST_F(ConnectionScenario, PassphraseRequestInBackgroundForgetsLastWifi)
     size_t from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(service_path(CAFE)));
     EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, office));
-    ASSERT_TRUE(wait_last_wifi(""));
+    ASSERT_TRUE(wait_stored_last_wifi(""));
     EXPECT_GE(sim.request_input_count(), 1);
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
 }
@@ -268,14 +246,14 @@ TEST_F(ConnectionScenario, StartupCheckReconnectsLastWifiAfterTenSeconds)
 {
     const std::string home = service_path(HOME);
     auto started = std::chrono::steady_clock::now();
-    start_on_wifi({wifi(HOME, "home")}, home, true);
+    start_on_wifi({wifi(HOME, "home")}, home);
 
     ASSERT_TRUE(sim.wait_for_calls("Connect", 1, 15000, home));
     auto waited = std::chrono::steady_clock::now() - started;
     EXPECT_GE(waited, std::chrono::milliseconds(9500));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, 0, nullptr, 5000));
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED));
-    EXPECT_TRUE(wait_last_wifi(home));
+    EXPECT_TRUE(wait_stored_last_wifi(home));
 }
 
 } // namespace

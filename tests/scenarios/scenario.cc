@@ -205,6 +205,16 @@ Json::Value Scenario::store() const
     return value;
 }
 
+bool Scenario::wait_stored_last_wifi(const std::string &path, int timeout_ms)
+{
+    return wait_until(
+        [&] {
+            Json::Value saved = store()["netmgr:last_wifi"];
+            return saved.isString() && saved.asString() == path;
+        },
+        timeout_ms);
+}
+
 std::vector<std::string> Scenario::shell_commands() const
 {
     std::vector<std::string> lines;
@@ -244,6 +254,15 @@ connman_sim::Network Scenario::wifi(const std::string &ident, const std::string 
     network.strength = strength;
     if (security != "none")
         network.passphrase = "correct horse";
+    return network;
+}
+
+connman_sim::Network Scenario::hidden_wifi(const std::string &ident, const std::string &security,
+                                           const std::string &hidden_name, uint8_t strength)
+{
+    connman_sim::Network network = wifi(ident, "", security, strength);
+    network.hidden = true;
+    network.hidden_name = hidden_name;
     return network;
 }
 

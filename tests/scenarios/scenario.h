@@ -69,6 +69,9 @@ class Scenario : public ::testing::Test
 
     // The settings file as it is now (null when absent or unreadable).
     Json::Value store() const;
+    int stored_type() const { return store()["netmgr:type"].asInt(); }
+    // Waits until "netmgr:last_wifi" is stored as this string.
+    bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000);
     // Commands the library ran through the shell, one per line.
     std::vector<std::string> shell_commands() const;
     bool shell_ran(const std::string &command) const;
@@ -91,6 +94,9 @@ class Scenario : public ::testing::Test
     }
     static connman_sim::Network wifi(const std::string &ident, const std::string &name,
                                      const std::string &security = "none", uint8_t strength = 60);
+    // A network without a broadcast name; the agent must answer hidden_name.
+    static connman_sim::Network hidden_wifi(const std::string &ident, const std::string &security,
+                                            const std::string &hidden_name, uint8_t strength = 60);
 
     connman_sim::Simulator &sim;
     EventRecorder &events = EventRecorder::instance();

@@ -36,8 +36,6 @@ class TechnologyScenario : public Scenario
         return wait_until([&] { return sim.technology_property(type, "Powered") == text; }, 5000);
     }
 
-    int stored_type() const { return store()["netmgr:type"].asInt(); }
-
     int wifi_power_requests() const
     {
         int n = 0;

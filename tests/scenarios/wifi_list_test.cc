@@ -14,19 +14,6 @@ const char *const HIDDEN_WEP = "wifi_0a0000000001_hidden_managed_wep";
 const char *const HIDDEN_PSK_2 = "wifi_0a0000000002_hidden_managed_psk";
 const char *const CABLE = "ethernet_0e0000000001_cable";
 
-connman_sim::Network hidden(const char *ident, const char *security, uint8_t strength)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.security = {security};
-    network.hidden = true;
-    network.hidden_name = "secret";
-    network.strength = strength;
-    if (std::string(security) != "none")
-        network.passphrase = "correct horse";
-    return network;
-}
-
 class WifiListScenario : public Scenario
 {
 };
@@ -43,10 +30,10 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     guest.interface = "wlan1";
     sim.add_network(guest);
     sim.add_network(wifi(OFFICE, "office", "psk", 80));
-    sim.add_network(hidden(HIDDEN_OPEN, "none", 70));
-    sim.add_network(hidden(HIDDEN_PSK_1, "psk", 60));
-    sim.add_network(hidden(HIDDEN_WEP, "wep", 50));
-    sim.add_network(hidden(HIDDEN_PSK_2, "psk", 40));
+    sim.add_network(hidden_wifi(HIDDEN_OPEN, "none", "secret", 70));
+    sim.add_network(hidden_wifi(HIDDEN_PSK_1, "psk", "secret", 60));
+    sim.add_network(hidden_wifi(HIDDEN_WEP, "wep", "secret", 50));
+    sim.add_network(hidden_wifi(HIDDEN_PSK_2, "psk", "secret", 40));
     connman_sim::Network cable;
     cable.ident = CABLE;
     cable.type = "ethernet";
@@ -97,7 +84,7 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     size_t before_switch = events.mark();
     EXPECT_TRUE(NetMgr_EnableEthernet());
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, before_switch));
-    EXPECT_EQ(0, store()["netmgr:type"].asInt());
+    EXPECT_EQ(0, stored_type());
     // A "blocked" report arrives after the simulator's service update.
     sim.report_error(HOME, "blocked");
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, before_switch));
