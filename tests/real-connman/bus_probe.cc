@@ -228,7 +228,7 @@ std::string ConnmanProbe::name_owner(const std::string &name)
     return result;
 }
 
-AgentWatch::AgentWatch(const std::string &address) : conn_(connect_bus(address))
+BusWatch::BusWatch(const std::string &address) : conn_(connect_bus(address))
 {
     DBusMessage *msg =
         dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -236,11 +236,15 @@ AgentWatch::AgentWatch(const std::string &address) : conn_(connect_bus(address))
     const char *rules[] = {
         "type='method_call',interface='net.connman.Manager',member='RegisterAgent'",
         "type='method_call',interface='net.connman.Agent'",
+        "type='method_call',interface='net.connman.Technology',member='SetProperty'",
+        "type='method_return'",
+        "type='error'",
     };
     const char **rule_list = rules;
     dbus_uint32_t flags = 0;
-    dbus_message_append_args(msg, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &rule_list, 2,
-                             DBUS_TYPE_UINT32, &flags, DBUS_TYPE_INVALID);
+    dbus_message_append_args(msg, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &rule_list,
+                             static_cast<int>(sizeof(rules) / sizeof(rules[0])), DBUS_TYPE_UINT32,
+                             &flags, DBUS_TYPE_INVALID);
     DBusError err;
     dbus_error_init(&err);
     DBusMessage *reply = dbus_connection_send_with_reply_and_block(conn_, msg, 5000, &err);
@@ -256,7 +260,7 @@ AgentWatch::AgentWatch(const std::string &address) : conn_(connect_bus(address))
     thread_ = std::thread([this] { run(); });
 }
 
-AgentWatch::~AgentWatch()
+BusWatch::~BusWatch()
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -267,7 +271,7 @@ AgentWatch::~AgentWatch()
     dbus_connection_unref(conn_);
 }
 
-void AgentWatch::run()
+void BusWatch::run()
 {
     for (;;) {
         {
@@ -284,27 +288,42 @@ void AgentWatch::run()
     }
 }
 
-void AgentWatch::handle(DBusMessage *msg)
+static std::string text_or_empty(const char *s)
 {
-    if (dbus_message_get_type(msg) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+    return s ? s : "";
+}
+
+void BusWatch::handle(DBusMessage *msg)
+{
+    int type = dbus_message_get_type(msg);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) {
+        std::string destination = text_or_empty(dbus_message_get_destination(msg));
+        for (auto &call : calls_) {
+            if (call.serial == dbus_message_get_reply_serial(msg) && call.sender == destination)
+                call.answered = true;
+        }
+        changed_.notify_all();
+        return;
+    }
+    if (type != DBUS_MESSAGE_TYPE_METHOD_CALL)
         return;
     Call call;
-    call.member = dbus_message_get_member(msg) ? dbus_message_get_member(msg) : "";
-    call.sender = dbus_message_get_sender(msg) ? dbus_message_get_sender(msg) : "";
-    call.destination = dbus_message_get_destination(msg) ? dbus_message_get_destination(msg) : "";
+    call.member = text_or_empty(dbus_message_get_member(msg));
+    call.sender = text_or_empty(dbus_message_get_sender(msg));
+    call.destination = text_or_empty(dbus_message_get_destination(msg));
+    call.serial = dbus_message_get_serial(msg);
+    call.path = text_or_empty(dbus_message_get_path(msg));
     if (dbus_message_is_method_call(msg, "net.connman.Manager", "RegisterAgent")) {
         const char *path = "";
         if (dbus_message_get_args(msg, nullptr, DBUS_TYPE_OBJECT_PATH, &path, DBUS_TYPE_INVALID))
             call.path = path;
-    } else {
-        call.path = dbus_message_get_path(msg) ? dbus_message_get_path(msg) : "";
     }
-    std::lock_guard<std::mutex> lock(mutex_);
     calls_.push_back(call);
     changed_.notify_all();
 }
 
-bool AgentWatch::wait_calls(const std::string &member, size_t count, int timeout_ms)
+bool BusWatch::wait_calls(const std::string &member, size_t count, int timeout_ms)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
@@ -315,7 +334,19 @@ bool AgentWatch::wait_calls(const std::string &member, size_t count, int timeout
     });
 }
 
-std::vector<AgentWatch::Call> AgentWatch::calls(const std::string &member)
+bool BusWatch::wait_answered(const std::string &member, int timeout_ms)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        for (const auto &c : calls_) {
+            if (c.member == member && !c.answered)
+                return false;
+        }
+        return true;
+    });
+}
+
+std::vector<BusWatch::Call> BusWatch::calls(const std::string &member)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Call> result;

@@ -40,27 +40,32 @@ class ConnmanProbe
     DBusConnection *conn_ = nullptr;
 };
 
-// Watches agent traffic: the RegisterAgent calls to the daemon (sent without
-// asking for a reply, so the daemon never answers them) and the daemon's calls
-// to agents, such as the Release it sends every registered agent when it
-// shuts down.
-class AgentWatch
+// Watches calls on the bus as a monitor: the library's RegisterAgent calls
+// (sent without asking for a reply, so the daemon never answers them), the
+// daemon's calls to agents (such as the Release it sends every registered
+// agent when it shuts down), and technology SetProperty calls with their
+// answers.
+class BusWatch
 {
   public:
     struct Call {
         std::string member;
         std::string sender;
         std::string destination;
-        std::string path; // RegisterAgent: its argument; agent calls: the object
+        std::string path; // RegisterAgent: its argument; other calls: the object
+        dbus_uint32_t serial = 0;
+        bool answered = false;
     };
 
-    explicit AgentWatch(const std::string &address);
-    ~AgentWatch();
-    AgentWatch(const AgentWatch &) = delete;
-    AgentWatch &operator=(const AgentWatch &) = delete;
+    explicit BusWatch(const std::string &address);
+    ~BusWatch();
+    BusWatch(const BusWatch &) = delete;
+    BusWatch &operator=(const BusWatch &) = delete;
 
     // Waits until at least count calls of member were seen.
     bool wait_calls(const std::string &member, size_t count, int timeout_ms);
+    // Waits until every call of member seen so far has been answered.
+    bool wait_answered(const std::string &member, int timeout_ms);
     std::vector<Call> calls(const std::string &member);
 
   private:
