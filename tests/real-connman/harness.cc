@@ -166,9 +166,10 @@ std::string check_machine()
     }
     std::string connmand = connmand_path();
     if (access(connmand.c_str(), X_OK) != 0) {
-        std::string log = read_file(NETMGR_CONNMAND_FETCH_LOG);
-        return "connmand could not be unpacked from Debian's connman package (" + connmand +
-               " missing): " + log;
+        if (getenv("NETMGR_CONNMAND") && *getenv("NETMGR_CONNMAND"))
+            return "NETMGR_CONNMAND names no program: " + connmand;
+        return "connmand could not be unpacked from Debian's connman package: " +
+               read_file(NETMGR_CONNMAND_FETCH_LOG);
     }
     std::string output;
     if (run_command({connmand, "--version"}, &output) != 0)
