@@ -3,10 +3,11 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <mutex>
 
 #include "core/bridge.h"
@@ -19,40 +20,26 @@ namespace
 std::mutex events_mutex;
 std::vector<RecordedEvent> recorded_events;
 
-// The service thread parks here while a test (or the fixture's end) holds it.
 std::mutex hold_mutex;
 std::condition_variable hold_cv;
 bool hold_wanted = false;
 bool held = false;
+std::atomic<bool> parked_for_good{false};
 
 std::string make_temp_dir()
 {
     char tmpl[] = "/tmp/netmgr-core-XXXXXX";
-    if (!mkdtemp(tmpl))
-        return std::string();
-    return tmpl;
+    return mkdtemp(tmpl) ? tmpl : "";
 }
 
-int record_event(NetMgrEvent code, void *arg)
+int record_event(NetMgrEvent code, void *)
 {
-    RecordedEvent event;
-    event.code = code;
-    event.thread = std::this_thread::get_id();
-    if (code == NETMGR_EVT_WIFI_DISCONNECTED && arg) {
-        event.has_byte = true;
-        event.byte = *static_cast<uint8_t *>(arg);
-    }
-    if ((code == NETMGR_EVT_WIFI_PASSWORD_REQUIRED || code == NETMGR_EVT_WIFI_STRENGTH_CHANGED) &&
-        arg) {
-        event.has_info = true;
-        event.info = *static_cast<NetWifiInfo *>(arg);
-    }
     std::lock_guard<std::mutex> lock(events_mutex);
-    recorded_events.push_back(event);
+    recorded_events.push_back({code, std::this_thread::get_id()});
     return 0;
 }
 
-gboolean park_service_thread(gpointer)
+gboolean hold_until_released(gpointer)
 {
     std::unique_lock<std::mutex> lock(hold_mutex);
     held = true;
@@ -62,10 +49,7 @@ gboolean park_service_thread(gpointer)
     return FALSE;
 }
 
-// The fixture's end parks the thread for good, without any object that
-// static destruction at exit could pull away under it.
-std::atomic<bool> parked_for_good{false};
-
+// Touches nothing that static destruction at exit could take away.
 gboolean park_for_good(gpointer)
 {
     parked_for_good = true;
@@ -78,16 +62,16 @@ gboolean park_for_good(gpointer)
 
 CoreScenario::CoreScenario() : dir_(make_temp_dir())
 {
-    shell_log_ = dir_ + "/commands.log";
     setenv("NETMGR_STORE", (dir_ + "/settings.json").c_str(), 1);
     setenv("NETMGR_SHELL", NETMGR_SOURCE_DIR "/tests/support/record_shell.sh", 1);
-    setenv("NETMGR_SHELL_LOG", shell_log_.c_str(), 1);
+    setenv("NETMGR_SHELL_LOG", (dir_ + "/commands.log").c_str(), 1);
 }
 
+// The service thread is parked for good before the simulator leaves and the
+// buses go: it would run connman_down, and libdbus ends the process when a
+// bus disconnects under it.
 CoreScenario::~CoreScenario()
 {
-    // The thread stays parked for good: it must not see the simulator leave
-    // (connman_down) nor the buses disconnect (libdbus would end the process).
     if (g_netMgr) {
         release_service_thread();
         g_timeout_add(0, park_for_good, nullptr);
@@ -102,7 +86,7 @@ void CoreScenario::SetUp()
 {
     ASSERT_FALSE(dir_.empty());
     if (g_netMgr)
-        GTEST_SKIP() << "a core scenario needs a process of its own (run it alone)";
+        GTEST_SKIP() << "a core scenario needs a process of its own";
 }
 
 void CoreScenario::store(const std::string &key, const Json::Value &value)
@@ -126,26 +110,22 @@ void CoreScenario::start_simulator()
 {
     int registered = sim_.count_calls("RegisterAgent");
     ASSERT_TRUE(sim_.start());
-    ASSERT_TRUE(sim_.wait_for_calls("RegisterAgent", registered + 1, 10000))
-        << "the library did not come up on the simulator";
+    ASSERT_TRUE(sim_.wait_for_calls("RegisterAgent", registered + 1, 10000));
 }
 
 std::vector<std::string> CoreScenario::commands() const
 {
     std::vector<std::string> lines;
-    std::ifstream in(shell_log_);
-    std::string line;
-    while (std::getline(in, line))
+    std::ifstream in(dir_ + "/commands.log");
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
 }
 
 int CoreScenario::count_command(const std::string &command) const
 {
-    int n = 0;
-    for (const std::string &line : commands())
-        n += (line == command);
-    return n;
+    std::vector<std::string> lines = commands();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), command));
 }
 
 bool CoreScenario::wait_command(const std::string &command, int n, int timeout_ms) const
@@ -159,18 +139,15 @@ std::vector<RecordedEvent> CoreScenario::events()
     return recorded_events;
 }
 
-int CoreScenario::count_event(NetMgrEvent code)
-{
-    std::lock_guard<std::mutex> lock(events_mutex);
-    int n = 0;
-    for (const RecordedEvent &event : recorded_events)
-        n += (event.code == code);
-    return n;
-}
-
 bool CoreScenario::wait_event(NetMgrEvent code, int n, int timeout_ms)
 {
-    return wait_until([&] { return count_event(code) >= n; }, timeout_ms);
+    return wait_until(
+        [&] {
+            std::vector<RecordedEvent> all = events();
+            return std::count_if(all.begin(), all.end(),
+                                 [&](const RecordedEvent &e) { return e.code == code; }) >= n;
+        },
+        timeout_ms);
 }
 
 void CoreScenario::on_service_thread(const std::function<void()> &fn)
@@ -189,12 +166,9 @@ void CoreScenario::on_service_thread(const std::function<void()> &fn)
 
 void CoreScenario::hold_service_thread()
 {
-    {
-        std::lock_guard<std::mutex> lock(hold_mutex);
-        hold_wanted = true;
-    }
-    g_timeout_add(0, park_service_thread, nullptr);
     std::unique_lock<std::mutex> lock(hold_mutex);
+    hold_wanted = true;
+    g_timeout_add(0, hold_until_released, nullptr);
     hold_cv.wait_for(lock, std::chrono::seconds(10), [] { return held; });
 }
 
