@@ -9,7 +9,9 @@ bin=$out/root/usr/sbin/connmand
 mkdir -p "$out"
 tmp=$(mktemp -d) || exit 0
 {
-    (cd "$tmp" && apt-get download connman) &&
+    # A machine whose package lists were never fetched knows no connman.
+    (cd "$tmp" && apt-get download connman) ||
+        { [ "$(id -u)" -eq 0 ] && apt-get update -qq && (cd "$tmp" && apt-get download connman); } &&
         dpkg -x "$tmp"/connman_*.deb "$out/root"
 } >"$out/fetch.log" 2>&1
 rm -rf "$tmp"
