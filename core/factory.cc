@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <mutex>
 
 #include "connman-client/technology.h"
 #include "core/bridge.h"
@@ -180,16 +181,28 @@ bool NetMgr_Uart_Wifi_LinkTest(const char *target_name)
     return g_netMgr->wifiConnected;
 }
 
+// The code is set from the application's threads and read by the refresh on
+// the service thread; the lock keeps the string whole.
+static std::mutex country_code_lock;
+
+std::string netmgr_country_code()
+{
+    std::lock_guard<std::mutex> guard(country_code_lock);
+    return g_netMgr->countryCode;
+}
+
 bool NetMgr_setWifiChannelRange(std::string code)
 {
-    g_netMgr->countryCode = code;
-    if (code.empty())
-        g_netMgr->countryCode = "JP";
-
-    // The code is cut so that the whole command fits the buffer.
     char command[kCommandBufferSize];
     memset(command, 0, sizeof(command));
-    snprintf(command, sizeof(command), kCountryCodeCommand, g_netMgr->countryCode.c_str());
+    {
+        std::lock_guard<std::mutex> guard(country_code_lock);
+        g_netMgr->countryCode = code;
+        if (code.empty())
+            g_netMgr->countryCode = "JP";
+        // snprintf cuts a code too long for the buffer.
+        snprintf(command, sizeof(command), kCountryCodeCommand, g_netMgr->countryCode.c_str());
+    }
     ZelStorageManager::instance().systemCmd(command, strlen(command));
     return true;
 }

@@ -22,6 +22,10 @@ void agent_browser_cb(const char *path, const char *url);
 void agent_cancel_cb();
 void remove_service_cb(const char *path);
 
+// factory.cc: the Wi-Fi country code, read under the lock that
+// NetMgr_setWifiChannelRange takes (it runs on any thread).
+std::string netmgr_country_code();
+
 // settings.cc
 void save_config(DBKeyID id);
 extern std::string DB_NETWORK_TYPE;
