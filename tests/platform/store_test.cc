@@ -83,8 +83,10 @@ TEST_F(StoreTest, ValuesKeepTheirTypesAndKeysAreIndependent)
 TEST_F(StoreTest, WritesReplaceTheFileAtomically)
 {
     ASSERT_NE(ZL_Storage_SetItem(type_, Json::Value(0)), 0);
+    // Held open so that its inode cannot be reused by a later file.
+    int original = open(file_.c_str(), O_RDONLY);
     struct stat before, after;
-    ASSERT_EQ(stat(file_.c_str(), &before), 0);
+    ASSERT_EQ(fstat(original, &before), 0);
 
     // However reads interleave with writes, a reader never sees half a store.
     std::atomic<bool> done{false};
@@ -102,6 +104,7 @@ TEST_F(StoreTest, WritesReplaceTheFileAtomically)
 
     ASSERT_EQ(stat(file_.c_str(), &after), 0);
     EXPECT_NE(before.st_ino, after.st_ino) << "replaced by rename, not rewritten in place";
+    close(original);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_), {}), 1)
         << "no temporary file left behind";
 }
