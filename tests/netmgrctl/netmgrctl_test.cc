@@ -437,3 +437,140 @@ TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
     EXPECT_EQ(ipv6.code, 1) << "IPv6 stays off until it is set";
     EXPECT_NE(ipv6.err.find("no IPv6 configuration"), std::string::npos) << ipv6.err;
 }
+
+// ---- script: many commands in one running library ----
+
+class NetmgrctlScriptTest : public NetmgrctlTest
+{
+  protected:
+    std::string write_script(const std::string &text)
+    {
+        std::string path = dir_ + "/session.nmc";
+        std::ofstream(path) << text;
+        return path;
+    }
+
+    bool exists(const std::string &name) { return std::filesystem::exists(dir_ + "/" + name); }
+
+    static size_t position(const std::string &out, const std::string &text)
+    {
+        size_t at = out.find(text);
+        EXPECT_NE(at, std::string::npos) << "missing: " << text << "\n" << out;
+        return at;
+    }
+};
+
+TEST_F(NetmgrctlScriptTest, ConnectsAndAnswersThePromptInOneLibrary)
+{
+    start_wifi_world();
+    std::string script = write_script("# connect, then ask the same library\n"
+                                      "echo \"== connecting\"   # narration\n"
+                                      "wifi connect home\n"
+                                      "< correct horse\n"
+                                      "status --json\n");
+    Outcome run = run_ctl({"script", script});
+    ASSERT_EQ(run.code, 0) << run.err << run.out;
+
+    // Events appear as they arrive, between the commands' own lines.
+    size_t heading = position(run.out, "== connecting\n");
+    size_t command = position(run.out, "> wifi connect home\n");
+    size_t asked =
+        position(run.out, "NETMGR_EVT_WIFI_PASSWORD_REQUIRED (10) path=" + service_path(kHome) +
+                              " name=\"home\"");
+    size_t answered = position(run.out, "Passphrase for \"home\": ******** (from the script)\n");
+    size_t connected = position(run.out, "connected to home\n");
+    EXPECT_LT(heading, command);
+    EXPECT_LT(command, asked);
+    EXPECT_LT(asked, answered);
+    EXPECT_LT(answered, connected);
+    EXPECT_EQ(run.out.find(kPassphrase), std::string::npos) << "the passphrase is never shown";
+    EXPECT_EQ(sim_.request_input_count(), 1);
+    EXPECT_NE(sim_.last_agent_reply().find(kPassphrase), std::string::npos);
+
+    // The status after it comes from the same library: connected, with addresses.
+    std::string last_line = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
+    Json::Value status = parse_json(last_line);
+    EXPECT_EQ(status["wifi"].asString(), "connected") << run.out;
+    EXPECT_EQ(status["connection"]["name"].asString(), "home");
+    EXPECT_FALSE(status["connection"]["ipv4_address"].asString().empty());
+}
+
+TEST_F(NetmgrctlScriptTest, WaitsForEventsThatShellLinesCause)
+{
+    store_type_wifi();
+    sim_.add_technology("wifi", true);
+    sim_.add_technology("ethernet", true);
+    connman_sim::Network unplugged = cable();
+    unplugged.carrier = false;
+    sim_.add_network(unplugged);
+    ASSERT_TRUE(sim_.start(buses_.system.address()));
+
+    // The shell line tells the test to plug the cable. Wi-Fi goes off
+    // before Ethernet is announced, so the second wait finds an event that
+    // came during the first.
+    std::string script = write_script("status\n"
+                                      "! touch '" +
+                                      dir_ +
+                                      "/plug'\n"
+                                      "wait-event NETMGR_EVT_ETHERNET_CONNECTED 15\n"
+                                      "wait-event 3 5\n"
+                                      "status --json\n");
+    auto session = std::async(std::launch::async, [&script] {
+        return run_ctl({"script", script});
+    });
+    bool plugged = wait_until([this] { return exists("plug"); }, 20000);
+    if (plugged)
+        sim_.set_carrier(kCable, true);
+    Outcome run = session.get();
+    ASSERT_TRUE(plugged) << run.err << run.out;
+    ASSERT_EQ(run.code, 0) << run.err << run.out;
+
+    size_t wifi_off = position(run.out, "NETMGR_EVT_WIFI_DISABLED (3)");
+    size_t ethernet = position(run.out, "NETMGR_EVT_ETHERNET_CONNECTED (4)");
+    size_t second_wait = position(run.out, "> wait-event 3 5\n");
+    EXPECT_LT(wifi_off, ethernet);
+    EXPECT_LT(ethernet, second_wait);
+    std::string last_line = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
+    Json::Value status = parse_json(last_line);
+    EXPECT_EQ(status["type"].asString(), "ethernet") << run.out;
+    EXPECT_EQ(status["ethernet"].asString(), "connected");
+    EXPECT_EQ(status["wifi"].asString(), "disabled");
+}
+
+TEST_F(NetmgrctlScriptTest, StopsAtTheFirstLineThatFails)
+{
+    // A file is checked whole before anything runs.
+    std::string script = write_script("! touch '" + dir_ +
+                                      "/ran'\n"
+                                      "wifi list\n"
+                                      "lisst wifi\n");
+    Outcome bad = run_ctl({"script", script});
+    EXPECT_EQ(bad.code, 2) << bad.err;
+    EXPECT_NE(bad.err.find("script line 3: unknown command 'lisst': lisst wifi"), std::string::npos)
+        << bad.err;
+    EXPECT_FALSE(exists("ran"));
+
+    Outcome nested = run_ctl({"script", "-"}, "monitor --count 1\n");
+    EXPECT_EQ(nested.code, 2) << nested.err;
+    EXPECT_NE(nested.err.find("cannot run inside a script"), std::string::npos) << nested.err;
+
+    // Read from stdin line by line; a failing shell line ends it with code 1.
+    Outcome shell = run_ctl({"script", "-"}, "echo 'one  two'\n"
+                                             "! exit 4\n"
+                                             "! touch '" +
+                                                 dir_ + "/ran'\n");
+    EXPECT_EQ(shell.code, 1) << shell.err;
+    EXPECT_EQ(shell.out, "one  two\n> ! exit 4\n");
+    EXPECT_NE(shell.err.find("exited with status 4"), std::string::npos) << shell.err;
+    EXPECT_NE(shell.err.find("script stopped at line 2"), std::string::npos) << shell.err;
+    EXPECT_FALSE(exists("ran-shell"));
+
+    // No ConnMan: the event never comes, and the deadline ends the wait.
+    Outcome timeout = run_ctl({"script", "-"}, "wait-event wifi_connected 0.3\n"
+                                               "! touch '" +
+                                                   dir_ + "/ran'\n");
+    EXPECT_EQ(timeout.code, 3) << timeout.err;
+    EXPECT_NE(timeout.err.find("no NETMGR_EVT_WIFI_CONNECTED (7) within 0.3 s"), std::string::npos)
+        << timeout.err;
+    EXPECT_FALSE(exists("ran-wait"));
+}

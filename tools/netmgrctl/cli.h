@@ -71,11 +71,39 @@ void print_json(const Json::Value &value);
 void report_done(const Ctx &ctx, const std::string &command, const std::string &text);
 void console_flush();
 // Asks on the terminal (or reads a line of stdin); false on end of input.
+// A script installs its own way of answering with set_prompt_hook.
 bool prompt_line(const char *prompt, bool secret, std::string &answer);
+// One line of stdin, without echo on a terminal when secret.
+bool read_stdin_line(bool secret, std::string &answer);
+using PromptHook = bool (*)(const char *prompt, bool secret, std::string &answer);
+void set_prompt_hook(PromptHook hook);
+// An event line, written at once unless our own output is in the middle of
+// a line; then it follows as soon as that line is complete.
+void out_event(const std::string &line);
+// The line our output was in was completed elsewhere (a terminal's echo).
+void console_line_ended();
+// Descriptors of the real stdout and stderr, for child processes.
+int console_out_fd();
+int console_err_fd();
 // Restores the terminal if a secret prompt was interrupted (signal-safe).
 void console_restore_terminal();
 // Control characters and quotes made visible, for one-line text output.
 std::string printable(const std::string &text);
+
+// ---- argument parsing (main.cc) ----
+// One command line split into the command's words and its options.
+struct Parsed {
+    std::vector<std::string> words;
+    bool help = false;
+    std::string error; // first problem found; reported once the command is known
+    std::vector<std::string> command_options;
+};
+
+// Options go into ctx (whatever it already holds is the default).
+Parsed parse_arguments(const std::vector<std::string> &args, Ctx &ctx);
+// Finds the command and checks its options; run_it tells whether ctx is now
+// ready to run (else the result is the exit code, help or a usage error).
+int resolve_command(Parsed &parsed, Ctx &ctx, bool &run_it);
 
 // ---- validation and signals (main.cc) ----
 bool valid_text(const std::string &text); // UTF-8 without NUL
@@ -105,13 +133,23 @@ void drop_events();
 unsigned long event_count();
 bool wait_activity(unsigned long seen, Clock::time_point until);
 bool technology_reported();
+// When the Wi-Fi list was last announced; false when it has not been since
+// the start or since Wi-Fi was last switched off.
+bool last_list_update(Clock::time_point &when);
+// Whether the connection of this type has been announced (events 4 and 7)
+// and not lost since.
+bool connection_announced(NetType type);
+// Called on the service thread with every event, before commands see it.
+using EventObserver = void (*)(const Event &event);
+void set_event_observer(EventObserver observer);
 const char *event_name(int code);
 Json::Value event_json(const Event &event);
 std::string event_text(const Event &event);
 
 // ---- session (session.cc) ----
 // Starts the library (after checking that no other client holds its bus
-// name); returns an exit code, EXIT_OK on success.
+// name); returns an exit code, EXIT_OK on success. Later calls in the same
+// process (a script) find it running and do nothing.
 int start_library(Ctx &ctx);
 // start_library, then waits for ConnMan and its technologies.
 int connect_library(Ctx &ctx);
@@ -145,6 +183,7 @@ int cmd_country(Ctx &ctx);
 int cmd_factory(Ctx &ctx);
 int cmd_monitor(Ctx &ctx);
 int cmd_reset_db(Ctx &ctx);
+int cmd_script(Ctx &ctx);
 
 template <typename Pred> bool wait_for(Ctx &ctx, Pred pred)
 {

@@ -27,15 +27,13 @@ static int action_arg(Ctx &ctx, std::initializer_list<const char *> actions, std
     return usage_error(ctx.cmd, "unknown action '%s'", printable(ctx.args[0]).c_str());
 }
 
-static bool wait_announced(Ctx &ctx)
+// In a script the announcement may have come during an earlier command, so
+// the state is asked rather than the event awaited.
+static bool wait_announced(Ctx &ctx, NetType type)
 {
-    Clock::time_point until = earlier(ctx.deadline, announce_wait);
-    Event event;
-    while (next_event(event, until)) {
-        if (event.code == NETMGR_EVT_ETHERNET_CONNECTED || event.code == NETMGR_EVT_WIFI_CONNECTED)
-            return true;
-    }
-    return false;
+    Ctx bounded = ctx;
+    bounded.deadline = earlier(ctx.deadline, announce_wait);
+    return wait_for(bounded, [type] { return connection_announced(type); });
 }
 
 static Json::Value connection_json(const NetConnInfo &info)
@@ -84,7 +82,8 @@ int cmd_status(Ctx &ctx)
     NetStatus ethernet = NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET);
     NetStatus wifi = NetMgr_GetNetworkStatus(NET_TYPE_WIFI);
     bool connected = ethernet == NET_STATUS_CONNECTED || wifi == NET_STATUS_CONNECTED;
-    if (connected && !wait_announced(ctx))
+    NetType connected_type = ethernet == NET_STATUS_CONNECTED ? NET_TYPE_ETHERNET : NET_TYPE_WIFI;
+    if (connected && !wait_announced(ctx, connected_type))
         fail(EXIT_OK, "the connection has not been announced yet; addresses may be missing");
     NetConnInfo info;
     NetMgr_GetCurrentConnInfo(&info);

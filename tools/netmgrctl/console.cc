@@ -3,8 +3,11 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include <mutex>
 
 #include "tools/netmgrctl/cli.h"
 
@@ -13,6 +16,13 @@ namespace netmgrctl
 
 static FILE *real_out = stdout;
 static FILE *real_err = stderr;
+
+// Our stdout is written from two threads in a script (events come on the
+// library's service thread); an event never splits a line of ours.
+static std::mutex out_lock;
+static bool mid_line;
+static std::string held_events;
+static PromptHook prompt_hook;
 
 // Set while a secret prompt has switched echo off, for the signal handler.
 static volatile sig_atomic_t terminal_saved = 0;
@@ -40,6 +50,9 @@ void console_init(bool verbose)
     if (real_out == stdout || real_err == stderr)
         return; // could not duplicate: leave everything where it is
     setvbuf(real_err, nullptr, _IONBF, 0);
+    // Line by line, so that output of child processes sharing the
+    // descriptor lands in order.
+    setvbuf(real_out, nullptr, _IOLBF, 0);
 
     int sink = verbose ? dup(fileno(real_err)) : open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (sink < 0)
@@ -50,12 +63,57 @@ void console_init(bool verbose)
     close(sink);
 }
 
+static void write_out(const std::string &text)
+{
+    std::lock_guard<std::mutex> guard(out_lock);
+    fputs(text.c_str(), real_out);
+    if (!text.empty())
+        mid_line = text.back() != '\n';
+    if (!mid_line && !held_events.empty()) {
+        fputs(held_events.c_str(), real_out);
+        held_events.clear();
+    }
+}
+
 void out(const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vfprintf(real_out, fmt, ap);
+    char *text = nullptr;
+    int n = vasprintf(&text, fmt, ap);
     va_end(ap);
+    if (n < 0)
+        return;
+    write_out(text);
+    free(text);
+}
+
+void out_event(const std::string &line)
+{
+    std::lock_guard<std::mutex> guard(out_lock);
+    if (mid_line) {
+        held_events += line + "\n";
+        return;
+    }
+    fprintf(real_out, "%s\n", line.c_str());
+}
+
+void console_line_ended()
+{
+    std::lock_guard<std::mutex> guard(out_lock);
+    mid_line = false;
+    fputs(held_events.c_str(), real_out);
+    held_events.clear();
+}
+
+int console_out_fd()
+{
+    return fileno(real_out);
+}
+
+int console_err_fd()
+{
+    return fileno(real_err);
 }
 
 static void vmessage(const char *fmt, va_list ap)
@@ -126,8 +184,7 @@ void print_json(const Json::Value &value)
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
-    std::string text = Json::writeString(builder, value);
-    fprintf(real_out, "%s\n", text.c_str());
+    write_out(Json::writeString(builder, value) + "\n");
 }
 
 void report_done(const Ctx &ctx, const std::string &command, const std::string &text)
@@ -144,6 +201,7 @@ void report_done(const Ctx &ctx, const std::string &command, const std::string &
 
 void console_flush()
 {
+    std::lock_guard<std::mutex> guard(out_lock);
     fflush(real_out);
     fflush(real_err);
 }
@@ -156,11 +214,23 @@ void console_restore_terminal()
     }
 }
 
+void set_prompt_hook(PromptHook hook)
+{
+    prompt_hook = hook;
+}
+
 bool prompt_line(const char *prompt, bool secret, std::string &answer)
 {
-    bool tty = isatty(STDIN_FILENO);
-    if (tty)
+    if (prompt_hook)
+        return prompt_hook(prompt, secret, answer);
+    if (isatty(STDIN_FILENO))
         fputs(prompt, real_err);
+    return read_stdin_line(secret, answer);
+}
+
+bool read_stdin_line(bool secret, std::string &answer)
+{
+    bool tty = isatty(STDIN_FILENO);
     if (tty && secret && tcgetattr(STDIN_FILENO, &saved_terminal) == 0) {
         struct termios quiet = saved_terminal;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);

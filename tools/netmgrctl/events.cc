@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <time.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -20,6 +21,41 @@ static std::condition_variable queue_changed;
 static std::deque<Event> queue;
 static unsigned long received;
 static bool technology_seen;
+static bool list_seen;
+static Clock::time_point list_time;
+static bool ethernet_announced;
+static bool wifi_announced;
+static std::atomic<EventObserver> observer{nullptr};
+
+// What the event says about the announced state; under queue_lock.
+static void note_state(NetMgrEvent code)
+{
+    switch (code) {
+    case NETMGR_EVT_WIFI_LIST_UPDATED:
+        list_seen = true;
+        list_time = Clock::now();
+        break;
+    case NETMGR_EVT_ETHERNET_CONNECTED:
+        ethernet_announced = true;
+        break;
+    case NETMGR_EVT_ETHERNET_DISCONNECTED:
+    case NETMGR_EVT_ETHERNET_DISABLED:
+        ethernet_announced = false;
+        break;
+    case NETMGR_EVT_WIFI_CONNECTED:
+        wifi_announced = true;
+        break;
+    case NETMGR_EVT_WIFI_DISCONNECTED:
+        wifi_announced = false;
+        break;
+    case NETMGR_EVT_WIFI_DISABLED:
+        wifi_announced = false;
+        list_seen = false;
+        break;
+    default:
+        break;
+    }
+}
 
 int on_library_event(NetMgrEvent code, void *arg)
 {
@@ -35,12 +71,16 @@ int on_library_event(NetMgrEvent code, void *arg)
         event.has_wifi = true;
         event.wifi = *static_cast<const NetWifiInfo *>(arg);
     }
+    EventObserver watcher = observer.load();
+    if (watcher)
+        watcher(event);
     {
         std::lock_guard<std::mutex> guard(queue_lock);
         queue.push_back(std::move(event));
         received++;
         if (code <= NETMGR_EVT_WIFI_DISABLED)
             technology_seen = true;
+        note_state(code);
     }
     queue_changed.notify_all();
     return 0;
@@ -78,6 +118,24 @@ bool technology_reported()
 {
     std::lock_guard<std::mutex> guard(queue_lock);
     return technology_seen;
+}
+
+bool last_list_update(Clock::time_point &when)
+{
+    std::lock_guard<std::mutex> guard(queue_lock);
+    when = list_time;
+    return list_seen;
+}
+
+bool connection_announced(NetType type)
+{
+    std::lock_guard<std::mutex> guard(queue_lock);
+    return type == NET_TYPE_ETHERNET ? ethernet_announced : wifi_announced;
+}
+
+void set_event_observer(EventObserver watcher)
+{
+    observer.store(watcher);
 }
 
 const char *event_name(int code)

@@ -57,6 +57,13 @@ std::string dns_text(const std::string &dns1, const std::string &dns2)
     return dns2.empty() ? dns1 : dns1 + " " + dns2;
 }
 
+// A labelled line for a field that has a value.
+void print_set(const char *label, const std::string &value)
+{
+    if (!value.empty())
+        out("%s%s\n", label, printable(value).c_str());
+}
+
 int print_ipv4(Ctx &ctx, const NetIPv4Config &cfg)
 {
     if (ctx.json) {
@@ -70,11 +77,13 @@ int print_ipv4(Ctx &ctx, const NetIPv4Config &cfg)
         print_json(value);
         return EXIT_OK;
     }
+    // ConnMan's configured values: under DHCP only the method is set (the
+    // lease's addresses are the connection's, shown by status).
     out("method:  %s\n", printable(cfg.method).c_str());
-    out("address: %s\n", printable(cfg.address).c_str());
-    out("netmask: %s\n", printable(cfg.netmask).c_str());
-    out("gateway: %s\n", printable(cfg.gateway).c_str());
-    out("dns:     %s\n", printable(dns_text(cfg.dns1, cfg.dns2)).c_str());
+    print_set("address: ", cfg.address);
+    print_set("netmask: ", cfg.netmask);
+    print_set("gateway: ", cfg.gateway);
+    print_set("dns:     ", dns_text(cfg.dns1, cfg.dns2));
     return EXIT_OK;
 }
 
@@ -93,13 +102,11 @@ int print_ipv6(Ctx &ctx, const NetIPv6Config &cfg)
         return EXIT_OK;
     }
     out("method:  %s\n", printable(cfg.method).c_str());
-    if (cfg.address.empty())
-        out("address:\n");
-    else
+    if (!cfg.address.empty())
         out("address: %s/%u\n", printable(cfg.address).c_str(), cfg.prefixLength);
-    out("gateway: %s\n", printable(cfg.gateway).c_str());
-    out("privacy: %s\n", printable(cfg.privacy).c_str());
-    out("dns:     %s\n", printable(dns_text(cfg.dns1, cfg.dns2)).c_str());
+    print_set("gateway: ", cfg.gateway);
+    print_set("privacy: ", cfg.privacy);
+    print_set("dns:     ", dns_text(cfg.dns1, cfg.dns2));
     return EXIT_OK;
 }
 

@@ -124,6 +124,29 @@ static const std::vector<Command> command_table = {
      "events or after the given time. --timeout does not apply.\n",
      {"--count", "--duration"},
      cmd_monitor},
+    {"script",
+     "run commands from a file in one running library",
+     "netmgrctl script [FILE|-]\n",
+     "Runs the lines of FILE (or of standard input) in one running library and\n"
+     "prints every event as it arrives, between the commands' output. Each line\n"
+     "is a command as on the command line (without 'netmgrctl'), split into words\n"
+     "like a shell does ('...' and \"...\" quote, # starts a comment), or one of:\n"
+     "  echo TEXT            print TEXT\n"
+     "  ! COMMAND            run COMMAND with /bin/sh (it must end within the\n"
+     "                       timeout and exit with status 0)\n"
+     "  wait-event EVENT [SECONDS]\n"
+     "                       wait for an event (name, name without NETMGR_EVT_,\n"
+     "                       or code) that came since the last command or '!' line\n"
+     "                       started and that no earlier wait-event took\n"
+     "  < TEXT               the answer to the question of the command before it\n"
+     "                       (a passphrase or a network name); without such a line\n"
+     "                       a file's commands read the answer from standard input\n"
+     "A file is checked whole before its first line runs. The script stops at the\n"
+     "first line that fails, with that line's exit code. --timeout and --json given\n"
+     "before 'script' apply to every line, which may give its own. 'monitor' and\n"
+     "'script' do not run inside a script.\n",
+     {},
+     cmd_script},
     {"reset-db",
      "remove the stored settings",
      "netmgrctl reset-db\n",
@@ -215,19 +238,27 @@ bool takes_value(const std::string &name)
     return false;
 }
 
-struct Parsed {
-    std::vector<std::string> words;
-    bool help = false;
-    std::string error; // first problem found; reported once the command is known
-    std::vector<std::string> command_options;
-};
+bool parse_timeout(Ctx &ctx)
+{
+    if (!ctx.has("--timeout"))
+        return true;
+    const std::string &text = ctx.value("--timeout");
+    char *end = nullptr;
+    double seconds = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !isfinite(seconds) || seconds <= 0 || seconds > 86400)
+        return false;
+    ctx.timeout_s = seconds;
+    return true;
+}
 
-Parsed parse_arguments(int argc, char **argv, Ctx &ctx)
+} // namespace
+
+Parsed parse_arguments(const std::vector<std::string> &args, Ctx &ctx)
 {
     Parsed parsed;
     bool options_end = false;
-    for (int i = 1; i < argc; i++) {
-        std::string arg = argv[i];
+    for (size_t i = 0; i < args.size(); i++) {
+        const std::string &arg = args[i];
         if (options_end || arg.size() < 2 || arg[0] != '-') {
             parsed.words.push_back(arg);
             continue;
@@ -255,12 +286,12 @@ Parsed parse_arguments(int argc, char **argv, Ctx &ctx)
             parsed.command_options.push_back(name);
         } else if (takes_value(name)) {
             if (!inline_value) {
-                if (i + 1 >= argc) {
+                if (i + 1 >= args.size()) {
                     if (parsed.error.empty())
                         parsed.error = "option " + name + " needs a value";
                     continue;
                 }
-                value = argv[++i];
+                value = args[++i];
             }
             ctx.values[name] = value;
             if (name != "--timeout")
@@ -274,27 +305,9 @@ Parsed parse_arguments(int argc, char **argv, Ctx &ctx)
     return parsed;
 }
 
-bool parse_timeout(Ctx &ctx)
+int resolve_command(Parsed &parsed, Ctx &ctx, bool &run_it)
 {
-    if (!ctx.has("--timeout"))
-        return true;
-    const std::string &text = ctx.value("--timeout");
-    char *end = nullptr;
-    double seconds = strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !isfinite(seconds) || seconds <= 0 || seconds > 86400)
-        return false;
-    ctx.timeout_s = seconds;
-    return true;
-}
-
-} // namespace
-
-static int run(int argc, char **argv)
-{
-    Ctx ctx;
-    Parsed parsed = parse_arguments(argc, argv, ctx);
-    console_init(ctx.verbose);
-
+    run_it = false;
     std::vector<std::string> &words = parsed.words;
     if (!words.empty() && words[0] == "help") {
         words.erase(words.begin());
@@ -330,6 +343,19 @@ static int run(int argc, char **argv)
     ctx.args.assign(words.begin() + 1, words.end());
     ctx.deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                       std::chrono::duration<double>(ctx.timeout_s));
+    run_it = true;
+    return EXIT_OK;
+}
+
+static int run(int argc, char **argv)
+{
+    Ctx ctx;
+    Parsed parsed = parse_arguments(std::vector<std::string>(argv + 1, argv + argc), ctx);
+    console_init(ctx.verbose);
+    bool run_it = false;
+    int rc = resolve_command(parsed, ctx, run_it);
+    if (!run_it)
+        return rc;
     install_signal_handlers();
     return ctx.cmd->run(ctx);
 }

@@ -132,10 +132,14 @@ std::string diagnose_connman()
 
 int start_library(Ctx &)
 {
+    static bool started;
+    if (started)
+        return EXIT_OK;
     if (int rc = check_single_client())
         return rc;
     if (NetMgr_StartRoutine(on_library_event) != 0)
         return fail(EXIT_FAILED, "the network library could not be started");
+    started = true;
     return EXIT_OK;
 }
 
@@ -152,6 +156,16 @@ int connect_library(Ctx &ctx)
     return EXIT_OK;
 }
 
+static int take_wifi_list(std::list<NetWifiInfo> &list)
+{
+    std::list<NetWifiInfo> *copy = NetMgr_GetWifiList();
+    if (!copy)
+        return fail(EXIT_FAILED, "the library returned no Wi-Fi list");
+    list.swap(*copy);
+    delete copy;
+    return EXIT_OK;
+}
+
 int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
 {
     NetType type = NetMgr_GetNetworkType();
@@ -160,6 +174,16 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
                     "the Wi-Fi list is kept only while the network type is wifi (it is %s); "
                     "run 'netmgrctl wifi on' first",
                     type_name(type));
+    Clock::time_point announced;
+    if (!scan && last_list_update(announced)) {
+        // Announced already (earlier in a script, or while starting): it is
+        // final once ConnMan has been quiet for a while.
+        wait_for(ctx, [&announced] {
+            last_list_update(announced);
+            return Clock::now() - announced >= list_settle_time;
+        });
+        return take_wifi_list(list);
+    }
     if (scan) {
         drop_events();
         if (!NetMgr_ScanWifi())
@@ -180,12 +204,7 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
         if (event.code == NETMGR_EVT_WIFI_LIST_UPDATED)
             quiet_until = Clock::now() + list_settle_time;
     }
-    std::list<NetWifiInfo> *copy = NetMgr_GetWifiList();
-    if (!copy)
-        return fail(EXIT_FAILED, "the library returned no Wi-Fi list");
-    list.swap(*copy);
-    delete copy;
-    return EXIT_OK;
+    return take_wifi_list(list);
 }
 
 int settle_services(Ctx &ctx)
