@@ -15,16 +15,6 @@
 
 constexpr const char *kWifiTechnology = "/net/connman/technology/wifi";
 
-inline DBusMessage *reply_with_objects(DBusMessage *call,
-                                       const std::vector<fake::ServiceEntry> &objects)
-{
-    DBusMessage *reply = dbus_message_new_method_return(call);
-    DBusMessageIter iter;
-    dbus_message_iter_init_append(reply, &iter);
-    fake::append_object_list(&iter, objects);
-    return reply;
-}
-
 class ClientStack
 {
   public:
@@ -34,12 +24,9 @@ class ClientStack
     // Answers GetTechnologies with one Wi-Fi technology.
     void offer_wifi(bool powered)
     {
-        connman.on("GetTechnologies", [powered](DBusMessage *call) {
-            return reply_with_objects(call, {{kWifiTechnology,
-                                              {{"Name", fake::str("WiFi")},
-                                               {"Type", fake::str("wifi")},
-                                               {"Powered", fake::boolean(powered)}}}});
-        });
+        connman.on("GetTechnologies", std::string("([(objectpath '") + kWifiTechnology +
+                                          "', {'Name': <'WiFi'>, 'Type': <'wifi'>, 'Powered': <" +
+                                          (powered ? "true" : "false") + ">})],)");
     }
 
     void start()

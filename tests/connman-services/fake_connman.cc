@@ -1,180 +1,57 @@
 #include "tests/connman-services/fake_connman.h"
 
-#include <glib.h>
+#include <gio/gio.h>
 
 #include <stdexcept>
 
 namespace fake
 {
 
-Value str(const std::string &text)
+// Gives message the body written as GVariant text and converts it to libdbus
+// through the wire format. Consumes message.
+static DBusMessage *to_libdbus(GDBusMessage *message, const std::string &args)
 {
-    Value v;
-    v.text = text;
-    return v;
-}
-
-Value boolean(bool on)
-{
-    Value v;
-    v.type = 'b';
-    v.number = on;
-    return v;
-}
-
-Value byte(unsigned number)
-{
-    Value v;
-    v.type = 'y';
-    v.number = number;
-    return v;
-}
-
-Value u16(unsigned number)
-{
-    Value v;
-    v.type = 'q';
-    v.number = number;
-    return v;
-}
-
-Value strings(const std::vector<std::string> &list)
-{
-    Value v;
-    v.type = 'S';
-    v.list = list;
-    return v;
-}
-
-Value dict(const std::vector<Entry> &entries)
-{
-    Value v;
-    v.type = 'D';
-    v.dict = entries;
-    return v;
-}
-
-static const char *signature_of(const Value &value)
-{
-    switch (value.type) {
-    case 'b':
-        return "b";
-    case 'y':
-        return "y";
-    case 'q':
-        return "q";
-    case 'u':
-        return "u";
-    case 'o':
-        return "o";
-    case 'S':
-        return "as";
-    case 'D':
-        return "a{sv}";
-    default:
-        return "s";
+    GError *error = nullptr;
+    if (args != "()") {
+        GVariant *body = g_variant_parse(nullptr, args.c_str(), nullptr, nullptr, &error);
+        if (!body)
+            throw std::runtime_error("bad GVariant text " + args + ": " + error->message);
+        g_dbus_message_set_body(message, body);
     }
+    g_dbus_message_set_serial(message, 1);
+    gsize size = 0;
+    guchar *blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, &error);
+    g_object_unref(message);
+    if (!blob)
+        throw std::runtime_error(error->message);
+    DBusMessage *parsed =
+        dbus_message_demarshal(reinterpret_cast<char *>(blob), static_cast<int>(size), nullptr);
+    g_free(blob);
+    // A copy has no serial, so the connection numbers it when sending.
+    DBusMessage *copy = dbus_message_copy(parsed);
+    dbus_message_unref(parsed);
+    return copy;
 }
 
-void append_variant(DBusMessageIter *iter, const Value &value)
+std::string body_text(DBusMessage *message)
 {
-    DBusMessageIter variant;
-    dbus_message_iter_open_container(iter, DBUS_TYPE_VARIANT, signature_of(value), &variant);
-    const char *text = value.text.c_str();
-    dbus_bool_t on = value.number != 0;
-    uint8_t byte_value = static_cast<uint8_t>(value.number);
-    uint16_t u16_value = static_cast<uint16_t>(value.number);
-    uint32_t u32_value = value.number;
-    switch (value.type) {
-    case 'b':
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_BOOLEAN, &on);
-        break;
-    case 'y':
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_BYTE, &byte_value);
-        break;
-    case 'q':
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_UINT16, &u16_value);
-        break;
-    case 'u':
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_UINT32, &u32_value);
-        break;
-    case 'o':
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_OBJECT_PATH, &text);
-        break;
-    case 'S': {
-        DBusMessageIter array;
-        dbus_message_iter_open_container(&variant, DBUS_TYPE_ARRAY, "s", &array);
-        for (const auto &item : value.list) {
-            const char *s = item.c_str();
-            dbus_message_iter_append_basic(&array, DBUS_TYPE_STRING, &s);
-        }
-        dbus_message_iter_close_container(&variant, &array);
-        break;
+    if (dbus_message_get_type(message) == DBUS_MESSAGE_TYPE_ERROR) {
+        const char *text = "";
+        dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID);
+        return std::string("!") + dbus_message_get_error_name(message) + " " + text;
     }
-    case 'D':
-        append_dict(&variant, value.dict);
-        break;
-    default:
-        dbus_message_iter_append_basic(&variant, DBUS_TYPE_STRING, &text);
-        break;
-    }
-    dbus_message_iter_close_container(iter, &variant);
-}
-
-void append_dict(DBusMessageIter *iter, const std::vector<Entry> &entries)
-{
-    DBusMessageIter array;
-    dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "{sv}", &array);
-    for (const auto &entry : entries) {
-        DBusMessageIter item;
-        const char *key = entry.key.c_str();
-        dbus_message_iter_open_container(&array, DBUS_TYPE_DICT_ENTRY, nullptr, &item);
-        dbus_message_iter_append_basic(&item, DBUS_TYPE_STRING, &key);
-        append_variant(&item, entry.value);
-        dbus_message_iter_close_container(&array, &item);
-    }
-    dbus_message_iter_close_container(iter, &array);
-}
-
-void append_object_list(DBusMessageIter *iter, const std::vector<ServiceEntry> &objects)
-{
-    DBusMessageIter array;
-    dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "(oa{sv})", &array);
-    for (const auto &object : objects) {
-        DBusMessageIter fields;
-        const char *path = object.path.c_str();
-        dbus_message_iter_open_container(&array, DBUS_TYPE_STRUCT, nullptr, &fields);
-        dbus_message_iter_append_basic(&fields, DBUS_TYPE_OBJECT_PATH, &path);
-        append_dict(&fields, object.properties);
-        dbus_message_iter_close_container(&array, &fields);
-    }
-    dbus_message_iter_close_container(iter, &array);
-}
-
-std::map<std::string, std::string> read_string_dict(DBusMessageIter *iter)
-{
-    std::map<std::string, std::string> result;
-    if (dbus_message_iter_get_arg_type(iter) != DBUS_TYPE_ARRAY)
-        return result;
-    DBusMessageIter array;
-    dbus_message_iter_recurse(iter, &array);
-    while (dbus_message_iter_get_arg_type(&array) == DBUS_TYPE_DICT_ENTRY) {
-        DBusMessageIter entry, variant;
-        const char *key = nullptr;
-        dbus_message_iter_recurse(&array, &entry);
-        dbus_message_iter_get_basic(&entry, &key);
-        dbus_message_iter_next(&entry);
-        dbus_message_iter_recurse(&entry, &variant);
-        int type = dbus_message_iter_get_arg_type(&variant);
-        if (type == DBUS_TYPE_STRING) {
-            const char *value = nullptr;
-            dbus_message_iter_get_basic(&variant, &value);
-            result[key] = value;
-        } else {
-            result[key] = std::string(1, static_cast<char>(type));
-        }
-        dbus_message_iter_next(&array);
-    }
+    char *wire = nullptr;
+    int size = 0;
+    dbus_message_marshal(message, &wire, &size);
+    GDBusMessage *parsed = g_dbus_message_new_from_blob(reinterpret_cast<guchar *>(wire), size,
+                                                        G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    dbus_free(wire);
+    GVariant *body = parsed ? g_dbus_message_get_body(parsed) : nullptr;
+    gchar *text = body ? g_variant_print(body, TRUE) : g_strdup("()");
+    std::string result = text;
+    g_free(text);
+    if (parsed)
+        g_object_unref(parsed);
     return result;
 }
 
@@ -195,8 +72,6 @@ Connman::Connman(const std::string &address)
 
 Connman::~Connman()
 {
-    for (auto &call : calls_)
-        dbus_message_unref(call.message);
     dbus_connection_close(connection_);
     dbus_connection_unref(connection_);
 }
@@ -213,6 +88,11 @@ void Connman::on(const std::string &member, Handler handler)
     handlers_[member] = std::move(handler);
 }
 
+void Connman::on(const std::string &member, const std::string &reply)
+{
+    on(member, [reply](DBusMessage *) { return reply; });
+}
+
 int Connman::count(const std::string &member, const std::string &path) const
 {
     int n = 0;
@@ -221,60 +101,32 @@ int Connman::count(const std::string &member, const std::string &path) const
     return n;
 }
 
-DBusMessage *Connman::last(const std::string &member) const
+std::string Connman::last_args(const std::string &member) const
 {
     for (auto it = calls_.rbegin(); it != calls_.rend(); ++it)
         if (it->member == member)
-            return it->message;
-    return nullptr;
+            return it->args;
+    return "";
 }
 
-void Connman::send(DBusMessage *message)
+void Connman::emit(const std::string &path, const std::string &interface, const std::string &member,
+                   const std::string &args)
 {
-    dbus_connection_send(connection_, message, nullptr);
+    DBusMessage *signal = to_libdbus(
+        g_dbus_message_new_signal(path.c_str(), interface.c_str(), member.c_str()), args);
+    dbus_connection_send(connection_, signal, nullptr);
     dbus_connection_flush(connection_);
-    dbus_message_unref(message);
-}
-
-void Connman::emit_services_changed(const std::vector<ServiceEntry> &changed,
-                                    const std::vector<std::string> &removed)
-{
-    DBusMessage *signal = dbus_message_new_signal("/", "net.connman.Manager", "ServicesChanged");
-    DBusMessageIter iter, array;
-    dbus_message_iter_init_append(signal, &iter);
-    append_object_list(&iter, changed);
-    dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "o", &array);
-    for (const auto &path : removed) {
-        const char *p = path.c_str();
-        dbus_message_iter_append_basic(&array, DBUS_TYPE_OBJECT_PATH, &p);
-    }
-    dbus_message_iter_close_container(&iter, &array);
-    send(signal);
-}
-
-void Connman::emit_property_changed(const std::string &path, const std::string &interface,
-                                    const std::string &name, const Value &value)
-{
-    DBusMessage *signal =
-        dbus_message_new_signal(path.c_str(), interface.c_str(), "PropertyChanged");
-    DBusMessageIter iter;
-    const char *key = name.c_str();
-    dbus_message_iter_init_append(signal, &iter);
-    dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &key);
-    append_variant(&iter, value);
-    send(signal);
+    dbus_message_unref(signal);
 }
 
 DBusPendingCall *Connman::call(const std::string &destination, const std::string &path,
                                const std::string &interface, const std::string &member,
-                               const std::function<void(DBusMessageIter *)> &append)
+                               const std::string &args)
 {
-    DBusMessage *message = dbus_message_new_method_call(destination.c_str(), path.c_str(),
-                                                        interface.c_str(), member.c_str());
-    DBusMessageIter iter;
-    dbus_message_iter_init_append(message, &iter);
-    if (append)
-        append(&iter);
+    DBusMessage *message =
+        to_libdbus(g_dbus_message_new_method_call(destination.c_str(), path.c_str(),
+                                                  interface.c_str(), member.c_str()),
+                   args);
     DBusPendingCall *pending = nullptr;
     dbus_connection_send_with_reply(connection_, message, &pending, 10000);
     dbus_connection_flush(connection_);
@@ -282,16 +134,13 @@ DBusPendingCall *Connman::call(const std::string &destination, const std::string
     return pending;
 }
 
-DBusPendingCall *Connman::call_agent(const std::string &member,
-                                     const std::function<void(DBusMessageIter *)> &append)
+DBusPendingCall *Connman::call_agent(const std::string &member, const std::string &args)
 {
-    DBusMessage *registration = last("RegisterAgent");
-    const char *agent_path = nullptr;
-    if (!registration || !dbus_message_get_args(registration, nullptr, DBUS_TYPE_OBJECT_PATH,
-                                                &agent_path, DBUS_TYPE_INVALID))
-        return nullptr;
-    return call(dbus_message_get_sender(registration), agent_path, "net.connman.Agent", member,
-                append);
+    for (auto it = calls_.rbegin(); it != calls_.rend(); ++it)
+        if (it->member == "RegisterAgent")
+            return call(it->sender, "/net/connman/agent/gaskaidra", "net.connman.Agent", member,
+                        args);
+    return nullptr;
 }
 
 DBusHandlerResult Connman::filter(DBusConnection *connection, DBusMessage *message, void *data)
@@ -299,32 +148,38 @@ DBusHandlerResult Connman::filter(DBusConnection *connection, DBusMessage *messa
     auto *self = static_cast<Connman *>(data);
     int type = dbus_message_get_type(message);
     if (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) {
-        // Replies to our own calls are taken by their pending calls first.
-        if (dbus_message_get_reply_serial(message) > 0 &&
-            g_strcmp0(dbus_message_get_sender(message), "org.freedesktop.DBus") != 0)
-            self->stray_replies_++;
+        // Replies to our own calls were taken by their pending calls.
+        self->stray_replies_++;
         return DBUS_HANDLER_RESULT_HANDLED;
     }
     if (type != DBUS_MESSAGE_TYPE_METHOD_CALL ||
-        g_strcmp0(dbus_message_get_interface(message), "org.freedesktop.DBus") == 0)
+        g_strcmp0(dbus_message_get_interface(message), "org.freedesktop.DBus.Peer") == 0)
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 
     std::string member = dbus_message_get_member(message);
+    const char *sender = dbus_message_get_sender(message);
     self->calls_.push_back(
-        {dbus_message_get_path(message), member,
-         dbus_message_get_sender(message) ? dbus_message_get_sender(message) : "",
-         dbus_message_ref(message)});
-    DBusMessage *reply = nullptr;
+        {dbus_message_get_path(message), member, sender ? sender : "", body_text(message)});
     auto handler = self->handlers_.find(member);
-    if (handler != self->handlers_.end())
-        reply = handler->second(message);
-    else
-        reply = dbus_message_new_method_return(message);
-    if (reply) {
-        if (!dbus_message_get_no_reply(message))
-            dbus_connection_send(connection, reply, nullptr);
-        dbus_message_unref(reply);
+    std::string answer = handler != self->handlers_.end() ? handler->second(message) : "()";
+    if (dbus_message_get_no_reply(message))
+        return DBUS_HANDLER_RESULT_HANDLED;
+
+    DBusMessage *reply;
+    if (answer[0] == '!') {
+        size_t space = answer.find(' ');
+        std::string name = answer.substr(1, space - 1);
+        std::string text = space == std::string::npos ? "" : answer.substr(space + 1);
+        reply = dbus_message_new_error(message, name.c_str(), text.c_str());
+    } else {
+        GDBusMessage *greply = g_dbus_message_new();
+        g_dbus_message_set_message_type(greply, G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
+        g_dbus_message_set_reply_serial(greply, dbus_message_get_serial(message));
+        g_dbus_message_set_destination(greply, sender);
+        reply = to_libdbus(greply, answer);
     }
+    dbus_connection_send(connection, reply, nullptr);
+    dbus_message_unref(reply);
     return DBUS_HANDLER_RESULT_HANDLED;
 }
 

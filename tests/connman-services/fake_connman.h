@@ -1,7 +1,8 @@
 // A scripted stand-in for the ConnMan daemon: owns "net.connman" on the test's
 // private system bus, answers calls as each test tells it and sends exactly
-// the signals and agent calls a test builds. It runs on the test's thread and
-// is pumped from the wait loop, so every step happens in a known order.
+// the signals and agent calls a test writes. Message bodies are written and
+// read as GVariant text, e.g. "('State', <'ready'>)". It runs on the test's
+// thread and is pumped from the wait loop, so every step has a known order.
 #pragma once
 
 #include <dbus/dbus.h>
@@ -14,48 +15,14 @@
 namespace fake
 {
 
-struct Entry;
-
-// A D-Bus value for building messages: one of the kinds below.
-struct Value {
-    char type = 's'; // 's', 'o', 'b', 'y', 'q', 'u', 'S' (string list), 'D' (dictionary)
-    std::string text;
-    unsigned number = 0;
-    std::vector<std::string> list;
-    std::vector<Entry> dict;
-};
-
-struct Entry {
-    std::string key;
-    Value value;
-};
-
-Value str(const std::string &text);
-Value boolean(bool on);
-Value byte(unsigned number);
-Value u16(unsigned number);
-Value strings(const std::vector<std::string> &list);
-Value dict(const std::vector<Entry> &entries);
-
-// Appends a variant holding the value.
-void append_variant(DBusMessageIter *iter, const Value &value);
-// Appends an "a{sv}" dictionary.
-void append_dict(DBusMessageIter *iter, const std::vector<Entry> &entries);
-
-struct ServiceEntry {
-    std::string path;
-    std::vector<Entry> properties;
-};
-// Appends "a(oa{sv})", the shape of GetServices and GetTechnologies.
-void append_object_list(DBusMessageIter *iter, const std::vector<ServiceEntry> &objects);
-
-// Reads an "a{sv}" of string variants (other values appear as their type letter).
-std::map<std::string, std::string> read_string_dict(DBusMessageIter *iter);
+// The body of a message as GVariant text, or "!error.Name text" for an error.
+std::string body_text(DBusMessage *message);
 
 class Connman
 {
   public:
-    using Handler = std::function<DBusMessage *(DBusMessage *call)>;
+    // Returns the reply body as GVariant text, or "!error.Name text".
+    using Handler = std::function<std::string(DBusMessage *call)>;
 
     explicit Connman(const std::string &address);
     ~Connman();
@@ -64,40 +31,30 @@ class Connman
 
     // Reads and dispatches whatever has arrived, without blocking.
     void pump();
-
-    // The handler's reply (null: no reply now) answers calls of that member;
-    // members without a handler get an empty reply.
+    // Members without a handler get an empty reply.
     void on(const std::string &member, Handler handler);
+    void on(const std::string &member, const std::string &reply);
 
-    struct Call {
-        std::string path;
-        std::string member;
-        std::string sender;
-        DBusMessage *message; // one reference, released with the peer
-    };
-    const std::vector<Call> &calls() const { return calls_; }
     int count(const std::string &member, const std::string &path = "") const;
-    // The last call of member, or null.
-    DBusMessage *last(const std::string &member) const;
+    // The body of the last call of member, or "".
+    std::string last_args(const std::string &member) const;
 
-    void send(DBusMessage *message); // consumes the reference
-    void emit_services_changed(const std::vector<ServiceEntry> &changed,
-                               const std::vector<std::string> &removed);
-    void emit_property_changed(const std::string &path, const std::string &interface,
-                               const std::string &name, const Value &value);
-
+    void emit(const std::string &path, const std::string &interface, const std::string &member,
+              const std::string &args);
     // Calls a method; the reply arrives through pump().
     DBusPendingCall *call(const std::string &destination, const std::string &path,
                           const std::string &interface, const std::string &member,
-                          const std::function<void(DBusMessageIter *)> &append = nullptr);
+                          const std::string &args = "()");
     // Calls the agent that registered itself.
-    DBusPendingCall *call_agent(const std::string &member,
-                                const std::function<void(DBusMessageIter *)> &append = nullptr);
+    DBusPendingCall *call_agent(const std::string &member, const std::string &args = "()");
     // Replies and errors that reached us without a call waiting for them.
     int stray_replies() const { return stray_replies_; }
 
   private:
     static DBusHandlerResult filter(DBusConnection *connection, DBusMessage *message, void *data);
+    struct Call {
+        std::string path, member, sender, args;
+    };
 
     DBusConnection *connection_ = nullptr;
     std::map<std::string, Handler> handlers_;
