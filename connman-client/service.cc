@@ -935,7 +935,7 @@ static int set_joined_config(const char *path, unsigned int index, const char *t
     if (g_strcmp0(*joined_config_field(service, index), text) == 0)
         return 0;
     if (!text)
-        return -ENOMEM; // nothing to split
+        return -ENOMEM; // a null list cannot be split
     char **list = g_strsplit(text, ";", -1);
     if (!list)
         return -ENOMEM;
