@@ -49,7 +49,7 @@ cleanup() {
   # and its process group) must not cut the cleanup short.
   trap '' INT TERM HUP
   trap - EXIT
-  for ((i = ${#PIDS[@]} - 1; i >= 0; i--)); do
+  for i in $(printf '%s\n' "${!PIDS[@]}" | sort -rn); do
     stop_pid "${PIDS[i]}"
   done
   for ns in "${NETNS[@]}"; do
@@ -152,7 +152,7 @@ run_session() {
   pid=$!
   PIDS+=("$pid")
   wait "$pid" || status=$?
-  unset 'PIDS[${#PIDS[@]}-1]'
+  PIDS=("${PIDS[@]:0:${#PIDS[@]}-1}")
   return "$status"
 }
 
@@ -264,7 +264,9 @@ demo_real() {
   echo "connmand $("$CONNMAND" --version) (Debian's, unpacked) manages one end of a veth"
   echo "pair in network namespace $a; dnsmasq serves DHCP"
   echo "(192.0.2.50-99) on the other end, in $b. Only the private"
-  echo "system bus's socket connects the daemon to this session."
+  echo "system bus's socket connects the daemon to this session. Lines starting with"
+  echo "'>' are netmgrctl's commands, lines with a time the library's events, and"
+  echo "\"[device command]\" a command the library would run on the device."
 
   # Registered before they exist, so that a failure half-way is cleaned too.
   NETNS+=("$a" "$b")

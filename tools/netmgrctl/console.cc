@@ -154,7 +154,8 @@ static const char global_details[] =
     "  -v, --verbose      show the library's log lines (on stderr)\n"
     "  -h, --help         this text, or a command's own help\n"
     "\nExit codes: 0 done, 1 operation failed, 2 bad arguments, 3 timed out.\n"
-    "Only one libnetmgr client can run at a time (it owns net.connman.Gaskaidra).\n"
+    "Only one libnetmgr client can run at a time (it owns net.connman.Gaskaidra);\n"
+    "'netmgrctl script' runs many commands in one.\n"
     "Environment: NETMGR_STORE (settings file), NETMGR_SHELL (runs device commands).\n";
 
 void print_usage(const Command *cmd, bool to_stdout)
