@@ -34,7 +34,7 @@ void refresh_services(guint ms)
 
 gboolean do_refresh_services(gpointer)
 {
-    std::string code = g_netMgr->countryCode;
+    std::string code = netmgr_country_code();
     NetMgr_setWifiChannelRange(code);
     connman_service_set_removed_callback(remove_service_cb);
     connman_service_refresh_services_list(refresh_cb, scanning_cb, nullptr);
