@@ -12,9 +12,16 @@
 
 typedef void (*g_dbus_watch_function_t)(DBusConnection *connection, void *user_data);
 
+// Opens a private bus connection driven by the default main context; the
+// caller owns the one reference and must dbus_connection_close() it before
+// the last unref (libdbus ends the process otherwise). With a name, the
+// name is claimed first; a name in use fails with error name = the name.
 DBusConnection *g_dbus_setup_bus(DBusBusType type, const char *name, DBusError *error);
 DBusConnection *g_dbus_setup_private(DBusBusType type, const char *name, DBusError *error);
 gboolean g_dbus_request_name(DBusConnection *connection, const char *name, DBusError *error);
+// Turns off exit-on-disconnect. When the bus goes, function runs and then
+// the layer drops one reference on the connection (the owner's); destroy
+// is never called.
 gboolean g_dbus_set_disconnect_function(DBusConnection *connection,
                                         g_dbus_watch_function_t function, void *user_data,
                                         GDestroyNotify destroy);
@@ -29,14 +36,12 @@ guint g_dbus_add_signal_watch(DBusConnection *connection, const char *sender, co
                               const char *interface, const char *member,
                               g_dbus_signal_function_t function, void *user_data,
                               GDestroyNotify destroy);
-guint g_dbus_add_properties_watch(DBusConnection *connection, const char *sender,
-                                  const char *path, const char *interface,
-                                  g_dbus_signal_function_t function, void *user_data,
-                                  GDestroyNotify destroy);
+guint g_dbus_add_properties_watch(DBusConnection *connection, const char *sender, const char *path,
+                                  const char *interface, g_dbus_signal_function_t function,
+                                  void *user_data, GDestroyNotify destroy);
 guint g_dbus_add_service_watch(DBusConnection *connection, const char *name,
-                               g_dbus_watch_function_t connect,
-                               g_dbus_watch_function_t disconnect, void *user_data,
-                               GDestroyNotify destroy);
+                               g_dbus_watch_function_t connect, g_dbus_watch_function_t disconnect,
+                               void *user_data, GDestroyNotify destroy);
 guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
                                   g_dbus_watch_function_t disconnect, void *user_data,
                                   GDestroyNotify destroy);
@@ -68,8 +73,8 @@ struct arg_info {
     const char *signature;
 };
 
-typedef DBusMessage *(*g_dbus_method_function_t)(DBusConnection *connection,
-                                                 DBusMessage *message, void *user_data);
+typedef DBusMessage *(*g_dbus_method_function_t)(DBusConnection *connection, DBusMessage *message,
+                                                 void *user_data);
 
 struct method_entry {
     const char *name;
@@ -111,8 +116,8 @@ struct property_entry {
     unsigned int flags;
 };
 
-gboolean g_dbus_register_interface(DBusConnection *connection, const char *path,
-                                   const char *name, const struct method_entry *methods,
+gboolean g_dbus_register_interface(DBusConnection *connection, const char *path, const char *name,
+                                   const struct method_entry *methods,
                                    const struct signal_entry *signals,
                                    const struct property_entry *properties, void *user_data,
                                    GDestroyNotify destroy);
@@ -125,13 +130,16 @@ void g_dbus_pending_property_error(g_dbus_pending_property_t id, const char *nam
 
 gboolean g_dbus_args_have_signature(const struct arg_info *args, DBusMessage *message);
 
-DBusMessage *g_dbus_create_error(DBusMessage *message, const char *name, const char *format,
-                                 ...) G_GNUC_PRINTF(3, 4);
-DBusMessage *g_dbus_create_error_valist(DBusMessage *message, const char *name,
-                                        const char *format, va_list args);
+DBusMessage *g_dbus_create_error(DBusMessage *message, const char *name, const char *format, ...)
+    G_GNUC_PRINTF(3, 4);
+DBusMessage *g_dbus_create_error_valist(DBusMessage *message, const char *name, const char *format,
+                                        va_list args);
 DBusMessage *g_dbus_create_reply(DBusMessage *message, int type, ...);
 DBusMessage *g_dbus_create_reply_valist(DBusMessage *message, int type, va_list args);
 
+// Consumes the message, except when a signal is refused (not in a signal
+// table of an object exported on this connection): then FALSE and the
+// reference stays the caller's. Method calls go out marked no-reply.
 gboolean g_dbus_send_message(DBusConnection *connection, DBusMessage *message);
 gboolean g_dbus_send_error(DBusConnection *connection, DBusMessage *message, const char *name,
                            const char *format, ...) G_GNUC_PRINTF(4, 5);
