@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -84,6 +85,8 @@ PrivateBus::PrivateBus(const char *kind) : dir_(make_temp_dir())
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0) {
+        // A test that crashes or times out must not leave its bus behind.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
         dup2(fds[1], 3);
         std::string config_arg = "--config-file=" + config;
         execlp("dbus-daemon", "dbus-daemon", config_arg.c_str(), "--nofork", "--nopidfile",
