@@ -23,15 +23,13 @@ class ConnectionScenario : public Scenario
     void start_on_wifi(const std::vector<connman_sim::Network> &networks,
                        const std::string &last_wifi = "")
     {
-        Json::Value saved;
-        saved["netmgr:type"] = 1;
+        store("netmgr:type", 1);
         if (!last_wifi.empty())
-            saved["netmgr:last_wifi"] = last_wifi;
-        write_store(saved);
+            store("netmgr:last_wifi", last_wifi);
         sim.add_technology("wifi", true);
         for (const connman_sim::Network &network : networks)
             sim.add_network(network);
-        start();
+        ASSERT_NO_FATAL_FAILURE(start());
         ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
     }
 
@@ -46,7 +44,9 @@ class ConnectionScenario : public Scenario
 
 TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
 {
-    start_on_wifi({wifi(HOME, "home")});
+    connman_sim::Network home = wifi(HOME, "home");
+    home.nameservers = {"198.51.100.53"};
+    start_on_wifi({home});
     const std::string path = service_path(HOME);
 
     size_t from = events.mark();
@@ -54,6 +54,14 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
     EXPECT_TRUE(wait_stored_last_wifi(path));
     EXPECT_EQ(1, stored_type());
+    // Wi-Fi alone counts as connected.
+    EXPECT_EQ(NET_STATUS_CONNECTED, NetMgr_GetNetworkStatus(NET_TYPE_WIFI));
+    EXPECT_EQ(NET_STATUS_DISABLED, NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET));
+    NetConnInfo info;
+    EXPECT_TRUE(NetMgr_GetCurrentConnInfoInternel(&info));
+    EXPECT_EQ(NET_TYPE_WIFI, info.type);
+    EXPECT_EQ("home", info.name);
+    EXPECT_EQ("198.51.100.53|", info.dns1 + "|" + info.dns2) << "one server leaves dns2 empty";
 
     // Already connected: announced at once, nothing sent.
     int connects = sim.count_calls("Connect", path);

@@ -1,86 +1,65 @@
 // Factory and test operations against the simulator.
 #include <chrono>
 
-#include "tests/core-common/scenario.h"
+#include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 
 using Clock = std::chrono::steady_clock;
 
-namespace
-{
-
-connman_sim::Network wifi(const std::string &ident, const std::string &name, uint8_t strength)
-{
-    connman_sim::Network net;
-    net.ident = ident;
-    net.name = name;
-    net.security = {"none"};
-    net.strength = strength;
-    return net;
-}
-
-} // namespace
-
-class FactoryTest : public CoreScenario
+class FactoryTest : public Scenario
 {
   protected:
     // Ethernet powered and preferred, Wi-Fi off: the device as it leaves
     // the line, before the factory test forces Wi-Fi on.
     void start_on_ethernet(const std::vector<connman_sim::Network> &networks)
     {
-        sim_.add_technology("ethernet", true);
-        sim_.add_technology("wifi", false);
+        sim.add_technology("ethernet", true);
+        sim.add_technology("wifi", false);
         for (const auto &net : networks)
-            sim_.add_network(net);
+            sim.add_network(net);
         start_library();
-        start_simulator();
-        ASSERT_TRUE(wait_event(NETMGR_EVT_ETHERNET_ENABLED, 1, 5000));
-    }
-
-    int stored_type()
-    {
-        Json::Value value;
-        return stored("netmgr:type", &value) ? value.asInt() : -1;
+        start_sim();
+        ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED));
     }
 };
 
 TEST_F(FactoryTest, WifiTestFailsWhenNoNetworkReachesSeventy)
 {
-    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak1", 60),
-                       wifi("wifi_0000000000a2_77656b32_managed_none", "weak2", 69)});
+    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak1", "none", 60),
+                       wifi("wifi_0000000000a2_77656b32_managed_none", "weak2", "none", 69)});
     EXPECT_FALSE(NetMgr_Factory_Wifi_test());
     EXPECT_EQ(NetMgr_GetWifiListCount(), 2) << "the networks were seen, just not strong";
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
     EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
-    EXPECT_EQ(sim_.technology_property("ethernet", "Powered"), "false");
+    EXPECT_EQ(sim.technology_property("ethernet", "Powered"), "false");
 }
 
 TEST_F(FactoryTest, WifiTestPassesWithOneNetworkAtSeventy)
 {
-    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak", 69),
-                       wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", 70)});
+    start_on_ethernet({wifi("wifi_0000000000a1_77656b31_managed_none", "weak", "none", 69),
+                       wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", "none", 70)});
     EXPECT_TRUE(NetMgr_Factory_Wifi_test());
 }
 
 TEST_F(FactoryTest, AutotestOnEthernetRunsTheWifiTestAndRestoresEthernet)
 {
-    start_on_ethernet({wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", 80)});
+    start_on_ethernet({wifi("wifi_0000000000a2_7374726f6e67_managed_none", "strong", "none", 80)});
     EXPECT_TRUE(NetMgr_Factory_Wifi_AutotestResult());
 
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_EQ(stored_type(), NET_TYPE_ETHERNET);
-    EXPECT_TRUE(wait_until(
-        [this] { return sim_.technology_property("wifi", "Powered") == "false"; }, 5000));
-    EXPECT_EQ(sim_.technology_property("ethernet", "Powered"), "true");
+    EXPECT_TRUE(
+        wait_until([this] { return sim.technology_property("wifi", "Powered") == "false"; }, 5000));
+    EXPECT_EQ(sim.technology_property("ethernet", "Powered"), "true");
 }
 
 TEST_F(FactoryTest, ResetAfterForcingWifiOnAP2PDeviceLeavesItOnWifi)
 {
-    store("netmgr:type", Json::Value(2));
-    sim_.add_technology("ethernet", true);
-    sim_.add_technology("wifi", false);
+    store("netmgr:type", 2);
+    sim.add_technology("ethernet", true);
+    sim.add_technology("wifi", false);
     start_library();
-    start_simulator();
+    start_sim();
     ASSERT_EQ(NetMgr_GetNetworkType(), NET_TYPE_P2P);
     auto library_sees = [](NetStatus ethernet, NetStatus wifi) {
         return wait_until(
@@ -99,25 +78,25 @@ TEST_F(FactoryTest, ResetAfterForcingWifiOnAP2PDeviceLeavesItOnWifi)
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
     EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
     EXPECT_TRUE(wait_until(
-        [this] { return sim_.technology_property("ethernet", "Powered") == "true"; }, 5000));
+        [this] { return sim.technology_property("ethernet", "Powered") == "true"; }, 5000));
 }
 
 TEST_F(FactoryTest, LinkTestAsksEveryNetworkOfTheNameToConnect)
 {
     const std::string first = "wifi_0000000000b1_74776963_managed_none";
     const std::string second = "wifi_0000000000b2_74776963_managed_none";
-    start_on_ethernet({wifi(first, "twice", 50), wifi(second, "twice", 40),
-                       wifi("wifi_0000000000b3_6f74686572_managed_none", "other", 90)});
+    start_on_ethernet({wifi(first, "twice", "none", 50), wifi(second, "twice", "none", 40),
+                       wifi("wifi_0000000000b3_6f74686572_managed_none", "other", "none", 90)});
 
     EXPECT_FALSE(NetMgr_Uart_Wifi_LinkTest(nullptr));
     EXPECT_FALSE(NetMgr_Uart_Wifi_LinkTest("absent"));
-    EXPECT_EQ(sim_.count_calls("Connect"), 0) << "no network of that name, no connection";
+    EXPECT_EQ(sim.count_calls("Connect"), 0) << "no network of that name, no connection";
 
     EXPECT_TRUE(NetMgr_Uart_Wifi_LinkTest("twice"));
-    EXPECT_GE(sim_.count_calls("Connect", service_path(first)), 1);
-    EXPECT_GE(sim_.count_calls("Connect", service_path(second)), 1);
-    EXPECT_EQ(
-        sim_.count_calls("Connect", service_path("wifi_0000000000b3_6f74686572_managed_none")), 0);
+    EXPECT_GE(sim.count_calls("Connect", service_path(first)), 1);
+    EXPECT_GE(sim.count_calls("Connect", service_path(second)), 1);
+    EXPECT_EQ(sim.count_calls("Connect", service_path("wifi_0000000000b3_6f74686572_managed_none")),
+              0);
 }
 
 TEST_F(FactoryTest, ScanStartsTwoSecondsLaterAndCountryCodesAreApplied)

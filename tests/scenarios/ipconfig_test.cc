@@ -2,7 +2,7 @@
 // what reads back, and the IPv6 setting that gates the reader.
 #include <future>
 
-#include "tests/core-common/scenario.h"
+#include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -17,21 +17,16 @@ bool contains(const std::string &text, const std::string &part)
 
 } // namespace
 
-class IpConfigTest : public CoreScenario
+class IpConfigTest : public Scenario
 {
   protected:
     // A connected Ethernet service that the client knows about.
     void start_with_cable()
     {
-        sim_.add_technology("ethernet", true);
-        connman_sim::Network net;
-        net.ident = kCable;
-        net.type = "ethernet";
-        net.name = "Wired";
-        net.interface = "eth0";
-        sim_.add_network(net);
+        sim.add_technology("ethernet", true);
+        sim.add_network(cable(kCable));
         start_library();
-        start_simulator();
+        start_sim();
         ASSERT_TRUE(wait_until(
             [] {
                 std::string path;
@@ -41,18 +36,14 @@ class IpConfigTest : public CoreScenario
             10000));
     }
 
-    std::string property(const char *name) const { return sim_.service_property(kCable, name); }
+    std::string property(const char *name) const { return sim.service_property(kCable, name); }
 
     bool property_becomes(const char *name, const std::string &part) const
     {
         return wait_until([&] { return contains(property(name), part); }, 5000);
     }
 
-    Json::Value ipv6_setting()
-    {
-        Json::Value value;
-        return stored("netmgr:ipv6_enable", &value) ? value : Json::Value();
-    }
+    Json::Value ipv6_setting() const { return stored("netmgr:ipv6_enable"); }
 };
 
 TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
@@ -92,7 +83,7 @@ TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
     EXPECT_EQ(read.dns2, "192.0.2.2;192.0.2.3");
 
     // Text that is not UTF-8 never reaches the bus (libdbus would abort).
-    int sent = sim_.count_calls("SetProperty", service_path(kCable));
+    int sent = sim.count_calls("SetProperty", service_path(kCable));
     NetIPv4Config bad = manual;
     bad.address = "192.0.2.\xff";
     EXPECT_FALSE(NetMgr_SetIPv4Config(&bad));
@@ -109,7 +100,7 @@ TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
     EXPECT_TRUE(wait_until(
         [&] { return !contains(property("Nameservers.Configuration"), "192.0.2"); }, 5000));
     EXPECT_FALSE(contains(property("IPv4.Configuration"), "192.0.2.99"));
-    EXPECT_EQ(sim_.count_calls("SetProperty", service_path(kCable)), sent + 2)
+    EXPECT_EQ(sim.count_calls("SetProperty", service_path(kCable)), sent + 2)
         << "only the two DHCP changes were sent";
 }
 
@@ -192,7 +183,7 @@ TEST_F(IpConfigTest, Ipv6ReaderAsksTheServiceThreadOnlyWhenTheSettingIsOn)
         EXPECT_EQ(result.get(), "kept");
     }
 
-    store("netmgr:ipv6_enable", Json::Value(true));
+    store("netmgr:ipv6_enable", true);
     hold_service_thread();
     auto result = read_async();
     EXPECT_EQ(result.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout)

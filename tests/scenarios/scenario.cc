@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <fstream>
-#include <sstream>
 
+#include "core/bridge.h"
+#include "platform/zelstorageclient.h"
 #include "tests/support/wait.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -22,35 +22,34 @@ namespace
 // Everything a scenario process runs against; made once, never destroyed.
 struct World {
     std::string dir;
-    std::string store_path;
     std::string shell_log;
-    std::unique_ptr<TestBuses> buses;
-    std::unique_ptr<connman_sim::Simulator> sim;
+    TestBuses buses;
+    connman_sim::Simulator sim;
 };
 
 World *the_world;
 bool library_started;
 
-World &world()
+std::string make_dir_and_environment()
 {
-    if (the_world)
-        return *the_world;
-    auto *w = new World;
     char tmpl[] = "/tmp/netmgr-scenario-XXXXXX";
     if (!mkdtemp(tmpl))
         abort();
-    w->dir = tmpl;
-    w->store_path = w->dir + "/store.json";
-    w->shell_log = w->dir + "/shell.log";
-    // The environment is set before any thread of the simulator or the
-    // library exists.
-    setenv("NETMGR_STORE", w->store_path.c_str(), 1);
+    // Set before any thread of the simulator or the library exists.
+    std::string dir = tmpl;
+    setenv("NETMGR_STORE", (dir + "/store.json").c_str(), 1);
     setenv("NETMGR_SHELL", NETMGR_SOURCE_DIR "/tests/support/record_shell.sh", 1);
-    setenv("NETMGR_SHELL_LOG", w->shell_log.c_str(), 1);
-    w->buses = std::make_unique<TestBuses>();
-    w->sim = std::make_unique<connman_sim::Simulator>();
-    the_world = w;
-    return *w;
+    setenv("NETMGR_SHELL_LOG", (dir + "/shell.log").c_str(), 1);
+    return dir;
+}
+
+World &world()
+{
+    if (!the_world) {
+        std::string dir = make_dir_and_environment();
+        the_world = new World{dir, dir + "/shell.log", {}, {}};
+    }
+    return *the_world;
 }
 
 // Kills the bus daemons and removes the directories once this process has
@@ -58,24 +57,19 @@ World &world()
 // process on that).
 void start_reaper()
 {
-    if (!the_world || !the_world->buses)
-        return;
     int fds[2];
-    if (pipe2(fds, O_CLOEXEC) < 0)
+    if (!the_world || pipe2(fds, O_CLOEXEC) < 0)
         return;
-    pid_t system_pid = the_world->buses->system.pid();
-    pid_t session_pid = the_world->buses->session.pid();
-    std::string dirs[] = {the_world->dir, the_world->buses->system.dir(),
-                          the_world->buses->session.dir()};
-    pid_t pid = fork();
-    if (pid != 0) {
+    pid_t daemons[] = {the_world->buses.system.pid(), the_world->buses.session.pid()};
+    std::string dirs[] = {the_world->dir, the_world->buses.system.dir(),
+                          the_world->buses.session.dir()};
+    if (fork() != 0) {
         close(fds[0]);
         return; // the parent keeps the write end until it exits
     }
     int devnull = open("/dev/null", O_RDWR);
-    dup2(devnull, 0);
-    dup2(devnull, 1);
-    dup2(devnull, 2);
+    for (int fd = 0; fd < 3; fd++)
+        dup2(devnull, fd);
     for (int fd = 3; fd < 1024; fd++)
         if (fd != fds[0])
             close(fd);
@@ -83,14 +77,28 @@ void start_reaper()
     char byte;
     while (read(fds[0], &byte, 1) > 0) {
     }
-    kill(system_pid, SIGTERM);
-    kill(session_pid, SIGTERM);
+    for (pid_t pid : daemons)
+        kill(pid, SIGTERM);
     for (const std::string &dir : dirs)
         if (dir.rfind("/tmp/netmgr-", 0) != 0)
             _exit(0);
     execlp("rm", "rm", "-rf", dirs[0].c_str(), dirs[1].c_str(), dirs[2].c_str(),
            static_cast<char *>(nullptr));
     _exit(0);
+}
+
+std::mutex hold_mutex;
+std::condition_variable hold_cv;
+bool hold_wanted, held;
+
+gboolean hold_until_released(gpointer)
+{
+    std::unique_lock<std::mutex> lock(hold_mutex);
+    held = true;
+    hold_cv.notify_all();
+    hold_cv.wait(lock, [] { return !hold_wanted; });
+    held = false;
+    return FALSE;
 }
 
 } // namespace
@@ -108,6 +116,7 @@ int EventRecorder::callback(NetMgrEvent event, void *arg)
 {
     RecordedEvent recorded;
     recorded.code = event;
+    recorded.thread = std::this_thread::get_id();
     recorded.null_arg = arg == nullptr;
     if (arg != nullptr) {
         if (event == NETMGR_EVT_WIFI_DISCONNECTED)
@@ -116,15 +125,11 @@ int EventRecorder::callback(NetMgrEvent event, void *arg)
                  event == NETMGR_EVT_WIFI_STRENGTH_CHANGED)
             recorded.wifi = *static_cast<NetWifiInfo *>(arg);
     }
-    instance().record(recorded);
+    EventRecorder &self = instance();
+    std::lock_guard<std::mutex> guard(self.mutex_);
+    self.events_.push_back(recorded);
+    self.arrived_.notify_all();
     return 0;
-}
-
-void EventRecorder::record(const RecordedEvent &event)
-{
-    std::lock_guard<std::mutex> guard(mutex_);
-    events_.push_back(event);
-    arrived_.notify_all();
 }
 
 size_t EventRecorder::mark() const
@@ -152,12 +157,9 @@ bool EventRecorder::wait_for_event(NetMgrEvent code, int timeout_ms, size_t from
 
 int EventRecorder::count(NetMgrEvent code, size_t from) const
 {
-    std::lock_guard<std::mutex> guard(mutex_);
-    int n = 0;
-    for (size_t i = from; i < events_.size(); i++)
-        if (events_[i].code == code)
-            n++;
-    return n;
+    std::vector<RecordedEvent> seen = events(from);
+    return static_cast<int>(std::count_if(seen.begin(), seen.end(),
+                                          [&](const RecordedEvent &e) { return e.code == code; }));
 }
 
 std::vector<RecordedEvent> EventRecorder::events(size_t from) const
@@ -170,67 +172,81 @@ std::vector<RecordedEvent> EventRecorder::events(size_t from) const
 
 // ---- Scenario ----
 
-Scenario::Scenario() : sim(*world().sim) {}
+Scenario::Scenario() : sim(world().sim) {}
 
 void Scenario::SetUp()
 {
     if (library_started)
         GTEST_SKIP() << "a scenario needs a process of its own; run one case per process "
                         "(ctest does)";
-    ASSERT_TRUE(sim.start(world().buses->system.address()));
 }
 
-void Scenario::write_store(const Json::Value &members)
+void Scenario::start_sim()
 {
-    std::ofstream out(world().store_path);
-    out << members.toStyledString();
+    int registered = sim.count_calls("RegisterAgent");
+    ASSERT_TRUE(sim.start(world().buses.system.address()));
+    if (library_started) {
+        ASSERT_TRUE(sim.wait_for_calls("RegisterAgent", registered + 1, 10000))
+            << "the library did not register its agent";
+    }
+}
+
+void Scenario::start_library()
+{
+    library_started = true;
+    ASSERT_EQ(0, NetMgr_StartRoutine(EventRecorder::callback));
 }
 
 void Scenario::start()
 {
-    library_started = true;
-    ASSERT_EQ(0, NetMgr_StartRoutine(EventRecorder::callback));
-    ASSERT_TRUE(wait_until([&] { return sim.agent_registered(); }, 5000))
+    ASSERT_NO_FATAL_FAILURE(start_sim());
+    ASSERT_NO_FATAL_FAILURE(start_library());
+    ASSERT_TRUE(wait_until([&] { return sim.agent_registered(); }, 10000))
         << "the library did not register its agent";
 }
 
-Json::Value Scenario::store() const
+void Scenario::store(const std::string &key, const Json::Value &value)
 {
-    std::ifstream in(world().store_path);
+    std::string name = key;
+    ASSERT_NE(0, ZL_Storage_SetItem(name, value));
+}
+
+Json::Value Scenario::stored(const std::string &key) const
+{
+    std::string name = key;
     Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    if (!in || !Json::parseFromStream(builder, in, &value, &errors))
-        return Json::Value();
-    return value;
+    return ZL_Storage_GetItem(name, &value) ? value : Json::Value();
+}
+
+int Scenario::stored_type() const
+{
+    Json::Value type = stored("netmgr:type");
+    return type.isInt() ? type.asInt() : -1;
 }
 
 bool Scenario::wait_stored_last_wifi(const std::string &path, int timeout_ms)
 {
-    return wait_until(
-        [&] {
-            Json::Value saved = store()["netmgr:last_wifi"];
-            return saved.isString() && saved.asString() == path;
-        },
-        timeout_ms);
+    return wait_until([&] { return stored("netmgr:last_wifi") == Json::Value(path); }, timeout_ms);
 }
 
-std::vector<std::string> Scenario::shell_commands() const
+std::vector<std::string> Scenario::commands() const
 {
     std::vector<std::string> lines;
     std::ifstream in(world().shell_log);
-    std::string line;
-    while (std::getline(in, line))
+    for (std::string line; std::getline(in, line);)
         lines.push_back(line);
     return lines;
 }
 
-bool Scenario::shell_ran(const std::string &command) const
+int Scenario::count_command(const std::string &command) const
 {
-    for (const std::string &line : shell_commands())
-        if (line == command)
-            return true;
-    return false;
+    std::vector<std::string> lines = commands();
+    return static_cast<int>(std::count(lines.begin(), lines.end(), command));
+}
+
+bool Scenario::wait_command(const std::string &command, int n, int timeout_ms) const
+{
+    return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
 }
 
 bool Scenario::wait_service_state(const std::string &ident, const std::string &state,
@@ -242,6 +258,35 @@ bool Scenario::wait_service_state(const std::string &ident, const std::string &s
 bool Scenario::wait_wifi_list(int n, int timeout_ms)
 {
     return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);
+}
+
+void Scenario::on_service_thread(const std::function<void()> &fn)
+{
+    struct Record {
+        std::promise<bool> *promise;
+        const std::function<void()> *fn;
+    } record{nullptr, &fn};
+    netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
+        auto *rec = static_cast<Record *>(data);
+        (*rec->fn)();
+        rec->promise->set_value(true);
+        return FALSE;
+    });
+}
+
+void Scenario::hold_service_thread()
+{
+    std::unique_lock<std::mutex> lock(hold_mutex);
+    hold_wanted = true;
+    g_timeout_add(0, hold_until_released, nullptr);
+    hold_cv.wait_for(lock, std::chrono::seconds(10), [] { return held; });
+}
+
+void Scenario::release_service_thread()
+{
+    std::lock_guard<std::mutex> lock(hold_mutex);
+    hold_wanted = false;
+    hold_cv.notify_all();
 }
 
 connman_sim::Network Scenario::wifi(const std::string &ident, const std::string &name,
@@ -263,6 +308,17 @@ connman_sim::Network Scenario::hidden_wifi(const std::string &ident, const std::
     connman_sim::Network network = wifi(ident, "", security, strength);
     network.hidden = true;
     network.hidden_name = hidden_name;
+    return network;
+}
+
+connman_sim::Network Scenario::cable(const std::string &ident, bool carrier)
+{
+    connman_sim::Network network;
+    network.ident = ident;
+    network.type = "ethernet";
+    network.name = "Wired";
+    network.interface = "eth0";
+    network.carrier = carrier;
     return network;
 }
 

@@ -7,25 +7,25 @@
 // the library stay up until the process ends; the test binary's main()
 // (scenario.cc) ends the process without tearing them down and leaves the
 // clean-up of the bus daemons and the directory to a small reaper process.
-//
-// Reuse: link the target `netmgr_scenario_support` and derive from Scenario.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <condition_variable>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "connman_sim.h"
-#include "core/netmgr.h"
+#include "core/internal.h"
 #include "tests/support/private_bus.h"
 
 struct RecordedEvent {
     NetMgrEvent code;
+    std::thread::id thread;
     bool null_arg = true;
     int byte = -1;    // event 8: the byte the argument points to, -1 when null
     NetWifiInfo wifi; // events 10 and 19: copy of the network record
@@ -49,7 +49,6 @@ class EventRecorder
 
   private:
     EventRecorder() = default;
-    void record(const RecordedEvent &event);
 
     mutable std::mutex mutex_;
     std::condition_variable arrived_;
@@ -59,34 +58,45 @@ class EventRecorder
 class Scenario : public ::testing::Test
 {
   protected:
+    Scenario();
     void SetUp() override;
 
-    // Before start(): a settings file with these members.
-    void write_store(const Json::Value &members);
-    // NetMgr_StartRoutine with the recorder; waits until the agent is
-    // registered with the simulator.
+    // Starts the simulator (or brings it back) and, once the library runs,
+    // waits until the library has registered its agent with it again.
+    void start_sim();
+    // NetMgr_StartRoutine with the recorder.
+    void start_library();
+    // The simulator, then the library; waits for the agent.
     void start();
 
-    // The settings file as it is now (null when absent or unreadable).
-    Json::Value store() const;
-    int stored_type() const { return store()["netmgr:type"].asInt(); }
+    // The settings store, read and written as the library does.
+    void store(const std::string &key, const Json::Value &value);
+    Json::Value stored(const std::string &key) const; // null when absent
+    int stored_type() const;                          // -1 when absent
     // Waits until "netmgr:last_wifi" is stored as this string.
     bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000);
-    // Commands the library ran through the shell, one per line.
-    std::vector<std::string> shell_commands() const;
-    bool shell_ran(const std::string &command) const;
 
-    // Waits for a service's state in the simulator.
+    // Commands the library ran through the shell, in order.
+    std::vector<std::string> commands() const;
+    int count_command(const std::string &command) const;
+    bool shell_ran(const std::string &command) const { return count_command(command) > 0; }
+    bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const;
+
     bool wait_service_state(const std::string &ident, const std::string &state,
                             int timeout_ms = 5000);
     // Waits until the library's Wi-Fi list holds n entries.
     bool wait_wifi_list(int n, int timeout_ms = 5000);
-
     bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,
                         int timeout_ms = 10000)
     {
         return events.wait_for_event(code, timeout_ms, from, out);
     }
+
+    // Runs fn on the service thread and waits, to read the context safely.
+    static void on_service_thread(const std::function<void()> &fn);
+    // Keeps the service thread busy until release_service_thread().
+    static void hold_service_thread();
+    static void release_service_thread();
 
     static std::string service_path(const std::string &ident)
     {
@@ -97,10 +107,9 @@ class Scenario : public ::testing::Test
     // A network without a broadcast name; the agent must answer hidden_name.
     static connman_sim::Network hidden_wifi(const std::string &ident, const std::string &security,
                                             const std::string &hidden_name, uint8_t strength = 60);
+    // A wired service on eth0 named "Wired".
+    static connman_sim::Network cable(const std::string &ident, bool carrier = true);
 
     connman_sim::Simulator &sim;
     EventRecorder &events = EventRecorder::instance();
-
-  public:
-    Scenario();
 };

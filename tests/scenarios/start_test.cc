@@ -3,7 +3,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "tests/core-common/scenario.h"
+#include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 
 using Clock = std::chrono::steady_clock;
@@ -32,7 +32,7 @@ bool comes_before(const std::vector<std::string> &lines, const char *first, cons
 
 } // namespace
 
-using StartTest = CoreScenario;
+using StartTest = Scenario;
 
 TEST_F(StartTest, WithoutSettingsStartsOnEthernetAndASecondStartChangesNothing)
 {
@@ -41,19 +41,19 @@ TEST_F(StartTest, WithoutSettingsStartsOnEthernetAndASecondStartChangesNothing)
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
 
     // Powering Wi-Fi on refreshes the list, which applies the country code.
-    sim_.add_technology("wifi", true);
-    start_simulator();
-    ASSERT_TRUE(wait_event(NETMGR_EVT_WIFI_ENABLED, 1, 5000)) << "the first callback stays";
+    sim.add_technology("wifi", true);
+    start_sim();
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED)) << "the first callback stays";
     EXPECT_EQ(second_callback_calls, 0);
-    EXPECT_TRUE(wait_command("iwpriv wlan0 common country_code,JP", 1, 5000));
+    EXPECT_TRUE(wait_command("iwpriv wlan0 common country_code,JP"));
 }
 
 // The check armed at start runs 10 s later; with no network listed it
 // refreshes the list and scans.
 TEST_F(StartTest, StoredWifiTypeWithEmptyLastWifiArmsTheTenSecondCheck)
 {
-    store("netmgr:type", Json::Value(1));
-    store("netmgr:last_wifi", Json::Value(""));
+    store("netmgr:type", 1);
+    store("netmgr:last_wifi", "");
     Clock::time_point t0 = Clock::now();
     start_library();
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
@@ -65,7 +65,7 @@ TEST_F(StartTest, StoredWifiTypeWithEmptyLastWifiArmsTheTenSecondCheck)
 
 TEST_F(StartTest, StoredWifiTypeWithoutLastWifiKeyArmsNothing)
 {
-    store("netmgr:type", Json::Value(1));
+    store("netmgr:type", 1);
     start_library();
     EXPECT_FALSE(wait_command("wpa_cli scan", 1, 12000));
     bool ran = false;
@@ -100,24 +100,24 @@ TEST_F(StartTest, BridgedBodiesAndEventsRunOneAtATimeOnTheServiceThread)
     EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(elsewhere, 0);
 
-    sim_.add_technology("ethernet", true);
-    start_simulator();
-    ASSERT_TRUE(wait_event(NETMGR_EVT_ETHERNET_ENABLED, 1, 5000));
-    for (const RecordedEvent &event : events())
+    sim.add_technology("ethernet", true);
+    start_sim();
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED));
+    for (const RecordedEvent &event : events.events())
         EXPECT_EQ(event.thread, service) << "event " << event.code;
 }
 
 TEST_F(StartTest, ConnmanLeavingRestartsTheDaemonsAndItsReturnBringsTheClientsBack)
 {
-    sim_.add_technology("ethernet", true);
+    sim.add_technology("ethernet", true);
     start_library();
-    start_simulator();
-    ASSERT_TRUE(wait_event(NETMGR_EVT_ETHERNET_ENABLED, 1, 5000));
+    start_sim();
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED));
 
-    sim_.stop();
-    ASSERT_TRUE(wait_command("/etc/init.d/S45connman restart", 1, 5000));
+    sim.stop();
+    ASSERT_TRUE(wait_command("/etc/init.d/S45connman restart"));
     Clock::time_point first = Clock::now();
-    ASSERT_TRUE(wait_command("/etc/init.d/S42wifi restart", 1, 5000));
+    ASSERT_TRUE(wait_command("/etc/init.d/S42wifi restart"));
     EXPECT_GE(ms_since(first), 900) << "the Wi-Fi restart waits a second";
     EXPECT_TRUE(
         comes_before(commands(), "/etc/init.d/S45connman restart", "/etc/init.d/S42wifi restart"));
@@ -125,7 +125,7 @@ TEST_F(StartTest, ConnmanLeavingRestartsTheDaemonsAndItsReturnBringsTheClientsBa
         << "the clients are down while ConnMan is away";
 
     // The name watch stays, so the daemon's return brings connman_up again.
-    start_simulator();
+    start_sim();
     EXPECT_TRUE(wait_until(
         [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }, 5000));
     EXPECT_EQ(count_command("/etc/init.d/S45connman restart"), 1);

@@ -1,5 +1,5 @@
 // Network status, the current connection's details and the network switch.
-#include "tests/core-common/scenario.h"
+#include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -14,26 +14,20 @@ bool status_becomes(NetType type, NetStatus status)
 
 } // namespace
 
-using StatusTest = CoreScenario;
+using StatusTest = Scenario;
 
 TEST_F(StatusTest, CableStatusAndConnectionDetails)
 {
-    sim_.add_technology("ethernet", true);
-    sim_.add_technology("wifi", false);
-    connman_sim::Network cable;
-    cable.ident = kCable;
-    cable.type = "ethernet";
-    cable.name = "Wired";
-    cable.interface = "eth0";
-    cable.carrier = false;
-    sim_.add_network(cable);
+    sim.add_technology("ethernet", true);
+    sim.add_technology("wifi", false);
+    sim.add_network(cable(kCable, false));
     start_library();
-    start_simulator();
+    start_sim();
 
     ASSERT_TRUE(status_becomes(NET_TYPE_ETHERNET, NET_STATUS_ENABLED));
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_P2P), NET_STATUS_ENABLED) << "P2P asks Ethernet";
-    sim_.set_powered("wifi", true);
+    sim.set_powered("wifi", true);
     EXPECT_TRUE(status_becomes(NET_TYPE_WIFI, NET_STATUS_ENABLED));
 
     // Nothing connected: the record comes back cleared, and still true.
@@ -43,8 +37,8 @@ TEST_F(StatusTest, CableStatusAndConnectionDetails)
     EXPECT_EQ(info.name + info.ipv4Address, "");
     EXPECT_FALSE(NetMgr_GetCurrentConnInfoInternel(&info));
 
-    sim_.set_carrier(kCable, true);
-    ASSERT_TRUE(wait_event(NETMGR_EVT_ETHERNET_CONNECTED, 1, 10000));
+    sim.set_carrier(kCable, true);
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED));
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_P2P), NET_STATUS_CONNECTED);
     EXPECT_TRUE(status_becomes(NET_TYPE_WIFI, NET_STATUS_DISABLED)) << "the cable wins";
@@ -68,42 +62,15 @@ TEST_F(StatusTest, CableStatusAndConnectionDetails)
     EXPECT_EQ(direct.name + direct.ipv4Address + direct.dns2, "Wired192.0.2.10192.0.2.54");
 }
 
-TEST_F(StatusTest, WifiAloneCountsAsConnected)
-{
-    store("netmgr:type", Json::Value(1));
-    sim_.add_technology("wifi", true);
-    connman_sim::Network open;
-    open.ident = "wifi_020000000002_6f70656e_managed_none";
-    open.name = "open";
-    open.ipv4_address = "198.51.100.20";
-    open.nameservers = {"198.51.100.53"};
-    sim_.add_network(open);
-    start_library();
-    start_simulator();
-    ASSERT_TRUE(wait_event(NETMGR_EVT_WIFI_LIST_UPDATED, 1, 10000));
-
-    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(open.ident)));
-    ASSERT_TRUE(wait_event(NETMGR_EVT_WIFI_CONNECTED, 1, 10000));
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_CONNECTED);
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
-
-    NetConnInfo info;
-    EXPECT_TRUE(NetMgr_GetCurrentConnInfoInternel(&info));
-    EXPECT_EQ(info.type, NET_TYPE_WIFI);
-    EXPECT_EQ(info.name, "open");
-    EXPECT_EQ(info.ipv4Address, "198.51.100.20");
-    EXPECT_EQ(info.dns1 + "|" + info.dns2, "198.51.100.53|") << "one server leaves dns2 empty";
-}
-
 TEST_F(StatusTest, NetworkEnableFollowsConnmansOfflineMode)
 {
     start_library();
     EXPECT_FALSE(NetMgr_GetNetworkEnable()) << "without ConnMan, offline";
-    start_simulator();
+    start_sim();
     EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
-    sim_.set_offline_mode(true);
+    sim.set_offline_mode(true);
     EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 5000));
     EXPECT_TRUE(NetMgr_SetNetworkEnable(true));
     EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
-    EXPECT_FALSE(sim_.offline_mode());
+    EXPECT_FALSE(sim.offline_mode());
 }

@@ -2,9 +2,7 @@
 #include "tests/scenarios/scenario.h"
 
 #include <algorithm>
-#include <future>
 
-#include "core/internal.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -20,14 +18,10 @@ class TechnologyScenario : public Scenario
   protected:
     void add_cable(bool carrier, std::vector<std::string> nameservers = {"192.0.2.53"})
     {
-        connman_sim::Network cable;
-        cable.nameservers = nameservers;
-        cable.ident = CABLE;
-        cable.type = "ethernet";
-        cable.interface = "eth0";
-        cable.mac = "02:00:00:00:00:0e";
-        cable.carrier = carrier;
-        sim.add_network(cable);
+        connman_sim::Network wired = cable(CABLE, carrier);
+        wired.nameservers = nameservers;
+        wired.mac = "02:00:00:00:00:0e";
+        sim.add_network(wired);
     }
 
     bool wait_powered(const std::string &type, bool powered)
@@ -48,9 +42,7 @@ class TechnologyScenario : public Scenario
 
 TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
 {
-    Json::Value saved;
-    saved["netmgr:type"] = 1;
-    write_store(saved);
+    store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
     sim.add_technology("wifi", true);
     sim.add_network(wifi(HOME, "home"));
@@ -116,9 +108,7 @@ TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
 
 TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
 {
-    Json::Value saved;
-    saved["netmgr:type"] = 1;
-    write_store(saved);
+    store("netmgr:type", 1);
     sim.add_technology("wifi", true);
     sim.add_technology("p2p", false);
     start();
@@ -142,28 +132,13 @@ TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
     EXPECT_EQ(1, stored_type());
 }
 
-// The library has no switch for it; the context's flag is set on the
-// service thread as the library itself would.
-void prefer_ipv6()
-{
-    std::promise<void> done;
-    g_timeout_add(
-        0,
-        [](gpointer data) -> gboolean {
-            g_netMgr->ipv6Preferred = true;
-            static_cast<std::promise<void> *>(data)->set_value();
-            return FALSE;
-        },
-        &done);
-    done.get_future().wait();
-}
-
 TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
 {
     sim.add_technology("ethernet", true);
     add_cable(false, {"192.0.2.53", "192.0.2.54", "192.0.2.55"});
     start();
-    prefer_ipv6();
+    // The library has no switch for it; set as the library itself would.
+    on_service_thread([] { g_netMgr->ipv6Preferred = true; });
 
     size_t from = events.mark();
     sim.set_carrier(CABLE, true);

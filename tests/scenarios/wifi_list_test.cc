@@ -14,15 +14,11 @@ const char *const HIDDEN_WEP = "wifi_0a0000000001_hidden_managed_wep";
 const char *const HIDDEN_PSK_2 = "wifi_0a0000000002_hidden_managed_psk";
 const char *const CABLE = "ethernet_0e0000000001_cable";
 
-class WifiListScenario : public Scenario
-{
-};
+using WifiListScenario = Scenario;
 
 TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet)
 {
-    Json::Value saved;
-    saved["netmgr:type"] = 1;
-    write_store(saved);
+    store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
     sim.add_technology("wifi", true);
     sim.add_network(wifi(HOME, "home", "none", 90));
@@ -34,12 +30,7 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     sim.add_network(hidden_wifi(HIDDEN_PSK_1, "psk", "secret", 60));
     sim.add_network(hidden_wifi(HIDDEN_WEP, "wep", "secret", 50));
     sim.add_network(hidden_wifi(HIDDEN_PSK_2, "psk", "secret", 40));
-    connman_sim::Network cable;
-    cable.ident = CABLE;
-    cable.type = "ethernet";
-    cable.interface = "eth0";
-    cable.carrier = false;
-    sim.add_network(cable);
+    sim.add_network(cable(CABLE, false));
     start();
 
     // The ethernet service and the one on wlan1 stay out.
