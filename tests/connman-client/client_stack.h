@@ -3,13 +3,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include "connman-client/agent.h"
 #include "connman-client/interface.h"
 #include "connman-client/manager.h"
 #include "connman-client/service.h"
 #include "connman-client/technology.h"
-#include "tests/connman-services/fake_connman.h"
+#include "tests/connman-client/fake_connman.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 
@@ -29,17 +30,29 @@ class ClientStack
                                           (powered ? "true" : "false") + ">})],)");
     }
 
-    void start()
+    void init_interface()
     {
         ASSERT_EQ(connman_interface_init(on_up, on_down, this), 0);
-        ASSERT_TRUE(run_until([this] { return up_; }));
+        ASSERT_TRUE(run_until([this] { return up == 1; }));
+    }
+
+    void init_manager()
+    {
+        ASSERT_NO_FATAL_FAILURE(init_interface());
         ASSERT_EQ(connman_manager_init(), 0);
+    }
+
+    // Every client module, the way the core brings them up.
+    void start()
+    {
+        ASSERT_NO_FATAL_FAILURE(init_manager());
         ASSERT_EQ(connman_service_init(), 0);
         ASSERT_EQ(connman_technology_init(), 0);
         ASSERT_EQ(connman_agent_init(), 0);
         ASSERT_TRUE(run_until([this] { return connman.count("RegisterAgent") == 1; }));
     }
 
+    // Finalizing is safe for modules that never came up.
     ~ClientStack()
     {
         connman_agent_finalize();
@@ -95,8 +108,40 @@ class ClientStack
         return run_until([&] { return idle_runs != before; }) && done;
     }
 
+    // Runs everything that is ready, so that a notification that was going
+    // to come has come.
+    static void drain()
+    {
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
+    }
+
+    // Sends a signal and waits until it sits unread in the client's socket:
+    // signals sent this way one after the other are all read and handled in
+    // a single main-loop turn.
+    void emit_unread(const std::string &path, const std::string &interface,
+                     const std::string &member, const std::string &args)
+    {
+        auto unread = [] {
+            int fd = -1, bytes = 0;
+            dbus_connection_get_socket(connman_interface_get_connection(), &fd);
+            ioctl(fd, FIONREAD, &bytes);
+            return bytes;
+        };
+        int before = unread();
+        connman.emit(path, interface, member, args);
+        ASSERT_TRUE(wait_until([&] { return unread() > before; }, 5000));
+    }
+
+    // ConnMan's presence as the interface reported it.
+    int up = 0, down = 0;
+
   private:
-    static void on_up(void *data) { static_cast<ClientStack *>(data)->up_ = true; }
-    static void on_down(void *) {}
-    bool up_ = false;
+    static void on_up(void *data) { static_cast<ClientStack *>(data)->up++; }
+    static void on_down(void *data) { static_cast<ClientStack *>(data)->down++; }
+};
+
+// ClientStack as a GoogleTest fixture.
+class ClientStackTest : public ::testing::Test, public ClientStack
+{
 };

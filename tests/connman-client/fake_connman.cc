@@ -1,4 +1,4 @@
-#include "tests/connman-services/fake_connman.h"
+#include "tests/connman-client/fake_connman.h"
 
 #include <gio/gio.h>
 
@@ -60,14 +60,25 @@ Connman::Connman(const std::string &address)
     DBusError error;
     dbus_error_init(&error);
     connection_ = dbus_connection_open_private(address.c_str(), &error);
-    if (!connection_ || !dbus_bus_register(connection_, &error) ||
-        dbus_bus_request_name(connection_, "net.connman", DBUS_NAME_FLAG_DO_NOT_QUEUE, &error) !=
-            DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
-        std::string message = error.message ? error.message : "cannot own net.connman";
+    if (!connection_ || !dbus_bus_register(connection_, &error)) {
+        std::string message = error.message ? error.message : "cannot connect";
         dbus_error_free(&error);
         throw std::runtime_error(message);
     }
     dbus_connection_add_filter(connection_, filter, this, nullptr);
+    request_name();
+}
+
+void Connman::request_name()
+{
+    if (dbus_bus_request_name(connection_, "net.connman", DBUS_NAME_FLAG_DO_NOT_QUEUE, nullptr) !=
+        DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER)
+        throw std::runtime_error("cannot own net.connman");
+}
+
+void Connman::release_name()
+{
+    dbus_bus_release_name(connection_, "net.connman", nullptr);
 }
 
 Connman::~Connman()

@@ -31,6 +31,9 @@ class Connman
 
     // Reads and dispatches whatever has arrived, without blocking.
     void pump();
+    // Gives "net.connman" up (the daemon leaving) and takes it again.
+    void release_name();
+    void request_name();
     // Members without a handler get an empty reply.
     void on(const std::string &member, Handler handler);
     void on(const std::string &member, const std::string &reply);

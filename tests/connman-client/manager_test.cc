@@ -1,11 +1,9 @@
 // The manager client: cached State and OfflineMode, coalesced notifications,
 // requests it sends, and list queries.
-#include "tests/connman-base/client_fixture.h"
+#include "tests/connman-client/client_stack.h"
 
 namespace
 {
-
-const char *const MANAGER = "net.connman.Manager";
 
 int services_replies = 0;
 int technologies_replies = 0;
@@ -18,21 +16,23 @@ void count_technologies(DBusMessageIter *)
     technologies_replies++;
 }
 
-GVariant *property(const char *name, GVariant *value)
+// Property notifications as "path|name" (path empty for the manager).
+std::vector<std::string> notes;
+void record_property(const char *path, const char *name, void *)
 {
-    return g_variant_new("(sv)", name, value);
+    notes.push_back(std::string(path ? path : "") + "|" + name);
 }
 
-} // namespace
+using ManagerTest = ClientStackTest;
 
-using ManagerTest = ClientTest;
+} // namespace
 
 TEST_F(ManagerTest, BeforeInitDefaultsAndStateNames)
 {
     EXPECT_TRUE(connman_manager_get_offlinemode());
     EXPECT_EQ(0u, connman_manager_get_state());
     EXPECT_EQ(-EINVAL, connman_manager_init());
-    EXPECT_EQ(-EINVAL, connman_manager_get_properties(record_property, this));
+    EXPECT_EQ(-EINVAL, connman_manager_get_properties(record_property, nullptr));
     EXPECT_EQ(-EINVAL, __connman_manager_get_technologies(count_technologies));
 
     EXPECT_EQ(1u, string2enum_state("offline"));
@@ -46,10 +46,9 @@ TEST_F(ManagerTest, BeforeInitDefaultsAndStateNames)
 
 TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
 {
-    daemon.state = "ready";
-    daemon.offline = true;
-    init_manager();
-    ASSERT_EQ(0, connman_manager_get_properties(record_property, this));
+    connman.on("GetProperties", "({'State': <'ready'>, 'OfflineMode': <true>},)");
+    ASSERT_NO_FATAL_FAILURE(init_manager());
+    ASSERT_EQ(0, connman_manager_get_properties(record_property, nullptr));
     ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
     EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
     EXPECT_EQ(3u, connman_manager_get_state());
@@ -57,18 +56,17 @@ TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
 
     // Two State changes handled in one loop turn: one report, latest value.
     notes.clear();
-    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("idle")));
-    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("online")));
+    emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'idle'>)");
+    emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'online'>)");
     ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
     drain();
     EXPECT_EQ(std::vector<std::string>{"|State"}, notes);
     EXPECT_EQ(4u, connman_manager_get_state());
 
     notes.clear();
-    daemon.emit("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("bogus")));
-    daemon.emit("/", MANAGER, "PropertyChanged", property("Unrelated", g_variant_new_int32(1)));
-    daemon.emit("/", MANAGER, "PropertyChanged",
-                property("OfflineMode", g_variant_new_boolean(FALSE)));
+    for (const char *change :
+         {"('State', <'bogus'>)", "('Unrelated', <1>)", "('OfflineMode', <false>)"})
+        connman.emit("/", "net.connman.Manager", "PropertyChanged", change);
     ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
     drain();
     EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
@@ -77,7 +75,7 @@ TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
 
     // Pending reports die with the client.
     notes.clear();
-    emit_unread("/", MANAGER, "PropertyChanged", property("State", g_variant_new_string("idle")));
+    emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'idle'>)");
     ASSERT_TRUE(run_until([&] { return connman_manager_get_state() == 2u; }));
     connman_manager_finalize();
     drain();
@@ -87,30 +85,33 @@ TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
 
 TEST_F(ManagerTest, OfflineModeAndAgentRequests)
 {
-    init_manager();
+    ASSERT_NO_FATAL_FAILURE(init_manager());
     ASSERT_EQ(0, connman_manager_set_offlinemode(true));
     connman_manager_register_agent("not a path");
     connman_manager_register_agent("/net/connman/agent/gaskaidra");
     connman_manager_unregister_agent("/net/connman/agent/gaskaidra");
-    ASSERT_TRUE(run_until([&] { return daemon.calls("UnregisterAgent").size() == 1; }));
+    ASSERT_TRUE(run_until([&] { return connman.count("UnregisterAgent") == 1; }));
 
-    EXPECT_EQ(std::vector<std::string>{"('OfflineMode', <true>)"}, daemon.calls("SetProperty"));
-    EXPECT_EQ(std::vector<std::string>{"(objectpath '/net/connman/agent/gaskaidra',)"},
-              daemon.calls("RegisterAgent"));
+    EXPECT_EQ(1, connman.count("SetProperty"));
+    EXPECT_EQ("('OfflineMode', <true>)", connman.last_args("SetProperty"));
+    EXPECT_EQ(1, connman.count("RegisterAgent"));
+    EXPECT_EQ("(objectpath '/net/connman/agent/gaskaidra',)", connman.last_args("RegisterAgent"));
     // The cache follows the daemon, not the request.
     EXPECT_FALSE(connman_manager_get_offlinemode());
 }
 
 TEST_F(ManagerTest, NullCallbackCancelsListRequest)
 {
-    init_manager();
+    connman.on("GetServices", "(@a(oa{sv}) [],)");
+    connman.on("GetTechnologies", "(@a(oa{sv}) [],)");
+    ASSERT_NO_FATAL_FAILURE(init_manager());
     ASSERT_EQ(0, __connman_manager_get_services(count_services));
     ASSERT_EQ(0, __connman_manager_get_services(nullptr));
     ASSERT_EQ(0, __connman_manager_get_technologies(count_technologies));
     // Replies come in order, so the services reply has been seen by now.
     ASSERT_TRUE(run_until([&] { return technologies_replies == 1; }));
     drain();
-    EXPECT_EQ(1u, daemon.calls("GetServices").size());
+    EXPECT_EQ(1, connman.count("GetServices"));
     EXPECT_EQ(0, services_replies);
 
     ASSERT_EQ(0, __connman_manager_get_services(count_services));

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/connman-services/client_stack.h"
+#include "tests/connman-client/client_stack.h"
 
 namespace
 {

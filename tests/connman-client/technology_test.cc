@@ -2,7 +2,7 @@
 // changes are reported, and the SetProperty and Scan requests.
 #include <algorithm>
 
-#include "tests/connman-base/client_fixture.h"
+#include "tests/connman-client/client_stack.h"
 
 namespace
 {
@@ -13,7 +13,7 @@ const char *const P2P = "/net/connman/technology/p2p";
 const char *const TECHNOLOGY = "net.connman.Technology";
 const char *const MANAGER = "net.connman.Manager";
 
-std::vector<std::string> added, removed, errors, own_notes;
+std::vector<std::string> added, removed, errors, notes, own_notes;
 int scans = 0;
 
 void on_added(const char *path)
@@ -36,10 +36,9 @@ void on_own_property(const char *path, const char *name, void *)
 {
     own_notes.push_back(std::string(path) + "|" + name);
 }
-
-GVariant *property(const char *name, GVariant *value)
+void record_property(const char *path, const char *name, void *)
 {
-    return g_variant_new("(sv)", name, value);
+    notes.push_back(std::string(path) + "|" + name);
 }
 
 bool contains(const std::vector<std::string> &list, const std::string &item)
@@ -49,22 +48,35 @@ bool contains(const std::vector<std::string> &list, const std::string &item)
 
 } // namespace
 
-class TechnologyTest : public ClientTest
+class TechnologyTest : public ClientStackTest
 {
   protected:
     // The daemon has Wi-Fi (off) and Ethernet (on, connected); the client has
-    // mirrored both and subscribed to the technology signals.
+    // mirrored both and subscribed to the technology signals. Like the
+    // daemon, the fake announces a new value before it answers SetProperty.
     void init_technologies()
     {
-        daemon.technologies = {{"wifi", "WiFi", false, false}, {"ethernet", "Wired", true, true}};
-        init_manager();
+        connman.on(
+            "GetTechnologies",
+            "([(objectpath '/net/connman/technology/wifi', {'Name': <'WiFi'>, 'Type': "
+            "<'wifi'>, 'Powered': <false>, 'Connected': <false>, 'Tethering': <false>}), "
+            "(objectpath '/net/connman/technology/ethernet', {'Name': <'Wired'>, 'Type': "
+            "<'ethernet'>, 'Powered': <true>, 'Connected': <true>, 'Tethering': <false>})],)");
+        connman.on("SetProperty", [this](DBusMessage *call) -> std::string {
+            if (!fail_next.empty())
+                return "!" + std::exchange(fail_next, "");
+            connman.emit(dbus_message_get_path(call), TECHNOLOGY, "PropertyChanged",
+                         fake::body_text(call));
+            return "()";
+        });
+        ASSERT_NO_FATAL_FAILURE(init_manager());
         ASSERT_EQ(0, connman_technology_init());
         connman_technology_set_added_callback(on_added);
         connman_technology_set_removed_callback(on_removed);
-        connman_technology_set_global_property_callback(record_property, this);
+        connman_technology_set_global_property_callback(record_property, nullptr);
         // The client asks twice; a scan answered after the second answer
         // tells that both have been handled.
-        ASSERT_TRUE(run_until([&] { return daemon.calls("GetTechnologies").size() == 2; }));
+        ASSERT_TRUE(run_until([&] { return connman.count("GetTechnologies") == 2; }));
         sync();
     }
 
@@ -75,12 +87,14 @@ class TechnologyTest : public ClientTest
         ASSERT_TRUE(run_until([&] { return scans > before; }));
         drain();
     }
+
+    std::string fail_next; // "error.Name message" for the next SetProperty
 };
 
 TEST_F(TechnologyTest, NothingBeforeInit)
 {
     EXPECT_EQ(-EINVAL, connman_technology_init());
-    init_interface();
+    ASSERT_NO_FATAL_FAILURE(init_interface());
     EXPECT_EQ(-EINVAL, connman_technology_init()); // the manager client is not up
     EXPECT_EQ(nullptr, connman_technology_get_technologies());
     EXPECT_EQ(-EINVAL, connman_technology_enable(WIFI, true));
@@ -111,9 +125,9 @@ TEST_F(TechnologyTest, MirrorsListAndRemovals)
         EXPECT_TRUE(contains(notes, std::string(WIFI) + "|" + name)) << name;
 
     // Removal of an unknown path is reported and changes nothing else.
-    daemon.emit("/", MANAGER, "TechnologyRemoved",
-                g_variant_new_parsed("(objectpath '/net/connman/technology/bluetooth',)"));
-    daemon.emit("/", MANAGER, "TechnologyRemoved", g_variant_new("(o)", WIFI));
+    connman.emit("/", MANAGER, "TechnologyRemoved",
+                 "(objectpath '/net/connman/technology/bluetooth',)");
+    connman.emit("/", MANAGER, "TechnologyRemoved", "(objectpath '/net/connman/technology/wifi',)");
     ASSERT_TRUE(run_until([&] { return removed.size() == 2; }));
     EXPECT_EQ("/net/connman/technology/bluetooth", removed[0]);
     EXPECT_EQ(nullptr, connman_technology_get_name(WIFI));
@@ -127,22 +141,20 @@ TEST_F(TechnologyTest, ReportsUnderTheLastHandledProperty)
 {
     init_technologies();
     notes.clear();
-    daemon.emit("/", MANAGER, "TechnologyAdded",
-                g_variant_new_parsed("(objectpath '/net/connman/technology/p2p', "
-                                     "{'Name': <'P2P'>, 'Type': <'p2p'>})"));
+    connman.emit("/", MANAGER, "TechnologyAdded",
+                 "(objectpath '/net/connman/technology/p2p', {'Name': <'P2P'>, 'Type': <'p2p'>})");
     ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
     EXPECT_EQ(std::string(P2P), added.back());
     EXPECT_EQ(std::vector<std::string>{std::string(P2P) + "|Powered"}, notes);
     EXPECT_STREQ("P2P", connman_technology_get_name(P2P));
     // An added technology makes the client ask for the whole list again.
-    ASSERT_TRUE(run_until([&] { return daemon.calls("GetTechnologies").size() == 3; }));
+    ASSERT_TRUE(run_until([&] { return connman.count("GetTechnologies") == 3; }));
     sync();
 
     // A signal starts with no property handled, so "Name" reports nothing.
     notes.clear();
-    daemon.emit(P2P, TECHNOLOGY, "PropertyChanged", property("Name", g_variant_new_string("Re")));
-    daemon.emit(P2P, TECHNOLOGY, "PropertyChanged",
-                property("Connected", g_variant_new_boolean(TRUE)));
+    connman.emit(P2P, TECHNOLOGY, "PropertyChanged", "('Name', <'Re'>)");
+    connman.emit(P2P, TECHNOLOGY, "PropertyChanged", "('Connected', <true>)");
     ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
     drain();
     EXPECT_EQ(std::vector<std::string>{std::string(P2P) + "|Connected"}, notes);
@@ -155,10 +167,8 @@ TEST_F(TechnologyTest, ChangesInOneTurnAreReportedOnce)
     init_technologies();
     connman_technology_set_property_changed_callback(WIFI, on_own_property, nullptr);
     notes.clear();
-    emit_unread(WIFI, TECHNOLOGY, "PropertyChanged",
-                property("Powered", g_variant_new_boolean(TRUE)));
-    emit_unread(WIFI, TECHNOLOGY, "PropertyChanged",
-                property("Powered", g_variant_new_boolean(FALSE)));
+    emit_unread(WIFI, TECHNOLOGY, "PropertyChanged", "('Powered', <true>)");
+    emit_unread(WIFI, TECHNOLOGY, "PropertyChanged", "('Powered', <false>)");
     ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
     drain();
     EXPECT_EQ(std::vector<std::string>{std::string(WIFI) + "|Powered"}, notes);
@@ -177,8 +187,9 @@ TEST_F(TechnologyTest, EnableSendsOnlyWhatIsNeeded)
     ASSERT_TRUE(run_until([&] { return connman_technology_is_enabled(WIFI); }));
     sync();
 
-    EXPECT_TRUE(daemon.calls("SetProperty", ETHERNET).empty());
-    EXPECT_EQ(std::vector<std::string>{"('Powered', <true>)"}, daemon.calls("SetProperty", WIFI));
+    EXPECT_EQ(0, connman.count("SetProperty", ETHERNET));
+    EXPECT_EQ(1, connman.count("SetProperty", WIFI));
+    EXPECT_EQ("('Powered', <true>)", connman.last_args("SetProperty"));
     EXPECT_TRUE(contains(notes, std::string(WIFI) + "|Powered"));
     // Answered, so a new request may go out.
     EXPECT_EQ(0, connman_technology_enable(WIFI, false));
@@ -188,7 +199,7 @@ TEST_F(TechnologyTest, FailedSetPropertyReachesErrorCallback)
 {
     init_technologies();
     connman_technology_set_property_error_callback(WIFI, on_error, nullptr);
-    daemon.fail_next_set_property("net.connman.Error.Failed", "Radio jammed");
+    fail_next = "net.connman.Error.Failed Radio jammed";
     testing::internal::CaptureStdout();
     ASSERT_EQ(0, connman_technology_enable(WIFI, true));
     bool reported = run_until([&] { return !errors.empty(); });
@@ -199,13 +210,13 @@ TEST_F(TechnologyTest, FailedSetPropertyReachesErrorCallback)
 
     // Without an error callback a failure is neither printed nor reported.
     connman_technology_set_property_error_callback(WIFI, nullptr, nullptr);
-    daemon.fail_next_set_property("net.connman.Error.Failed", "Radio jammed");
+    fail_next = "net.connman.Error.Failed Radio jammed";
     testing::internal::CaptureStdout();
     ASSERT_EQ(0, connman_technology_enable(WIFI, true));
     sync();
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
     EXPECT_EQ(1u, errors.size());
-    EXPECT_EQ(2u, daemon.calls("SetProperty", WIFI).size());
+    EXPECT_EQ(2, connman.count("SetProperty", WIFI));
 }
 
 TEST_F(TechnologyTest, ScanAndTetheringRequests)
@@ -223,8 +234,7 @@ TEST_F(TechnologyTest, ScanAndTetheringRequests)
         return g_strcmp0(connman_technology_get_tethering_passphrase(WIFI), "secret99") == 0;
     }));
     EXPECT_STREQ("hotspot", connman_technology_get_tethering_identifier(WIFI));
-    EXPECT_EQ((std::vector<std::string>{"('TetheringIdentifier', <'hotspot'>)",
-                                        "('TetheringPassphrase', <'secret99'>)"}),
-              daemon.calls("SetProperty", WIFI));
-    EXPECT_EQ(1u, daemon.calls("Scan", WIFI).size());
+    EXPECT_EQ(2, connman.count("SetProperty", WIFI));
+    EXPECT_EQ("('TetheringPassphrase', <'secret99'>)", connman.last_args("SetProperty"));
+    EXPECT_EQ(1, connman.count("Scan", WIFI));
 }
