@@ -11,9 +11,9 @@ typedef void (*connman_agent_error_cb_t)(const char *path, const char *error);
 typedef void (*connman_agent_browser_cb_t)(const char *path, const char *url);
 // (service path, name, identity, passphrase, previous passphrase, wps,
 //  previous wps pin, username); the flags are 1 when ConnMan asks for them.
-typedef void (*connman_agent_input_cb_t)(const char *path, int name, int identity,
-                                         int passphrase, const char *previous_passphrase,
-                                         int wps, const char *previous_wps_pin, int username);
+typedef void (*connman_agent_input_cb_t)(const char *path, int name, int identity, int passphrase,
+                                         const char *previous_passphrase, int wps,
+                                         const char *previous_wps_pin, int username);
 typedef void (*connman_agent_cancel_cb_t)(void);
 
 int connman_agent_init(void);

@@ -66,8 +66,7 @@ void connman_service_set_global_property_callback(connman_property_cb_t cb, void
 void connman_service_set_removed_callback(connman_path_cb_t cb);
 void connman_service_set_property_changed_callback(const char *path, connman_property_cb_t cb,
                                                    void *user_data);
-void connman_service_set_property_error_callback(const char *path,
-                                                 connman_property_error_cb_t cb,
+void connman_service_set_property_error_callback(const char *path, connman_property_error_cb_t cb,
                                                  void *user_data);
 
 int connman_service_select(const char *path);
@@ -103,8 +102,7 @@ struct connman_ethernet *connman_service_get_ethernet(const char *path);
 int connman_service_connect(const char *path);
 int connman_service_disconnect(const char *path);
 int connman_service_remove(const char *path);
-int connman_service_connect_cb(const char *path, connman_service_return_cb_t cb,
-                               void *user_data);
+int connman_service_connect_cb(const char *path, connman_service_return_cb_t cb, void *user_data);
 int connman_service_disconnect_cb(const char *path, connman_service_return_cb_t cb,
                                   void *user_data);
 

@@ -9,5 +9,5 @@
 #define NETMGR_WARNING "Warning"
 #define NETMGR_ERROR "Error"
 
-#define NETMGR_LOG(level, line, fmt, ...)                                                      \
+#define NETMGR_LOG(level, line, fmt, ...)                                                          \
     fprintf(stderr, "[NETMGR][%s][%s:%d]" fmt "\n", level, __func__, line, ##__VA_ARGS__)
