@@ -48,68 +48,47 @@ void flatten_dict(DBusMessageIter *array, const std::string &prefix, Properties 
 void flatten(DBusMessageIter *value, const std::string &key, Properties *out)
 {
     int type = dbus_message_iter_get_arg_type(value);
-    switch (type) {
-    case DBUS_TYPE_VARIANT: {
+    DBusBasicValue basic;
+    if (type == DBUS_TYPE_VARIANT) {
         DBusMessageIter inner;
         dbus_message_iter_recurse(value, &inner);
         flatten(&inner, key, out);
-        return;
-    }
-    case DBUS_TYPE_STRING:
-    case DBUS_TYPE_OBJECT_PATH: {
-        const char *s = nullptr;
-        dbus_message_iter_get_basic(value, &s);
-        (*out)[key] = s;
-        return;
-    }
-    case DBUS_TYPE_BOOLEAN: {
-        dbus_bool_t b = FALSE;
-        dbus_message_iter_get_basic(value, &b);
-        (*out)[key] = b ? "true" : "false";
-        return;
-    }
-    case DBUS_TYPE_BYTE: {
-        unsigned char v = 0;
-        dbus_message_iter_get_basic(value, &v);
-        (*out)[key] = std::to_string(v);
-        return;
-    }
-    case DBUS_TYPE_UINT16: {
-        dbus_uint16_t v = 0;
-        dbus_message_iter_get_basic(value, &v);
-        (*out)[key] = std::to_string(v);
-        return;
-    }
-    case DBUS_TYPE_INT32: {
-        dbus_int32_t v = 0;
-        dbus_message_iter_get_basic(value, &v);
-        (*out)[key] = std::to_string(v);
-        return;
-    }
-    case DBUS_TYPE_UINT32: {
-        dbus_uint32_t v = 0;
-        dbus_message_iter_get_basic(value, &v);
-        (*out)[key] = std::to_string(v);
-        return;
-    }
-    case DBUS_TYPE_ARRAY:
-        if (dbus_message_iter_get_element_type(value) == DBUS_TYPE_DICT_ENTRY) {
-            flatten_dict(value, key + ".", out);
-        } else {
-            std::string joined;
-            DBusMessageIter item;
-            dbus_message_iter_recurse(value, &item);
-            while (dbus_message_iter_get_arg_type(&item) == DBUS_TYPE_STRING) {
-                const char *s = nullptr;
-                dbus_message_iter_get_basic(&item, &s);
-                joined += (joined.empty() ? "" : ",") + std::string(s);
-                dbus_message_iter_next(&item);
-            }
-            (*out)[key] = joined;
+    } else if (type == DBUS_TYPE_ARRAY &&
+               dbus_message_iter_get_element_type(value) == DBUS_TYPE_DICT_ENTRY) {
+        flatten_dict(value, key + ".", out);
+    } else if (type == DBUS_TYPE_ARRAY) {
+        std::string joined;
+        DBusMessageIter item;
+        for (dbus_message_iter_recurse(value, &item);
+             dbus_message_iter_get_arg_type(&item) == DBUS_TYPE_STRING;
+             dbus_message_iter_next(&item)) {
+            dbus_message_iter_get_basic(&item, &basic);
+            joined += (joined.empty() ? "" : ",") + std::string(basic.str);
         }
-        return;
-    default:
-        return;
+        (*out)[key] = joined;
+    } else if (dbus_type_is_basic(type)) {
+        dbus_message_iter_get_basic(value, &basic);
+        switch (type) {
+        case DBUS_TYPE_STRING:
+        case DBUS_TYPE_OBJECT_PATH:
+            (*out)[key] = basic.str;
+            break;
+        case DBUS_TYPE_BOOLEAN:
+            (*out)[key] = basic.bool_val ? "true" : "false";
+            break;
+        case DBUS_TYPE_BYTE:
+            (*out)[key] = std::to_string(basic.byt);
+            break;
+        case DBUS_TYPE_UINT16:
+            (*out)[key] = std::to_string(basic.u16);
+            break;
+        case DBUS_TYPE_INT32:
+            (*out)[key] = std::to_string(basic.i32);
+            break;
+        case DBUS_TYPE_UINT32:
+            (*out)[key] = std::to_string(basic.u32);
+            break;
+        }
     }
 }
 

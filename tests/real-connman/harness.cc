@@ -33,17 +33,11 @@ std::string connmand_path()
 
 std::string find_tool(const std::string &name)
 {
-    std::string path = getenv("PATH") ? getenv("PATH") : "";
-    path += ":/usr/sbin:/sbin:/usr/bin:/bin";
-    std::stringstream dirs(path);
-    std::string dir;
-    while (std::getline(dirs, dir, ':')) {
-        if (dir.empty())
-            continue;
-        std::string candidate = dir + "/" + name;
-        if (access(candidate.c_str(), X_OK) == 0)
-            return candidate;
-    }
+    std::stringstream dirs(std::string(getenv("PATH") ? getenv("PATH") : "") +
+                           ":/usr/sbin:/sbin:/usr/bin:/bin");
+    for (std::string dir; std::getline(dirs, dir, ':');)
+        if (!dir.empty() && access((dir + "/" + name).c_str(), X_OK) == 0)
+            return dir + "/" + name;
     return "";
 }
 
@@ -64,16 +58,13 @@ std::vector<char *> to_argv(const std::vector<std::string> &args)
     return argv;
 }
 
-// Starts argv with stdout and stderr appended to log; stdin is /dev/null.
+// Starts argv with stdin from /dev/null and stdout and stderr on out.
 // Everything the child needs is prepared before fork, because the library's
 // threads may be running.
-pid_t spawn(const std::vector<std::string> &args, const std::string &log)
+pid_t spawn(const std::vector<std::string> &args, int out)
 {
     std::vector<char *> argv = to_argv(args);
-    int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (out < 0 || in < 0)
-        throw std::runtime_error("cannot open " + log);
     pid_t pid = fork();
     if (pid == 0) {
         dup2(in, 0);
@@ -82,8 +73,17 @@ pid_t spawn(const std::vector<std::string> &args, const std::string &log)
         execv(argv[0], argv.data());
         _exit(127);
     }
-    close(out);
     close(in);
+    return pid;
+}
+
+pid_t spawn(const std::vector<std::string> &args, const std::string &log)
+{
+    int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (out < 0)
+        throw std::runtime_error("cannot open " + log);
+    pid_t pid = spawn(args, out);
+    close(out);
     if (pid < 0)
         throw std::runtime_error("fork failed");
     return pid;
@@ -187,42 +187,27 @@ std::string check_machine()
 
 int run_command(const std::vector<std::string> &args, std::string *output)
 {
-    std::vector<char *> argv = to_argv(args);
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)
         return -1;
-    pid_t pid = fork();
-    if (pid < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return -1;
-    }
-    if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
-        dup2(in, 0);
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
+    pid_t pid = spawn(args, fds[1]);
     close(fds[1]);
     std::string text;
     char buf[512];
     ssize_t n;
     while ((n = read(fds[0], buf, sizeof(buf))) != 0) {
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
+        if (n > 0)
+            text.append(buf, static_cast<size_t>(n));
+        else if (errno != EINTR)
             break;
-        text.append(buf, static_cast<size_t>(n));
     }
     close(fds[0]);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (output)
         *output = text;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string RealConnman::unavailable_reason()
@@ -394,31 +379,32 @@ void RealConnman::set_far_end_up(bool up)
     run_or_throw({tool("ip"), "-n", ns_b_, "link", "set", "vB", up ? "up" : "down"});
 }
 
+// The words that follow marker in the output of `ip -n NS -o ARGS... dev vA`.
+static std::vector<std::string>
+words_after(const std::string &ns, const std::vector<std::string> &args, const std::string &marker)
+{
+    std::vector<std::string> argv = {tool("ip"), "-n", ns, "-o"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string output;
+    run_command(argv, &output);
+    std::vector<std::string> found;
+    std::stringstream words(output);
+    for (std::string word; words >> word;)
+        if (word == marker && words >> word)
+            found.push_back(word);
+    return found;
+}
+
 std::vector<std::string> RealConnman::addresses() const
 {
-    std::string output;
-    run_command({tool("ip"), "-n", ns_a_, "-o", "-4", "addr", "show", "dev", "vA"}, &output);
-    std::vector<std::string> result;
-    std::stringstream words(output);
-    std::string word;
-    while (words >> word) {
-        if (word == "inet" && words >> word)
-            result.push_back(word);
-    }
-    return result;
+    return words_after(ns_a_, {"-4", "addr", "show", "dev", "vA"}, "inet");
 }
 
 std::string RealConnman::mac() const
 {
-    std::string output;
-    run_command({tool("ip"), "-n", ns_a_, "-o", "link", "show", "dev", "vA"}, &output);
-    std::stringstream words(output);
-    std::string word;
-    while (words >> word) {
-        if (word == "link/ether" && words >> word)
-            return word;
-    }
-    return "";
+    std::vector<std::string> found =
+        words_after(ns_a_, {"link", "show", "dev", "vA"}, "link/ether");
+    return found.empty() ? "" : found[0];
 }
 
 void RealConnman::adopt_process(pid_t pid, const std::string &dir_to_remove)
