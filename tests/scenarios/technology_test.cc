@@ -29,15 +29,6 @@ class TechnologyScenario : public Scenario
         const char *text = powered ? "true" : "false";
         return wait_until([&] { return sim.technology_property(type, "Powered") == text; }, 5000);
     }
-
-    int wifi_power_requests() const
-    {
-        int n = 0;
-        for (const connman_sim::Call &call : sim.calls())
-            if (call.member == "SetProperty" && call.path == WIFI_TECH)
-                n++;
-        return n;
-    }
 };
 
 TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
@@ -63,10 +54,10 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
 
     // While the cable is connected Wi-Fi cannot be chosen.
-    int requests = wifi_power_requests();
+    int requests = sim.count_calls("SetProperty", WIFI_TECH);
     EXPECT_FALSE(NetMgr_EnableWifi());
     EXPECT_FALSE(NetMgr_GetWifiEnable());
-    EXPECT_EQ(requests, wifi_power_requests());
+    EXPECT_EQ(requests, sim.count_calls("SetProperty", WIFI_TECH));
 
     // Without the cable Wi-Fi takes over and the check finds the last network.
     from = events.mark();
@@ -97,7 +88,7 @@ TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
     // Bridged calls run after the handler that raised the event.
     EXPECT_FALSE(NetMgr_GetWifiEnable());
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
-    EXPECT_EQ(0, wifi_power_requests());
+    EXPECT_EQ(0, sim.count_calls("SetProperty", WIFI_TECH));
     EXPECT_EQ("false", sim.technology_property("wifi", "Powered"));
 
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED));
