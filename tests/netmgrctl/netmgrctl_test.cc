@@ -1,7 +1,6 @@
 // netmgrctl run as a child process against private buses and the ConnMan
 // simulator, with its settings store in a temporary directory.
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -38,74 +37,63 @@ struct Outcome {
     std::string err;
 };
 
-// Runs netmgrctl with args, feeding input on stdin, and collects its output;
-// sends SIGINT once its output satisfies interrupt_when.
+std::string read_file(const char *name)
+{
+    std::ifstream in(name);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Runs netmgrctl with args, feeding input on stdin, and collects its output
+// through temporary files; sends SIGINT once its output satisfies
+// interrupt_when, SIGKILL when it runs longer than 30 s.
 Outcome run_ctl(const std::vector<std::string> &args, const std::string &input = "",
                 const std::function<bool(const std::string &)> &interrupt_when = nullptr)
 {
-    std::vector<char *> argv;
-    std::string program = NETMGRCTL_PROGRAM;
-    argv.push_back(program.data());
     std::vector<std::string> copies(args);
+    copies.insert(copies.begin(), NETMGRCTL_PROGRAM);
+    std::vector<char *> argv;
     for (std::string &arg : copies)
         argv.push_back(arg.data());
     argv.push_back(nullptr);
 
-    int in[2], out[2], err[2];
+    char out_name[] = "/tmp/netmgrctl-out-XXXXXX", err_name[] = "/tmp/netmgrctl-err-XXXXXX";
+    int out = mkostemp(out_name, O_CLOEXEC), err = mkostemp(err_name, O_CLOEXEC), in[2];
     Outcome run;
-    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC))
+    if (out < 0 || err < 0 || pipe2(in, O_CLOEXEC) < 0)
         return run;
     pid_t pid = fork();
     if (pid == 0) {
         dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
+        dup2(out, 1);
+        dup2(err, 2);
         execv(argv[0], argv.data());
         _exit(127);
     }
     close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    if (!input.empty() && write(in[1], input.data(), input.size()) < 0)
+    if (write(in[1], input.data(), input.size()) < 0)
         ADD_FAILURE() << "could not write the child's input";
     close(in[1]);
 
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    bool interrupted = false;
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    std::string *sinks[2] = {&run.out, &run.err};
-    int open_fds = 2;
-    while (open_fds > 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0 || poll(fds, 2, static_cast<int>(left)) <= 0)
-            break;
-        for (int i = 0; i < 2; i++) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP)))
-                continue;
-            char buf[4096];
-            ssize_t n = read(fds[i].fd, buf, sizeof(buf));
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-                if (interrupt_when && !interrupted && interrupt_when(run.out))
-                    interrupted = kill(pid, SIGINT) == 0;
-            } else {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                open_fds--;
-            }
-        }
-    }
-    if (open_fds > 0)
-        kill(pid, SIGKILL);
-    for (auto &fd : fds) {
-        if (fd.fd >= 0)
-            close(fd.fd);
-    }
     int status = 0;
-    waitpid(pid, &status, 0);
-    run.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    bool interrupted = false;
+    bool ended = wait_until(
+        [&] {
+            if (interrupt_when && !interrupted && interrupt_when(read_file(out_name)))
+                interrupted = kill(pid, SIGINT) == 0;
+            return waitpid(pid, &status, WNOHANG) == pid;
+        },
+        30000);
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    run.code = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.out = read_file(out_name);
+    run.err = read_file(err_name);
+    for (int fd : {out, err})
+        close(fd);
+    unlink(out_name);
+    unlink(err_name);
     return run;
 }
 
@@ -124,44 +112,40 @@ std::string service_path(const char *ident)
     return std::string("/net/connman/service/") + ident;
 }
 
-connman_sim::Network home()
+connman_sim::Network network(const char *ident, const char *name, const char *security,
+                             const char *passphrase = "", uint8_t strength = 60)
 {
     connman_sim::Network net;
-    net.ident = kHome;
-    net.name = "home";
-    net.security = {"psk"};
-    net.passphrase = kPassphrase;
-    net.strength = 70;
+    net.ident = ident;
+    net.name = name;
+    net.security = {security};
+    net.passphrase = passphrase;
+    net.strength = strength;
     return net;
+}
+
+connman_sim::Network home()
+{
+    return network(kHome, "home", "psk", kPassphrase, 70);
 }
 
 connman_sim::Network cafe()
 {
-    connman_sim::Network net;
-    net.ident = kCafe;
-    net.name = "cafe";
-    net.security = {"none"};
-    net.strength = 40;
-    return net;
+    return network(kCafe, "cafe", "none", "", 40);
 }
 
 connman_sim::Network attic()
 {
-    connman_sim::Network net;
-    net.ident = kAttic;
+    connman_sim::Network net = network(kAttic, "", "psk", "attic secret");
     net.hidden = true;
     net.hidden_name = "Attic";
-    net.security = {"psk"};
-    net.passphrase = "attic secret";
     return net;
 }
 
 connman_sim::Network cable()
 {
-    connman_sim::Network net;
-    net.ident = kCable;
+    connman_sim::Network net = network(kCable, "Wired", "none");
     net.type = "ethernet";
-    net.name = "Wired";
     net.interface = "eth0";
     net.ipv4_address = "192.0.2.44";
     return net;
