@@ -140,7 +140,10 @@ static void format_rule(struct filter_data *data, char *rule, size_t size)
         append(",arg0='%s'", data->argument);
 }
 
-static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
+// Sends the match rule of data to the bus with dbus_bus_add_match or
+// dbus_bus_remove_match (both block until the bus answers).
+static gboolean send_match_rule(struct filter_data *data,
+                                void (*bus_call)(DBusConnection *, const char *, DBusError *))
 {
     char rule[1024];
     DBusError error;
@@ -151,12 +154,18 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
         return FALSE;
 
     dbus_error_init(&error);
-    dbus_bus_add_match(data->connection, rule, &error);
+    bus_call(data->connection, rule, &error);
     if (dbus_error_is_set(&error)) {
         dbus_error_free(&error);
         return FALSE;
     }
+    return TRUE;
+}
 
+static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
+{
+    if (!send_match_rule(data, dbus_bus_add_match))
+        return FALSE;
     data->handle_func = filter;
     data->registered = TRUE;
     return TRUE;
@@ -164,20 +173,7 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
 
 static gboolean remove_match(struct filter_data *data)
 {
-    char rule[1024];
-    DBusError error;
-
-    format_rule(data, rule, sizeof(rule));
-    if (!dbus_validate_utf8(rule, nullptr))
-        return FALSE;
-
-    dbus_error_init(&error);
-    dbus_bus_remove_match(data->connection, rule, &error);
-    if (dbus_error_is_set(&error)) {
-        dbus_error_free(&error);
-        return FALSE;
-    }
-    return TRUE;
+    return send_match_rule(data, dbus_bus_remove_match);
 }
 
 static struct filter_data *filter_data_find(DBusConnection *connection, const char *name,

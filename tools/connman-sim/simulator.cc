@@ -693,6 +693,24 @@ static void add_string(GVariantBuilder *b, const char *key, const std::string &v
     g_variant_builder_add(b, "{sv}", key, g_variant_new_string(value.c_str()));
 }
 
+// The manually configured addresses, as both the live and the
+// configuration dictionaries show them.
+static void add_manual_ipv4(GVariantBuilder *b, const Ipv4Config &c)
+{
+    add_string(b, "Address", c.address);
+    add_string(b, "Netmask", c.netmask);
+    if (!c.gateway.empty())
+        add_string(b, "Gateway", c.gateway);
+}
+
+static void add_manual_ipv6(GVariantBuilder *b, const Ipv6Config &c)
+{
+    add_string(b, "Address", c.address);
+    g_variant_builder_add(b, "{sv}", "Prefix", g_variant_new_uint16(c.prefix));
+    if (!c.gateway.empty())
+        add_string(b, "Gateway", c.gateway);
+}
+
 GVariant *Engine::service_property_value(const Svc &svc, const std::string &name) const
 {
     const Network &net = svc.net;
@@ -739,10 +757,7 @@ GVariant *Engine::service_property_value(const Svc &svc, const std::string &name
         const Ipv4Config &c = svc.ipv4_config;
         add_string(&b, "Method", c.method);
         if (c.method == "manual") {
-            add_string(&b, "Address", c.address);
-            add_string(&b, "Netmask", c.netmask);
-            if (!c.gateway.empty())
-                add_string(&b, "Gateway", c.gateway);
+            add_manual_ipv4(&b, c);
         } else if (c.method != "off") {
             add_string(&b, "Address", net.ipv4_address);
             add_string(&b, "Netmask", net.ipv4_netmask);
@@ -755,10 +770,7 @@ GVariant *Engine::service_property_value(const Svc &svc, const std::string &name
         const Ipv4Config &c = svc.ipv4_config;
         add_string(&b, "Method", c.method);
         if (c.method == "manual") {
-            add_string(&b, "Address", c.address);
-            add_string(&b, "Netmask", c.netmask);
-            if (!c.gateway.empty())
-                add_string(&b, "Gateway", c.gateway);
+            add_manual_ipv4(&b, c);
         }
         return g_variant_builder_end(&b);
     }
@@ -769,10 +781,7 @@ GVariant *Engine::service_property_value(const Svc &svc, const std::string &name
         const Ipv6Config &c = svc.ipv6_config;
         add_string(&b, "Method", c.method);
         if (c.method == "manual") {
-            add_string(&b, "Address", c.address);
-            g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(c.prefix));
-            if (!c.gateway.empty())
-                add_string(&b, "Gateway", c.gateway);
+            add_manual_ipv6(&b, c);
         } else if (c.method != "off") {
             add_string(&b, "Address", net.ipv6_address);
             g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(net.ipv6_prefix));
@@ -786,10 +795,7 @@ GVariant *Engine::service_property_value(const Svc &svc, const std::string &name
         const Ipv6Config &c = svc.ipv6_config;
         add_string(&b, "Method", c.method);
         if (c.method == "manual") {
-            add_string(&b, "Address", c.address);
-            g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(c.prefix));
-            if (!c.gateway.empty())
-                add_string(&b, "Gateway", c.gateway);
+            add_manual_ipv6(&b, c);
         }
         add_string(&b, "Privacy", c.privacy);
         return g_variant_builder_end(&b);
