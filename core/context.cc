@@ -17,6 +17,8 @@ NetMgrContext *g_netMgr = nullptr;
 
 void netmgr_raise_event(NetMgrEvent event, void *arg)
 {
+    // Observers see the argument before the application can change it.
+    netmgr_observe_event(event, arg);
     if (g_netMgr && g_netMgr->eventCallback)
         g_netMgr->eventCallback(event, arg);
 }
@@ -89,6 +91,7 @@ void _netmgr_main_routine()
         NETMGR_LOG(NETMGR_ERROR, 2162, "## connman_interface_init failed");
         return;
     }
+    netmgr_observe_init();
 
     // Nothing quits this loop: it serves the library for the process's life.
     GMainLoop *loop = g_main_loop_new(nullptr, FALSE);

@@ -60,6 +60,14 @@ void agent_input_cb(const char *path, int name, int identity, int passphrase,
                     int username);
 void agent_error_cb(const char *path, const char *error);
 
+// status.cc: a technology's status from the client's mirror (service thread)
+NetStatus technology_status(const char *path);
+
+// observe.cc: the read-only state object on the session bus
+void netmgr_observe_init();
+// Sends the event as a signal while someone watches; service thread.
+void netmgr_observe_event(NetMgrEvent event, const void *arg);
+
 // technology.cc
 bool switch_wifi();
 bool switch_ethernet();

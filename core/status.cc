@@ -3,6 +3,17 @@
 #include "core/bridge.h"
 #include "core/internal.h"
 
+// Answered from the client's technology mirror, so it never says
+// "connecting" or "disconnected".
+NetStatus technology_status(const char *path)
+{
+    if (connman_technology_is_connected(path))
+        return NET_STATUS_CONNECTED;
+    if (connman_technology_is_enabled(path))
+        return NET_STATUS_ENABLED;
+    return NET_STATUS_DISABLED;
+}
+
 namespace
 {
 
@@ -15,17 +26,6 @@ struct ConnInfoRecord {
     std::promise<bool> *promise;
     NetConnInfo *info;
 };
-
-// Answered from the client's technology mirror, so it never says
-// "connecting" or "disconnected".
-NetStatus technology_status(const char *path)
-{
-    if (connman_technology_is_connected(path))
-        return NET_STATUS_CONNECTED;
-    if (connman_technology_is_enabled(path))
-        return NET_STATUS_ENABLED;
-    return NET_STATUS_DISABLED;
-}
 
 void copy_conn_info(const NetConnInfo &from, NetConnInfo *to)
 {
