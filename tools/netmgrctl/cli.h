@@ -24,11 +24,14 @@ enum ExitCode {
     EXIT_FAILED = 1,
     EXIT_USAGE = 2,
     EXIT_TIMEOUT = 3,
+    EXIT_NO_CONNMAN = 4, // ConnMan (or the system bus) is not there
+    EXIT_REFUSED = 5,    // another process runs the library; netmgrctl only reads
 };
 
 using Clock = std::chrono::steady_clock;
 
 struct Command;
+struct Event;
 
 // Everything one invocation knows: options, the command and its arguments.
 struct Ctx {
@@ -64,6 +67,12 @@ const Command *find_command(const std::string &name);
 void console_init(bool verbose);
 void out(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 int fail(int code, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+// A warning on stderr; the command goes on.
+void warn(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// A plain remark on stderr ("netmgrctl: ..."), never a result.
+void note(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+// With --json, failures are also printed on stdout as {"ok":false,...}.
+void console_set_json(bool json);
 int usage_error(const Command *cmd, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 void print_usage(const Command *cmd, bool to_stdout);
 void print_json(const Json::Value &value);
@@ -90,11 +99,50 @@ void console_restore_terminal();
 // Control characters and quotes made visible, for one-line text output.
 std::string printable(const std::string &text);
 
+// ---- progress on a terminal (progress.cc) ----
+// While a long wait runs, stderr (only when it is a terminal) shows what is
+// awaited and for how long; any other output erases the line first.
+void progress_begin(const std::string &what);
+void progress_end();
+void progress_clear();
+void progress_pause(bool pause); // prompts stop it
+struct Progress {
+    explicit Progress(const std::string &what) { progress_begin(what); }
+    ~Progress() { progress_end(); }
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+};
+
+// ---- another process running the library (attach.cc) ----
+// Pid of the other process that owns the library's bus name, 0 when none
+// (then this process starts its own library).
+unsigned long attached_pid();
+// Refuses a changing command while attached (EXIT_REFUSED), else EXIT_OK.
+int refuse_when_attached(const Ctx &ctx);
+// The read commands answered from the other process's published state.
+int attached_status(Ctx &ctx);
+int attached_type(Ctx &ctx);
+int attached_wifi_list(Ctx &ctx);
+int attached_ip(Ctx &ctx, bool ipv6);
+int attached_monitor(Ctx &ctx, double count, Clock::time_point end);
+Json::Value connection_json(const NetConnInfo &info);
+void print_connection(const NetConnInfo &info);
+void print_wifi_list(const Ctx &ctx, const std::list<NetWifiInfo> &list);
+void print_event(const Ctx &ctx, const Event &event);
+
+// ---- manual page and shell completion (docs.cc) ----
+// Both are made from the command table, so they cannot drift from --help.
+std::string manual_page();
+std::string bash_completion();
+extern const char global_usage[];
+extern const char global_details[];
+
 // ---- argument parsing (main.cc) ----
 // One command line split into the command's words and its options.
 struct Parsed {
     std::vector<std::string> words;
     bool help = false;
+    bool version = false;
     std::string error; // first problem found; reported once the command is known
     std::vector<std::string> command_options;
 };
@@ -139,6 +187,10 @@ bool last_list_update(Clock::time_point &when);
 // Whether the connection of this type has been announced (events 4 and 7)
 // and not lost since.
 bool connection_announced(NetType type);
+// A passphrase request (event 10) of this library that nothing has
+// answered, cancelled or ended yet.
+bool passphrase_request_pending();
+void passphrase_request_answered();
 // Called on the service thread with every event, before commands see it.
 using EventObserver = void (*)(const Event &event);
 void set_event_observer(EventObserver observer);

@@ -36,7 +36,7 @@ static bool wait_announced(Ctx &ctx, NetType type)
     return wait_for(bounded, [type] { return connection_announced(type); });
 }
 
-static Json::Value connection_json(const NetConnInfo &info)
+Json::Value connection_json(const NetConnInfo &info)
 {
     Json::Value value(Json::objectValue);
     value["type"] = type_name(info.type);
@@ -54,7 +54,7 @@ static Json::Value connection_json(const NetConnInfo &info)
     return value;
 }
 
-static void print_connection(const NetConnInfo &info)
+void print_connection(const NetConnInfo &info)
 {
     out("connection: %s \"%s\"", type_name(info.type), printable(info.name).c_str());
     if (info.type == NET_TYPE_WIFI)
@@ -77,6 +77,8 @@ int cmd_status(Ctx &ctx)
 {
     if (int rc = check_args(ctx, 0, 0))
         return rc;
+    if (attached_pid())
+        return attached_status(ctx);
     if (int rc = connect_library(ctx))
         return rc;
     NetStatus ethernet = NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET);
@@ -84,7 +86,7 @@ int cmd_status(Ctx &ctx)
     bool connected = ethernet == NET_STATUS_CONNECTED || wifi == NET_STATUS_CONNECTED;
     NetType connected_type = ethernet == NET_STATUS_CONNECTED ? NET_TYPE_ETHERNET : NET_TYPE_WIFI;
     if (connected && !wait_announced(ctx, connected_type))
-        fail(EXIT_OK, "the connection has not been announced yet; addresses may be missing");
+        warn("the connection has not been announced yet; addresses may be missing");
     NetConnInfo info;
     NetMgr_GetCurrentConnInfo(&info);
     bool enabled = NetMgr_GetNetworkEnable();
@@ -115,7 +117,10 @@ int cmd_type(Ctx &ctx)
 {
     if (int rc = check_args(ctx, 0, 0))
         return rc;
-    if (int rc = connect_library(ctx))
+    if (attached_pid())
+        return attached_type(ctx);
+    // The type is read from the settings at start: ConnMan is not needed.
+    if (int rc = start_library(ctx))
         return rc;
     NetType type = NetMgr_GetNetworkType();
     if (ctx.json) {
@@ -258,17 +263,28 @@ int cmd_factory(Ctx &ctx)
         return rc;
 
     if (action == "enable-wifi") {
+        Progress progress("forcing Wi-Fi on");
         NetMgr_Factory_EnableWifi();
         report_done(ctx, "factory enable-wifi", "Wi-Fi forced on");
     } else if (action == "scan") {
+        Progress progress("starting a driver scan in 2 s");
         NetMgr_Factory_ScanWifi();
         report_done(ctx, "factory scan", "driver scan started");
     } else if (action == "wifi-test") {
-        return report_test(ctx, action, NetMgr_Factory_Wifi_test());
+        Progress progress("running the Wi-Fi test");
+        bool pass = NetMgr_Factory_Wifi_test();
+        progress_end();
+        return report_test(ctx, action, pass);
     } else if (action == "autotest") {
-        return report_test(ctx, action, NetMgr_Factory_Wifi_AutotestResult());
+        Progress progress("running the Wi-Fi autotest");
+        bool pass = NetMgr_Factory_Wifi_AutotestResult();
+        progress_end();
+        return report_test(ctx, action, pass);
     } else if (action == "link-test") {
-        return report_test(ctx, action, NetMgr_Uart_Wifi_LinkTest(ctx.args[1].c_str()));
+        Progress progress("running the link test with " + printable(ctx.args[1]));
+        bool pass = NetMgr_Uart_Wifi_LinkTest(ctx.args[1].c_str());
+        progress_end();
+        return report_test(ctx, action, pass);
     } else {
         int result = NetMgr_Factory_network_reset();
         if (ctx.json) {
@@ -305,30 +321,40 @@ int cmd_monitor(Ctx &ctx)
         return usage_error(ctx.cmd, "--duration needs a number of seconds above 0");
 
     stop_on_signal_gracefully();
-    if (int rc = start_library(ctx))
-        return rc;
     Clock::time_point end = Clock::time_point::max();
     if (duration > 0)
         end = Clock::now() +
               std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(duration));
+    if (attached_pid())
+        return attached_monitor(ctx, count, end);
+    if (int rc = start_library(ctx))
+        return rc;
     double printed = 0;
     while (!interrupted() && Clock::now() < end && (count == 0 || printed < count)) {
         Event event;
         if (!next_event(event, earlier(end, std::chrono::milliseconds(200))))
             continue;
-        if (ctx.json)
-            print_json(event_json(event));
-        else
-            out("%s\n", event_text(event).c_str());
-        console_flush();
+        print_event(ctx, event);
         printed++;
     }
     return EXIT_OK;
 }
 
+void print_event(const Ctx &ctx, const Event &event)
+{
+    if (ctx.json)
+        print_json(event_json(event));
+    else
+        out("%s\n", event_text(event).c_str());
+    console_flush();
+}
+
 int cmd_reset_db(Ctx &ctx)
 {
     if (int rc = check_args(ctx, 0, 0))
+        return rc;
+    // The running library would write the settings back at once.
+    if (int rc = refuse_when_attached(ctx))
         return rc;
     // Deliberately without NetMgr_StartRoutine: a running library would
     // write the type and last network back as ConnMan reports its state.

@@ -26,6 +26,8 @@ static PromptHook prompt_hook;
 
 // Set while a secret prompt has switched echo off, for the signal handler.
 static volatile sig_atomic_t terminal_saved = 0;
+// Set while a prompt waits on the terminal, for the signal handler.
+static volatile sig_atomic_t prompt_open = 0;
 static struct termios saved_terminal;
 
 static FILE *keep_fd(int fd, FILE *fallback)
@@ -65,6 +67,7 @@ void console_init(bool verbose)
 
 static void write_out(const std::string &text)
 {
+    progress_clear();
     std::lock_guard<std::mutex> guard(out_lock);
     fputs(text.c_str(), real_out);
     if (!text.empty())
@@ -90,6 +93,7 @@ void out(const char *fmt, ...)
 
 void out_event(const std::string &line)
 {
+    progress_clear();
     std::lock_guard<std::mutex> guard(out_lock);
     if (mid_line) {
         held_events += line + "\n";
@@ -116,46 +120,87 @@ int console_err_fd()
     return fileno(real_err);
 }
 
-static void vmessage(const char *fmt, va_list ap)
+static bool json_errors;
+
+void console_set_json(bool json)
 {
-    fputs("netmgrctl: ", real_err);
-    vfprintf(real_err, fmt, ap);
-    fputc('\n', real_err);
+    json_errors = json;
+}
+
+// The message on stderr; with --json the failure is also a result on stdout.
+static void vmessage(int code, const char *prefix, const char *fmt, va_list ap)
+{
+    char *text = nullptr;
+    if (vasprintf(&text, fmt, ap) < 0)
+        return;
+    progress_clear();
+    fprintf(real_err, "netmgrctl: %s%s\n", prefix, text);
+    if (code != EXIT_OK && json_errors) {
+        Json::Value value(Json::objectValue);
+        value["ok"] = false;
+        value["code"] = code;
+        value["error"] = text;
+        print_json(value);
+    }
+    free(text);
 }
 
 int fail(int code, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vmessage(fmt, ap);
+    vmessage(code, "", fmt, ap);
     va_end(ap);
     return code;
+}
+
+void warn(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vmessage(EXIT_OK, "warning: ", fmt, ap);
+    va_end(ap);
+}
+
+void note(const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    vmessage(EXIT_OK, "", fmt, ap);
+    va_end(ap);
 }
 
 int usage_error(const Command *cmd, const char *fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    vmessage(fmt, ap);
+    vmessage(EXIT_USAGE, "", fmt, ap);
     va_end(ap);
     print_usage(cmd, false);
     return EXIT_USAGE;
 }
 
-static const char global_usage[] =
+const char global_usage[] =
     "usage: netmgrctl [--timeout SECONDS] [--json] [--verbose] COMMAND [ARGS...]\n"
-    "       netmgrctl COMMAND --help\n";
+    "       netmgrctl COMMAND --help\n"
+    "       netmgrctl --version\n";
 
-static const char global_details[] =
+const char global_details[] =
     "\nOptions (before or after the command):\n"
     "  --timeout SECONDS  how long to wait for ConnMan and for the command's result\n"
     "                     (default 10); running out gives exit code 3\n"
-    "  --json             machine-readable output on stdout\n"
+    "  --json             machine-readable output on stdout: every result, errors\n"
+    "                     included ({\"ok\":false,\"code\":N,\"error\":...}), is JSON;\n"
+    "                     monitor and script write JSON Lines\n"
     "  -v, --verbose      show the library's log lines (on stderr)\n"
     "  -h, --help         this text, or a command's own help\n"
-    "\nExit codes: 0 done, 1 operation failed, 2 bad arguments, 3 timed out.\n"
+    "  --version          the version of netmgrctl and libnetmgr\n"
+    "\nExit codes: 0 done, 1 operation failed, 2 bad arguments, 3 timed out,\n"
+    "4 ConnMan not running, 5 refused (another process runs the library).\n"
     "Only one libnetmgr client can run at a time (it owns net.connman.Gaskaidra);\n"
-    "'netmgrctl script' runs many commands in one.\n"
+    "'netmgrctl script' runs many commands in one. When another process runs the\n"
+    "library, status, type, wifi list, ipv4/ipv6 get and monitor read its state;\n"
+    "commands that change something are refused with exit code 5.\n"
     "Environment: NETMGR_STORE (settings file), NETMGR_SHELL (runs device commands).\n";
 
 void print_usage(const Command *cmd, bool to_stdout)
@@ -213,6 +258,13 @@ void console_restore_terminal()
         tcsetattr(STDIN_FILENO, TCSANOW, &saved_terminal);
         terminal_saved = 0;
     }
+    // Interrupted at a prompt: end its line so the shell's prompt starts
+    // on a fresh one.
+    if (prompt_open) {
+        prompt_open = 0;
+        if (write(fileno(real_err), "\n", 1) < 0)
+            return;
+    }
 }
 
 void set_prompt_hook(PromptHook hook)
@@ -224,9 +276,17 @@ bool prompt_line(const char *prompt, bool secret, std::string &answer)
 {
     if (prompt_hook)
         return prompt_hook(prompt, secret, answer);
-    if (isatty(STDIN_FILENO))
+    progress_pause(true);
+    bool shown = isatty(STDIN_FILENO);
+    if (shown) {
+        progress_clear();
         fputs(prompt, real_err);
-    return read_stdin_line(secret, answer);
+        prompt_open = 1;
+    }
+    bool got = read_stdin_line(secret, answer);
+    prompt_open = 0;
+    progress_pause(false);
+    return got;
 }
 
 bool read_stdin_line(bool secret, std::string &answer)
@@ -250,7 +310,8 @@ bool read_stdin_line(bool secret, std::string &answer)
     if (!answer.empty() && answer.back() == '\r')
         answer.pop_back();
     if (terminal_saved) {
-        console_restore_terminal();
+        tcsetattr(STDIN_FILENO, TCSANOW, &saved_terminal);
+        terminal_saved = 0;
         fputc('\n', real_err);
     }
     return got;

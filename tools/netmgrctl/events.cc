@@ -25,6 +25,7 @@ static bool list_seen;
 static Clock::time_point list_time;
 static bool ethernet_announced;
 static bool wifi_announced;
+static bool input_pending;
 static std::atomic<EventObserver> observer{nullptr};
 
 // What the event says about the announced state; under queue_lock.
@@ -44,9 +45,18 @@ static void note_state(NetMgrEvent code)
         break;
     case NETMGR_EVT_WIFI_CONNECTED:
         wifi_announced = true;
+        input_pending = false;
         break;
     case NETMGR_EVT_WIFI_DISCONNECTED:
         wifi_announced = false;
+        input_pending = false;
+        break;
+    case NETMGR_EVT_WIFI_PASSWORD_REQUIRED:
+        input_pending = true;
+        break;
+    case NETMGR_EVT_WIFI_CONNECT_FAILED:
+    case NETMGR_EVT_WIFI_INVALID_KEY:
+        input_pending = false;
         break;
     case NETMGR_EVT_WIFI_DISABLED:
         wifi_announced = false;
@@ -131,6 +141,18 @@ bool connection_announced(NetType type)
 {
     std::lock_guard<std::mutex> guard(queue_lock);
     return type == NET_TYPE_ETHERNET ? ethernet_announced : wifi_announced;
+}
+
+bool passphrase_request_pending()
+{
+    std::lock_guard<std::mutex> guard(queue_lock);
+    return input_pending;
+}
+
+void passphrase_request_answered()
+{
+    std::lock_guard<std::mutex> guard(queue_lock);
+    input_pending = false;
 }
 
 void set_event_observer(EventObserver watcher)

@@ -199,6 +199,8 @@ int cmd_ipv4(Ctx &ctx)
         if (int rc = parse_ipv4_set(ctx, cfg))
             return rc;
     }
+    if (!set && attached_pid())
+        return attached_ip(ctx, false);
     if (int rc = connect_library(ctx))
         return rc;
     if (int rc = wait_ethernet_service(ctx))
@@ -227,6 +229,8 @@ int cmd_ipv6(Ctx &ctx)
         if (int rc = parse_ipv6_set(ctx, cfg))
             return rc;
     }
+    if (!set && attached_pid())
+        return attached_ip(ctx, true);
     if (int rc = connect_library(ctx))
         return rc;
     if (int rc = wait_ethernet_service(ctx))

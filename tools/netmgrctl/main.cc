@@ -41,7 +41,7 @@ static const std::vector<Command> command_table = {
      "       netmgrctl wifi list [--no-scan]\n"
      "       netmgrctl wifi connect PATH|NAME [--passphrase P]\n"
      "       netmgrctl wifi hidden --security psk|wep|none --ssid S [--passphrase P]\n"
-     "       netmgrctl wifi forget PATH\n"
+     "       netmgrctl wifi forget PATH|NAME\n"
      "       netmgrctl wifi disconnect\n"
      "       netmgrctl wifi cancel\n",
      "  on, off      switch Wi-Fi on (making wifi the network type) or off; 'on' is\n"
@@ -54,9 +54,12 @@ static const std::vector<Command> command_table = {
      "               --passphrase was not given\n"
      "  hidden       connect to a hidden network of the given security, supplying\n"
      "               its name\n"
-     "  forget       remove a network and its stored credentials\n"
+     "  forget       remove a network (by object path or name) and its stored\n"
+     "               credentials; a name that several networks carry is refused\n"
+     "               with their paths (also for connect)\n"
      "  disconnect   disconnect the connected Wi-Fi network\n"
-     "  cancel       cancel a pending passphrase request of this library\n"
+     "  cancel       cancel a pending passphrase request of this library (says so\n"
+     "               when none is pending)\n"
      "The Wi-Fi list is kept only while the network type is wifi.\n",
      {"--passphrase", "--security", "--ssid", "--no-scan"},
      cmd_wifi},
@@ -121,7 +124,9 @@ static const std::vector<Command> command_table = {
      "netmgrctl monitor [--count N] [--duration SECONDS]\n",
      "Prints each event with its name, code and argument as it arrives (event 8:\n"
      "the byte or null; events 10 and 19: the network). Stops on Ctrl-C, after N\n"
-     "events or after the given time. --timeout does not apply.\n",
+     "events or after the given time. --timeout does not apply. With --json the\n"
+     "output is JSON Lines: one object per event and line. When another process\n"
+     "runs the library, its events are shown.\n",
      {"--count", "--duration"},
      cmd_monitor},
     {"script",
@@ -281,6 +286,8 @@ Parsed parse_arguments(const std::vector<std::string> &args, Ctx &ctx)
             ctx.verbose = true;
         } else if (name == "--json") {
             ctx.json = true;
+        } else if (name == "--version") {
+            parsed.version = true;
         } else if (name == "--no-scan") {
             ctx.no_scan = true;
             parsed.command_options.push_back(name);
@@ -309,6 +316,17 @@ int resolve_command(Parsed &parsed, Ctx &ctx, bool &run_it)
 {
     run_it = false;
     std::vector<std::string> &words = parsed.words;
+    console_set_json(ctx.json);
+    if (parsed.version && words.empty() && parsed.error.empty()) {
+        if (ctx.json) {
+            Json::Value value(Json::objectValue);
+            value["version"] = NETMGR_VERSION;
+            print_json(value);
+        } else {
+            out("netmgrctl %s\n", NETMGR_VERSION);
+        }
+        return EXIT_OK;
+    }
     if (!words.empty() && words[0] == "help") {
         words.erase(words.begin());
         parsed.help = true;
@@ -347,8 +365,27 @@ int resolve_command(Parsed &parsed, Ctx &ctx, bool &run_it)
     return EXIT_OK;
 }
 
+// Build-time generation of the manual page and the completion script.
+static bool generate(int argc, char **argv, int &code)
+{
+    if (argc != 3 || strcmp(argv[1], "--generate") != 0)
+        return false;
+    console_init(false);
+    code = EXIT_OK;
+    if (strcmp(argv[2], "man") == 0)
+        out("%s", manual_page().c_str());
+    else if (strcmp(argv[2], "bash-completion") == 0)
+        out("%s", bash_completion().c_str());
+    else
+        code = fail(EXIT_USAGE, "--generate takes man or bash-completion");
+    return true;
+}
+
 static int run(int argc, char **argv)
 {
+    int code;
+    if (generate(argc, argv, code))
+        return code;
     Ctx ctx;
     Parsed parsed = parse_arguments(std::vector<std::string>(argv + 1, argv + argc), ctx);
     console_init(ctx.verbose);

@@ -368,10 +368,35 @@ bool wait_logged_event(int code, size_t from, Clock::time_point until)
 
 // Questions of a command (passphrase, network name) are answered from a
 // "< TEXT" line after it, else from standard input.
+// With --json the question and its (masked) answer are one object.
+void print_prompt_json(const char *prompt, bool secret, const std::string &answer, bool got,
+                       const char *from)
+{
+    Json::Value value(Json::objectValue);
+    value["prompt"] = prompt;
+    value["answer"] = !got ? Json::Value() : Json::Value(secret ? "********" : answer);
+    value["from"] = from;
+    print_json(value);
+}
+
 bool answer_prompt(const char *prompt, bool secret, std::string &answer)
 {
-    out("%s", prompt);
     std::string given;
+    if (events_as_json) {
+        bool got = source->take_answer(given);
+        bool from_script = got;
+        if (!got && source->from_stdin()) {
+            fail(EXIT_FAILED, "the answer belongs on a '< TEXT' line after the command");
+            return false;
+        }
+        if (got)
+            answer = given;
+        else
+            got = read_stdin_line(secret, answer);
+        print_prompt_json(prompt, secret, answer, got, from_script ? "script" : "stdin");
+        return got;
+    }
+    out("%s", prompt);
     if (source->take_answer(given)) {
         answer = given;
         out("%s (from the script)\n", secret ? "********" : printable(answer).c_str());
@@ -417,7 +442,10 @@ int run_shell_line(const Ctx &script, const Line &line)
 {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, console_out_fd(), STDOUT_FILENO);
+    // With --json stdout carries only JSON Lines: the command's output goes
+    // to stderr.
+    posix_spawn_file_actions_adddup2(&actions, script.json ? console_err_fd() : console_out_fd(),
+                                     STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, console_err_fd(), STDERR_FILENO);
     // Standard input holds the rest of the script when it is read from there.
     if (source->from_stdin())
@@ -476,6 +504,8 @@ int cmd_script(Ctx &ctx)
     if (int rc = input.check_all())
         return rc;
 
+    if (int rc = refuse_when_attached(ctx))
+        return rc;
     source = &input;
     events_as_json = ctx.json;
     set_prompt_hook(answer_prompt);
@@ -494,11 +524,17 @@ int cmd_script(Ctx &ctx)
             std::string text;
             for (size_t i = 1; i < line.words.size(); i++)
                 text += (i > 1 ? " " : "") + line.words[i];
-            out("%s\n", text.c_str());
+            if (ctx.json) {
+                Json::Value value(Json::objectValue);
+                value["echo"] = text;
+                print_json(value);
+            } else {
+                out("%s\n", text.c_str());
+            }
             continue;
         }
         if (line.kind == LineKind::Answer) {
-            fail(EXIT_OK, "script line %u: nothing asked for this answer; skipped", line.number);
+            warn("script line %u: nothing asked for this answer; skipped", line.number);
             continue;
         }
         if (!ctx.json)
@@ -511,8 +547,11 @@ int cmd_script(Ctx &ctx)
             rc = line.kind == LineKind::Shell ? run_shell_line(ctx, line)
                                               : run_command_line(ctx, line);
         }
-        if (rc != EXIT_OK)
-            return fail(rc, "script stopped at line %u", line.number);
+        if (rc != EXIT_OK) {
+            // The line has reported its failure (as JSON too, with --json).
+            note("script stopped at line %u", line.number);
+            return rc;
+        }
     }
     return EXIT_OK;
 }

@@ -2,7 +2,7 @@
 // the state a command needs.
 #include <unistd.h>
 
-#include <dbus/dbus.h>
+#include "tools/netmgrctl/bus.h"
 
 #include "tools/netmgrctl/cli.h"
 
@@ -11,7 +11,7 @@ namespace netmgrctl
 
 // The library owns this name on the session bus; a second client cannot
 // start (its service thread ends and every bridged call would hang).
-static const char library_bus_name[] = "net.connman.Gaskaidra";
+const char library_bus_name[] = "net.connman.Gaskaidra";
 static const char connman_bus_name[] = "net.connman";
 
 // How long ConnMan may stay quiet before a rebuilt Wi-Fi list counts as
@@ -33,83 +33,6 @@ double seconds_left(const Ctx &ctx)
 namespace
 {
 
-struct Bus {
-    DBusConnection *conn = nullptr;
-    std::string error;
-
-    explicit Bus(DBusBusType type)
-    {
-        DBusError err;
-        dbus_error_init(&err);
-        conn = dbus_bus_get_private(type, &err);
-        if (!conn) {
-            error = dbus_error_is_set(&err) ? err.message : "unknown error";
-            dbus_error_free(&err);
-            return;
-        }
-        dbus_connection_set_exit_on_disconnect(conn, FALSE);
-    }
-    ~Bus()
-    {
-        if (conn) {
-            dbus_connection_close(conn);
-            dbus_connection_unref(conn);
-        }
-    }
-    Bus(const Bus &) = delete;
-    Bus &operator=(const Bus &) = delete;
-
-    bool has_owner(const char *name)
-    {
-        DBusError err;
-        dbus_error_init(&err);
-        bool owned = dbus_bus_name_has_owner(conn, name, &err);
-        dbus_error_free(&err);
-        return owned;
-    }
-
-    // Process id of the name's owner, 0 when unknown.
-    unsigned long owner_pid(const char *name)
-    {
-        DBusMessage *call = dbus_message_new_method_call(
-            DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetConnectionUnixProcessID");
-        if (!call)
-            return 0;
-        unsigned long pid = 0;
-        DBusError err;
-        dbus_error_init(&err);
-        if (dbus_message_append_args(call, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID)) {
-            DBusMessage *reply = dbus_connection_send_with_reply_and_block(conn, call, 2000, &err);
-            dbus_uint32_t value = 0;
-            if (reply &&
-                dbus_message_get_args(reply, &err, DBUS_TYPE_UINT32, &value, DBUS_TYPE_INVALID))
-                pid = value;
-            if (reply)
-                dbus_message_unref(reply);
-        }
-        dbus_error_free(&err);
-        dbus_message_unref(call);
-        return pid;
-    }
-};
-
-int check_single_client()
-{
-    Bus session(DBUS_BUS_SESSION);
-    if (!session.conn)
-        return fail(EXIT_FAILED, "cannot reach the D-Bus session bus: %s", session.error.c_str());
-    if (!session.has_owner(library_bus_name))
-        return EXIT_OK;
-    unsigned long pid = session.owner_pid(library_bus_name);
-    if (pid)
-        return fail(EXIT_FAILED,
-                    "another libnetmgr client (pid %lu) is running: it owns %s on the "
-                    "session bus",
-                    pid, library_bus_name);
-    return fail(EXIT_FAILED, "another libnetmgr client is running: %s is taken on the session bus",
-                library_bus_name);
-}
-
 // Why no technology was reported before the deadline.
 std::string diagnose_connman()
 {
@@ -130,12 +53,61 @@ std::string diagnose_connman()
 
 } // namespace
 
-int start_library(Ctx &)
+unsigned long attached_pid()
+{
+    static bool known;
+    static unsigned long pid;
+    if (known)
+        return pid;
+    known = true;
+    Bus session(DBUS_BUS_SESSION);
+    if (!session.conn || !session.has_owner(library_bus_name))
+        return pid = 0;
+    pid = session.owner_pid(library_bus_name);
+    if (pid == static_cast<unsigned long>(getpid()))
+        pid = 0; // our own library (a script's earlier command started it)
+    else if (pid == 0)
+        pid = static_cast<unsigned long>(-1); // taken, by a process we cannot name
+    return pid;
+}
+
+int refuse_when_attached(const Ctx &ctx)
+{
+    unsigned long pid = attached_pid();
+    if (!pid)
+        return EXIT_OK;
+    std::string command = ctx.cmd ? ctx.cmd->name : "script";
+    if (ctx.cmd && !ctx.args.empty() && ctx.cmd->name != std::string("script"))
+        command += " " + printable(ctx.args[0]);
+    std::string owner = pid == static_cast<unsigned long>(-1)
+                            ? std::string("another process")
+                            : "another process (pid " + std::to_string(pid) + ")";
+    return fail(EXIT_REFUSED,
+                "'%s' refused: %s runs libnetmgr and owns %s on the session bus; netmgrctl "
+                "only reads that process's state (status, type, wifi list, ipv4/ipv6 get, "
+                "monitor) and leaves every change to it",
+                command.c_str(), owner.c_str(), library_bus_name);
+}
+
+// Commands that need ConnMan learn at once that it is not there, instead
+// of waiting for technologies that never come.
+static int check_connman()
+{
+    Bus system(DBUS_BUS_SYSTEM);
+    if (!system.conn)
+        return fail(EXIT_NO_CONNMAN, "cannot reach the D-Bus system bus: %s", system.error.c_str());
+    if (!system.has_owner(connman_bus_name))
+        return fail(EXIT_NO_CONNMAN, "ConnMan is not running (nobody owns %s on the system bus)",
+                    connman_bus_name);
+    return EXIT_OK;
+}
+
+int start_library(Ctx &ctx)
 {
     static bool started;
     if (started)
         return EXIT_OK;
-    if (int rc = check_single_client())
+    if (int rc = refuse_when_attached(ctx))
         return rc;
     if (NetMgr_StartRoutine(on_library_event) != 0)
         return fail(EXIT_FAILED, "the network library could not be started");
@@ -145,8 +117,15 @@ int start_library(Ctx &)
 
 int connect_library(Ctx &ctx)
 {
+    if (!technology_reported()) {
+        if (int rc = refuse_when_attached(ctx))
+            return rc;
+        if (int rc = check_connman())
+            return rc;
+    }
     if (int rc = start_library(ctx))
         return rc;
+    Progress progress("waiting for ConnMan");
     if (!wait_for(ctx, technology_reported))
         return fail(EXIT_TIMEOUT, "timed out after %g s waiting for ConnMan: %s", ctx.timeout_s,
                     diagnose_connman().c_str());
@@ -184,6 +163,7 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
         });
         return take_wifi_list(list);
     }
+    Progress progress(scan ? "scanning for Wi-Fi networks" : "waiting for the Wi-Fi list");
     if (scan) {
         drop_events();
         if (!NetMgr_ScanWifi())

@@ -42,6 +42,7 @@ bool is_connected_to(const ConnectRequest &req)
 int wifi_cancelled(const char *why, int code)
 {
     NetMgr_CancelWifiConnection();
+    passphrase_request_answered();
     return fail(code, "%s", why);
 }
 
@@ -84,6 +85,7 @@ int answer_input(Ctx &ctx, ConnectRequest &req, const NetWifiInfo &info)
             return rc;
         accepted = NetMgr_SetWifiPassword(info.path, passphrase);
     }
+    passphrase_request_answered();
     // Time spent typing does not count against the timeout.
     ctx.deadline += Clock::now() - asked;
     if (!accepted)
@@ -120,6 +122,7 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
     bool other_connected =
         !target_connected && NetMgr_GetNetworkStatus(NET_TYPE_WIFI) == NET_STATUS_CONNECTED;
     drop_events();
+    Progress progress("waiting for " + printable(req.label) + " to connect");
     NetMgr_ConnectWifi(req.path);
     bool announced = false;
     int answers = 0;
@@ -132,6 +135,7 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
             if (Clock::now() < ctx.deadline)
                 continue;
             NetMgr_CancelWifiConnection();
+            passphrase_request_answered();
             return fail(EXIT_TIMEOUT, "timed out after %g s waiting for %s to connect",
                         ctx.timeout_s, printable(req.label).c_str());
         }
@@ -167,20 +171,29 @@ int run_connection(Ctx &ctx, ConnectRequest &req, bool target_connected)
     }
 }
 
-// The entry named by path or by name; among equal names a connected one,
-// else the strongest.
-const NetWifiInfo *find_network(const std::list<NetWifiInfo> &list, const std::string &target)
+// The entry named by path or by name. A name that several networks carry
+// is refused with their paths: connecting or forgetting the wrong one
+// silently is worse than asking for the path.
+int find_network(const std::list<NetWifiInfo> &list, const std::string &target,
+                 const NetWifiInfo *&found)
 {
-    const NetWifiInfo *best = nullptr;
     bool by_path = target[0] == '/';
+    std::vector<const NetWifiInfo *> matches;
     for (const NetWifiInfo &info : list) {
-        if ((by_path ? info.path : info.name) != target)
-            continue;
-        if (!best || (info.connected && !best->connected) ||
-            (info.connected == best->connected && info.strength > best->strength))
-            best = &info;
+        if ((by_path ? info.path : info.name) == target)
+            matches.push_back(&info);
     }
-    return best;
+    if (matches.empty())
+        return fail(EXIT_FAILED, "no network %s in the Wi-Fi list", printable(target).c_str());
+    if (matches.size() > 1) {
+        std::string paths;
+        for (const NetWifiInfo *info : matches)
+            paths += "\n  " + info->path;
+        return fail(EXIT_FAILED, "%zu networks are called %s; give one of their paths:%s",
+                    matches.size(), printable(target).c_str(), paths.c_str());
+    }
+    found = matches.front();
+    return EXIT_OK;
 }
 
 int wifi_on(Ctx &ctx)
@@ -223,24 +236,7 @@ int wifi_list(Ctx &ctx)
     std::list<NetWifiInfo> list;
     if (int rc = collect_wifi_list(ctx, !ctx.no_scan, list))
         return rc;
-    if (ctx.json) {
-        Json::Value value(Json::arrayValue);
-        for (const NetWifiInfo &info : list)
-            value.append(wifi_json(info));
-        print_json(value);
-        return EXIT_OK;
-    }
-    size_t width = 4;
-    for (const NetWifiInfo &info : list)
-        width = std::max(width, std::min<size_t>(printable(info.name).size(), 32));
-    int w = static_cast<int>(width);
-    out("%-*s  %8s  %-10s  %-9s  %s\n", w, "NAME", "STRENGTH", "SECURITY", "CONNECTED", "PATH");
-    for (const NetWifiInfo &info : list) {
-        std::string name = info.name.empty() ? "(hidden)" : printable(info.name);
-        out("%-*s  %8u  %-10s  %-9s  %s\n", w, name.c_str(), static_cast<unsigned>(info.strength),
-            info.security.empty() ? "-" : printable(info.security).c_str(),
-            info.connected ? "yes" : "no", info.path.c_str());
-    }
+    print_wifi_list(ctx, list);
     return EXIT_OK;
 }
 
@@ -250,9 +246,9 @@ int wifi_connect(Ctx &ctx)
     std::list<NetWifiInfo> list;
     if (int rc = collect_wifi_list(ctx, true, list))
         return rc;
-    const NetWifiInfo *info = find_network(list, target);
-    if (!info)
-        return fail(EXIT_FAILED, "no network %s in the Wi-Fi list", printable(target).c_str());
+    const NetWifiInfo *info = nullptr;
+    if (int rc = find_network(list, target, info))
+        return rc;
     ConnectRequest req;
     req.command = "wifi connect";
     req.path = info->path;
@@ -304,16 +300,28 @@ int wifi_hidden(Ctx &ctx)
 
 int wifi_forget(Ctx &ctx)
 {
-    const std::string &path = ctx.args[1];
+    const std::string &target = ctx.args[1];
+    bool by_path = target[0] == '/';
+    if (!by_path && NetMgr_GetNetworkType() != NET_TYPE_WIFI)
+        return fail(EXIT_FAILED,
+                    "names are known only while the network type is wifi (it is %s); give "
+                    "the network's path",
+                    type_name(NetMgr_GetNetworkType()));
+    std::string path = target;
     // The library removes only services it knows, so let the list arrive.
     if (NetMgr_GetNetworkType() == NET_TYPE_WIFI) {
         std::list<NetWifiInfo> list;
         if (int rc = collect_wifi_list(ctx, false, list))
             return rc;
-        if (std::none_of(list.begin(), list.end(),
-                         [&path](const NetWifiInfo &info) { return info.path == path; }))
-            fail(EXIT_OK, "%s is not in the Wi-Fi list; only a stored reference is dropped",
-                 path.c_str());
+        const NetWifiInfo *info = nullptr;
+        if (!by_path) {
+            if (int rc = find_network(list, target, info))
+                return rc;
+            path = info->path;
+        } else if (std::none_of(list.begin(), list.end(),
+                                [&path](const NetWifiInfo &i) { return i.path == path; })) {
+            warn("%s is not in the Wi-Fi list; only a stored reference is dropped", path.c_str());
+        }
     }
     NetMgr_DismissWifi(path);
     report_done(ctx, "wifi forget", "forgot " + path);
@@ -338,10 +346,23 @@ int wifi_disconnect(Ctx &ctx)
     return EXIT_OK;
 }
 
+// Only this process's library can have a request pending: one that asked
+// (event 10) and has not been answered or ended since.
 int wifi_cancel(Ctx &ctx)
 {
-    NetMgr_CancelWifiConnection();
-    report_done(ctx, "wifi cancel", "pending passphrase request cancelled");
+    bool pending = passphrase_request_pending();
+    if (pending)
+        NetMgr_CancelWifiConnection();
+    if (ctx.json) {
+        Json::Value value(Json::objectValue);
+        value["ok"] = true;
+        value["command"] = "wifi cancel";
+        value["cancelled"] = pending;
+        print_json(value);
+    } else {
+        out("%s\n", pending ? "pending passphrase request cancelled"
+                            : "no passphrase request was pending; nothing to cancel");
+    }
     return EXIT_OK;
 }
 
@@ -385,7 +406,7 @@ int check_wifi_arguments(Ctx &ctx, const WifiAction &action)
     std::string name = action.name;
     if (name == "connect" || name == "forget") {
         const std::string &target = ctx.args[1];
-        bool path_form = name == "forget" || (!target.empty() && target[0] == '/');
+        bool path_form = !target.empty() && target[0] == '/';
         if (path_form ? !valid_object_path(target) : (target.empty() || !valid_text(target)))
             return usage_error(ctx.cmd, "'%s' is not a valid %s", printable(target).c_str(),
                                path_form ? "object path" : "network name");
@@ -410,6 +431,28 @@ int check_wifi_arguments(Ctx &ctx, const WifiAction &action)
 
 } // namespace
 
+void print_wifi_list(const Ctx &ctx, const std::list<NetWifiInfo> &list)
+{
+    if (ctx.json) {
+        Json::Value value(Json::arrayValue);
+        for (const NetWifiInfo &info : list)
+            value.append(wifi_json(info));
+        print_json(value);
+        return;
+    }
+    size_t width = 4;
+    for (const NetWifiInfo &info : list)
+        width = std::max(width, std::min<size_t>(printable(info.name).size(), 32));
+    int w = static_cast<int>(width);
+    out("%-*s  %8s  %-10s  %-9s  %s\n", w, "NAME", "STRENGTH", "SECURITY", "CONNECTED", "PATH");
+    for (const NetWifiInfo &info : list) {
+        std::string name = info.name.empty() ? "(hidden)" : printable(info.name);
+        out("%-*s  %8u  %-10s  %-9s  %s\n", w, name.c_str(), static_cast<unsigned>(info.strength),
+            info.security.empty() ? "-" : printable(info.security).c_str(),
+            info.connected ? "yes" : "no", info.path.c_str());
+    }
+}
+
 int cmd_wifi(Ctx &ctx)
 {
     if (ctx.args.empty())
@@ -419,6 +462,8 @@ int cmd_wifi(Ctx &ctx)
             continue;
         if (int rc = check_wifi_arguments(ctx, action))
             return rc;
+        if (action.run == wifi_list && attached_pid())
+            return attached_wifi_list(ctx);
         if (int rc = connect_library(ctx))
             return rc;
         return action.run(ctx);
