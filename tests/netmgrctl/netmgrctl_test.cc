@@ -200,7 +200,7 @@ TEST_F(NetmgrctlTest, BadArgumentsExitWithUsageErrors)
         {"wifi", "list", "--passphrase", "x"},
         {"wifi", "hidden", "--ssid", "x"},
         {"wifi", "hidden", "--security", "none", "--ssid", "x", "--passphrase", "y"},
-        {"wifi", "forget", "not/a/path"},
+        {"wifi", "forget", "/not//a/path"},
         {"status", "extra"},
         {"--timeout", "soon", "status"},
         {"--bogus", "status"},
@@ -232,9 +232,19 @@ TEST_F(NetmgrctlTest, BadArgumentsExitWithUsageErrors)
 
 TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
 {
-    Outcome missing = run_ctl({"--timeout", "1", "status"});
-    EXPECT_EQ(missing.code, 3) << missing.err;
+    // Without ConnMan: its own exit code at once (not the timeout's), and
+    // with --json the error is the result on stdout.
+    Outcome missing = run_ctl({"--timeout", "30", "--json", "status"});
+    EXPECT_EQ(missing.code, 4) << missing.err;
     EXPECT_NE(missing.err.find("ConnMan is not running"), std::string::npos) << missing.err;
+    Json::Value error = parse_json(missing.out);
+    EXPECT_FALSE(error["ok"].asBool()) << missing.out;
+    EXPECT_EQ(error["code"].asInt(), 4);
+    EXPECT_NE(error["error"].asString().find("ConnMan is not running"), std::string::npos);
+    // The type needs no ConnMan.
+    Outcome type = run_ctl({"--timeout", "30", "type"});
+    EXPECT_EQ(type.code, 0) << type.err;
+    EXPECT_EQ(type.out, "ethernet\n");
 
     // Another client of the library holds its name on the session bus.
     DBusConnection *other = dbus_bus_get_private(DBUS_BUS_SESSION, nullptr);
@@ -242,11 +252,17 @@ TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
     dbus_connection_set_exit_on_disconnect(other, FALSE);
     ASSERT_EQ(dbus_bus_request_name(other, "net.connman.Gaskaidra", 0, nullptr),
               DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER);
-    Outcome taken = run_ctl({"type"});
-    EXPECT_EQ(taken.code, 1) << taken.err;
-    EXPECT_NE(taken.err.find("another libnetmgr client (pid " + std::to_string(getpid())),
+    // It publishes no state, so reading fails; changing is refused.
+    std::string pid = "pid " + std::to_string(getpid());
+    Outcome read = run_ctl({"type"});
+    EXPECT_EQ(read.code, 1) << read.err;
+    EXPECT_NE(read.err.find("cannot read the library state of " + pid), std::string::npos)
+        << read.err;
+    Outcome change = run_ctl({"ethernet", "on"});
+    EXPECT_EQ(change.code, 5) << change.err;
+    EXPECT_NE(change.err.find("'ethernet on' refused: another process (" + pid + ") runs"),
               std::string::npos)
-        << taken.err;
+        << change.err;
     dbus_connection_close(other);
     dbus_connection_unref(other);
 }
@@ -548,4 +564,298 @@ TEST_F(NetmgrctlScriptTest, StopsAtTheFirstLineThatFails)
     EXPECT_NE(timeout.err.find("no NETMGR_EVT_WIFI_CONNECTED (7) within 0.3 s"), std::string::npos)
         << timeout.err;
     EXPECT_FALSE(exists("ran-wait"));
+}
+
+// ---- another process runs the library ----
+
+namespace
+{
+
+// The host application, fed commands on stdin, its output in a file.
+class Host
+{
+  public:
+    Host()
+    {
+        char name[] = "/tmp/netmgrctl-host-XXXXXX";
+        int out = mkostemp(name, O_CLOEXEC), in[2];
+        out_name_ = name;
+        if (out < 0 || pipe2(in, O_CLOEXEC) < 0)
+            return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(in[0], 0);
+            dup2(out, 1);
+            execl(ATTACH_HOST_PROGRAM, ATTACH_HOST_PROGRAM, nullptr);
+            _exit(127);
+        }
+        close(in[0]);
+        close(out);
+        input_ = in[1];
+    }
+    ~Host()
+    {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        close(input_);
+        unlink(out_name_.c_str());
+    }
+    void send(const std::string &line)
+    {
+        std::string text = line + "\n";
+        if (write(input_, text.data(), text.size()) < 0)
+            ADD_FAILURE() << "cannot write to the host";
+    }
+    bool wait_output(const std::string &text, int timeout_ms = 15000)
+    {
+        return wait_until(
+            [&] { return read_file(out_name_.c_str()).find(text) != std::string::npos; },
+            timeout_ms);
+    }
+    pid_t pid() const { return pid_; }
+
+  private:
+    pid_t pid_ = -1;
+    int input_ = -1;
+    std::string out_name_;
+};
+
+} // namespace
+
+TEST_F(NetmgrctlTest, AttachedReadsTheRunningApplicationAndRefusesChanges)
+{
+    start_wifi_world();
+    Host host;
+    ASSERT_TRUE(host.wait_output("event 14")) << "the host never saw the Wi-Fi list";
+    host.send("connect " + service_path(kHome) + " " + kPassphrase);
+    ASSERT_TRUE(host.wait_output("event 7")) << "the host did not connect";
+
+    // The state is the host's: its connection, its list, its pid.
+    Outcome status = run_ctl({"--json", "status"});
+    ASSERT_EQ(status.code, 0) << status.err;
+    Json::Value state = parse_json(status.out);
+    EXPECT_EQ(state["attached_pid"].asInt64(), host.pid()) << status.out;
+    EXPECT_EQ(state["type"].asString(), "wifi");
+    EXPECT_EQ(state["wifi"].asString(), "connected");
+    EXPECT_EQ(state["connection"]["name"].asString(), "home");
+    EXPECT_FALSE(state["connection"]["ipv4_address"].asString().empty()) << status.out;
+    EXPECT_EQ(state["last_wifi"].asString(), service_path(kHome));
+
+    Outcome list = run_ctl({"--json", "wifi", "list"});
+    ASSERT_EQ(list.code, 0) << list.err;
+    Json::Value networks = parse_json(list.out);
+    ASSERT_EQ(networks.size(), 2u) << list.out;
+    int connected = 0;
+    for (const Json::Value &entry : networks)
+        connected += entry["connected"].asBool() && entry["name"].asString() == "home";
+    EXPECT_EQ(connected, 1) << list.out;
+
+    // Changing commands are refused, naming the owner and why.
+    int scans = sim_.count_calls("Scan");
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{"wifi", "disconnect"}, {"wifi", "scan"}, {"reset-db"}}) {
+        Outcome refused = run_ctl(args);
+        EXPECT_EQ(refused.code, 5) << args[0] << refused.err;
+        EXPECT_NE(refused.err.find("(pid " + std::to_string(host.pid()) + ") runs libnetmgr"),
+                  std::string::npos)
+            << refused.err;
+    }
+    EXPECT_EQ(sim_.count_calls("Scan"), scans);
+    EXPECT_TRUE(home_connected());
+
+    // monitor shows the host's events as they happen.
+    auto monitor = std::async(std::launch::async, [] {
+        return run_ctl({"--json", "monitor", "--count", "1"});
+    });
+    ASSERT_TRUE(wait_until(
+        [&] {
+            return sim_.service_state(kHome) == "ready" || sim_.service_state(kHome) == "online";
+        },
+        1000));
+    Outcome events;
+    bool seen = false;
+    for (int strength = 30; strength < 40 && !seen; strength++) {
+        sim_.set_strength(kHome, static_cast<uint8_t>(strength));
+        seen = monitor.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready;
+    }
+    ASSERT_TRUE(seen) << "monitor printed no event";
+    events = monitor.get();
+    ASSERT_EQ(events.code, 0) << events.err;
+    Json::Value event = parse_json(events.out);
+    EXPECT_EQ(event["event"].asInt(), 19) << events.out;
+    EXPECT_EQ(event["arg"]["path"].asString(), service_path(kHome));
+    EXPECT_GE(event["arg"]["strength"].asUInt(), 30u);
+    EXPECT_TRUE(event["arg"]["connected"].asBool());
+}
+
+// ---- command-line polish ----
+
+namespace
+{
+
+// Runs netmgrctl on a terminal (util-linux script); type() is called with
+// the output so far and returns what to type next.
+Outcome run_on_terminal(const std::vector<std::string> &args,
+                        const std::function<std::string(const std::string &)> &type = nullptr)
+{
+    std::string command = NETMGRCTL_PROGRAM;
+    for (const std::string &arg : args)
+        command += " '" + arg + "'";
+    std::string terminal_command = "stty -onlcr; " + command;
+    char out_name[] = "/tmp/netmgrctl-tty-XXXXXX";
+    int out = mkostemp(out_name, O_CLOEXEC), in[2];
+    Outcome run;
+    if (out < 0 || pipe2(in, O_CLOEXEC) < 0)
+        return run;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out, 1);
+        dup2(out, 2);
+        execlp("script", "script", "-qefc", terminal_command.c_str(), "/dev/null", nullptr);
+        _exit(127);
+    }
+    close(in[0]);
+    int status = 0;
+    bool ended = wait_until(
+        [&] {
+            if (type) {
+                std::string keys = type(read_file(out_name));
+                if (!keys.empty() && write(in[1], keys.data(), keys.size()) < 0)
+                    ADD_FAILURE() << "cannot type";
+            }
+            return waitpid(pid, &status, WNOHANG) == pid;
+        },
+        30000);
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    close(in[1]);
+    run.code = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.out = read_file(out_name);
+    close(out);
+    unlink(out_name);
+    return run;
+}
+
+} // namespace
+
+TEST_F(NetmgrctlTest, TerminalShowsProgressAndEndsAnInterruptedPrompt)
+{
+    start_wifi_world();
+    // Progress says what is awaited and for how long, on a terminal only.
+    Outcome test = run_on_terminal({"factory", "wifi-test"});
+    EXPECT_EQ(test.code, 0) << test.out;
+    EXPECT_NE(test.out.find("netmgrctl: running the Wi-Fi test (0 s)"), std::string::npos)
+        << test.out;
+    Outcome piped = run_ctl({"factory", "wifi-test"});
+    EXPECT_EQ(piped.code, 0) << piped.err;
+    EXPECT_EQ(piped.err.find(" s)"), std::string::npos) << piped.err;
+    EXPECT_EQ(piped.out, "wifi-test: PASS\n");
+
+    // Ctrl-C at the passphrase prompt leaves the cursor on a fresh line.
+    bool typed = false;
+    Outcome interrupted = run_on_terminal({"wifi", "connect", "home"}, [&](const std::string &out) {
+        if (typed || out.find("Passphrase for \"home\": ") == std::string::npos)
+            return std::string();
+        typed = true;
+        return std::string("");
+    });
+    EXPECT_EQ(interrupted.code, 128 + SIGINT) << interrupted.out;
+    size_t prompt = interrupted.out.rfind("Passphrase for \"home\": ");
+    ASSERT_NE(prompt, std::string::npos) << interrupted.out;
+    std::string after = interrupted.out.substr(prompt + strlen("Passphrase for \"home\": "));
+    EXPECT_NE(after.find('\n'), std::string::npos) << "the prompt's line was not ended";
+}
+
+TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
+{
+    store_type_wifi();
+    sim_.add_technology("wifi", true);
+    sim_.add_network(home());
+    sim_.add_network(cafe());
+    sim_.add_network(network("wifi_020000000013_686f6d65_managed_none", "home", "none"));
+    ASSERT_TRUE(sim_.start(buses_.system.address()));
+
+    for (const char *action : {"connect", "forget"}) {
+        Outcome twice = run_ctl({"wifi", action, "home"});
+        EXPECT_EQ(twice.code, 1) << twice.err;
+        EXPECT_NE(twice.err.find("2 networks are called home"), std::string::npos) << twice.err;
+        EXPECT_NE(twice.err.find(service_path(kHome)), std::string::npos) << twice.err;
+        EXPECT_NE(twice.err.find(service_path("wifi_020000000013_686f6d65_managed_none")),
+                  std::string::npos)
+            << twice.err;
+    }
+    EXPECT_EQ(sim_.count_calls("Connect"), 0);
+    EXPECT_EQ(sim_.count_calls("Remove"), 0);
+
+    Outcome forget = run_ctl({"--json", "wifi", "forget", "cafe"});
+    EXPECT_EQ(forget.code, 0) << forget.err;
+    EXPECT_EQ(sim_.count_calls("Remove", service_path(kCafe)), 1);
+
+    Outcome cancel = run_ctl({"wifi", "cancel"});
+    EXPECT_EQ(cancel.code, 0) << cancel.err;
+    EXPECT_EQ(cancel.out, "no passphrase request was pending; nothing to cancel\n");
+}
+
+TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
+{
+    Outcome version = run_ctl({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out, "netmgrctl " NETMGR_VERSION "\n");
+
+    // Only JSON Lines on stdout, echo lines and errors included.
+    Outcome script = run_ctl({"--json", "script", "-"}, "echo hello there\n"
+                                                        "! echo from the shell\n"
+                                                        "wait-event 7 0.2\n");
+    EXPECT_EQ(script.code, 3) << script.err;
+    std::istringstream lines(script.out);
+    std::vector<Json::Value> objects;
+    for (std::string line; std::getline(lines, line);)
+        objects.push_back(parse_json(line));
+    ASSERT_EQ(objects.size(), 2u) << script.out;
+    EXPECT_EQ(objects[0]["echo"].asString(), "hello there");
+    EXPECT_EQ(objects[1]["code"].asInt(), 3);
+    EXPECT_FALSE(objects[1]["ok"].asBool());
+    EXPECT_NE(script.err.find("from the shell"), std::string::npos) << script.err;
+
+    // The manual page and the completion cover every command of --help.
+    Outcome help = run_ctl({"--help"});
+    std::string man = read_file(NETMGRCTL_DOCS_DIR "/netmgrctl.1");
+    std::string completion = NETMGRCTL_DOCS_DIR "/netmgrctl.bash-completion";
+    auto complete = [&completion, this](const std::string &words, int at) {
+        std::string file = dir_ + "/complete.sh";
+        std::ofstream(file) << "source '" << completion << "'\nCOMP_WORDS=(" << words
+                            << ")\nCOMP_CWORD=" << at << "\n_netmgrctl\necho \"${COMPREPLY[*]}\"\n";
+        std::string out;
+        FILE *pipe = popen(("bash " + file).c_str(), "r");
+        char buf[512];
+        while (pipe && fgets(buf, sizeof(buf), pipe))
+            out += buf;
+        if (pipe)
+            pclose(pipe);
+        return " " + out.substr(0, out.find('\n')) + " ";
+    };
+    std::string commands = complete("netmgrctl ''", 1);
+    std::istringstream help_lines(help.out.substr(help.out.find("Commands:")));
+    int listed = 0;
+    for (std::string line; std::getline(help_lines, line);) {
+        if (line.size() < 3 || line.compare(0, 2, "  ") != 0 || line[2] == ' ')
+            continue;
+        if (line.find("--") != std::string::npos)
+            break;
+        std::string name = line.substr(2, line.find(' ', 2) - 2);
+        listed++;
+        EXPECT_NE(man.find(".SS " + name + "\n"), std::string::npos) << name;
+        EXPECT_NE(commands.find(" " + name + " "), std::string::npos) << name << commands;
+    }
+    EXPECT_GE(listed, 13) << help.out;
+    std::string wifi = complete("netmgrctl wifi ''", 2);
+    for (const char *action : {"on", "off", "scan", "list", "connect", "hidden", "forget",
+                               "disconnect", "cancel", "--passphrase"})
+        EXPECT_NE(wifi.find(std::string(" ") + action + " "), std::string::npos) << wifi;
+    EXPECT_NE(man.find("netmgrctl wifi forget PATH|NAME"), std::string::npos);
 }
