@@ -825,6 +825,8 @@ TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
     // The manual page and the completion cover every command of --help.
     Outcome help = run_ctl({"--help"});
     std::string man = read_file(NETMGRCTL_DOCS_DIR "/netmgrctl.1");
+    for (size_t at; (at = man.find("\\-")) != std::string::npos;)
+        man.erase(at, 1); // roff's escaped hyphens
     std::string completion = NETMGRCTL_DOCS_DIR "/netmgrctl.bash-completion";
     auto complete = [&completion, this](const std::string &words, int at) {
         std::string file = dir_ + "/complete.sh";
