@@ -199,15 +199,7 @@ gboolean connected_timer_cb(gpointer)
 
 static void raise_password_required(const char *path, int name)
 {
-    NetWifiInfo info;
-    info.path = path;
-    if (const char *service_name = connman_service_get_name(path))
-        info.name = service_name;
-    if (const char *security = connman_service_get_security(path))
-        info.security = security;
-    unsigned int state = connman_service_get_state(path);
-    info.connected = state == CONNMAN_STATE_READY || state == CONNMAN_STATE_ONLINE;
-    info.strength = connman_service_get_strength(path);
+    NetWifiInfo info = netmgr_wifi_info(path);
     info.hidden = name != 0;
     netmgr_raise_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, &info);
 }

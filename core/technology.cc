@@ -263,12 +263,8 @@ static void service_ipv6_changed(const char *path)
 
 static void service_strength_changed(const char *path)
 {
-    NetWifiInfo info;
-    info.path = path;
-    copy_if_present(info.name, connman_service_get_name(path));
-    copy_if_present(info.security, connman_service_get_security(path));
-    info.connected = true; // only connected services get here
-    info.strength = connman_service_get_strength(path);
+    // Only connected services get here, so the record says connected.
+    NetWifiInfo info = netmgr_wifi_info(path);
     g_netMgr->connInfo.strength = info.strength;
     netmgr_raise_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, &info);
 }
