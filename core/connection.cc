@@ -13,7 +13,7 @@
 
 // Ticks of connected_timer_cb before it gives up on a connection whose
 // addresses never complete.
-static const int8_t CONNECTED_POLL_TICKS = 30;
+static const int8_t kConnectedPollTicks = 30;
 
 static bool is_selected(const char *path)
 {
@@ -191,7 +191,7 @@ gboolean connected_timer_cb(gpointer)
         }
     }
     ticks++;
-    if (ticks < CONNECTED_POLL_TICKS)
+    if (ticks < kConnectedPollTicks)
         return TRUE;
     ticks = 0;
     return FALSE;

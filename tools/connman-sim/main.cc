@@ -25,7 +25,7 @@ using namespace connman_sim;
 namespace
 {
 
-const int exit_usage = 2;
+const int kExitUsage = 2;
 
 void usage(FILE *out)
 {
@@ -87,13 +87,13 @@ int main(int argc, char **argv)
         }
         fprintf(stderr, "connman-sim: unexpected argument \"%s\"\n", arg.c_str());
         usage(stderr);
-        return exit_usage;
+        return kExitUsage;
     }
     if (address.empty()) {
         const char *env = getenv("DBUS_SYSTEM_BUS_ADDRESS");
         if (!env || !*env) {
             fprintf(stderr, "connman-sim: no --address and no DBUS_SYSTEM_BUS_ADDRESS\n");
-            return exit_usage;
+            return kExitUsage;
         }
         address = env;
     }
@@ -103,7 +103,7 @@ int main(int argc, char **argv)
         std::string error;
         if (!load_scenario_file(scenario_path, scenario, error)) {
             fprintf(stderr, "connman-sim: %s\n", error.c_str());
-            return exit_usage;
+            return kExitUsage;
         }
     }
 
@@ -111,13 +111,13 @@ int main(int argc, char **argv)
     if (!control.empty()) {
         if (mkfifo(control.c_str(), 0600) < 0 && errno != EEXIST) {
             fprintf(stderr, "connman-sim: cannot make %s: %s\n", control.c_str(), strerror(errno));
-            return exit_usage;
+            return kExitUsage;
         }
         // Read-write, so the FIFO never reports end of file between writers.
         input = open(control.c_str(), O_RDWR | O_CLOEXEC);
         if (input < 0) {
             fprintf(stderr, "connman-sim: cannot open %s: %s\n", control.c_str(), strerror(errno));
-            return exit_usage;
+            return kExitUsage;
         }
     }
 

@@ -14,7 +14,7 @@ namespace connman_sim
 namespace
 {
 
-const char introspection_xml[] = R"XML(
+const char kIntrospectionXml[] = R"XML(
 <node>
   <interface name="net.connman.Manager">
     <method name="GetProperties"><arg name="properties" type="a{sv}" direction="out"/></method>
@@ -60,7 +60,7 @@ const char introspection_xml[] = R"XML(
 
 GDBusNodeInfo *node_info()
 {
-    static GDBusNodeInfo *info = g_dbus_node_info_new_for_xml(introspection_xml, nullptr);
+    static GDBusNodeInfo *info = g_dbus_node_info_new_for_xml(kIntrospectionXml, nullptr);
     return info;
 }
 
@@ -76,7 +76,7 @@ void on_method_call(GDBusConnection *, const gchar *sender, const gchar *path,
     static_cast<Engine *>(data)->handle_call(sender, path, interface, member, args, call);
 }
 
-const GDBusInterfaceVTable vtable = {on_method_call, nullptr, nullptr, {nullptr}};
+const GDBusInterfaceVTable kVtable = {on_method_call, nullptr, nullptr, {nullptr}};
 
 // Technologies and services are subtrees: every path under them reaches
 // the simulator, which answers for objects that are gone the way the
@@ -115,10 +115,10 @@ const GDBusInterfaceVTable *dispatch_node(GDBusConnection *, const gchar *, cons
     if (!node)
         return nullptr;
     *out = static_cast<Subtree *>(data)->engine;
-    return &vtable;
+    return &kVtable;
 }
 
-const GDBusSubtreeVTable subtree_vtable = {
+const GDBusSubtreeVTable kSubtreeVtable = {
     enumerate_nodes, introspect_node, dispatch_node, {nullptr}};
 
 void free_subtree(gpointer data)
@@ -351,13 +351,13 @@ void Engine::emit(const std::string &path, const char *interface, const char *me
 void Engine::register_objects()
 {
     manager_registration = g_dbus_connection_register_object(
-        connection, "/", interface_info("net.connman.Manager"), &vtable, this, nullptr, nullptr);
+        connection, "/", interface_info("net.connman.Manager"), &kVtable, this, nullptr, nullptr);
     technology_subtree = g_dbus_connection_register_subtree(
-        connection, "/net/connman/technology", &subtree_vtable,
+        connection, "/net/connman/technology", &kSubtreeVtable,
         G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         new Subtree{this, "net.connman.Technology", false}, free_subtree, nullptr);
     service_subtree = g_dbus_connection_register_subtree(
-        connection, "/net/connman/service", &subtree_vtable,
+        connection, "/net/connman/service", &kSubtreeVtable,
         G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         new Subtree{this, "net.connman.Service", true}, free_subtree, nullptr);
 }
@@ -398,15 +398,15 @@ void Engine::handle_call(const char *sender, const char *path, const char *inter
         manager_call(sender, member, args, call);
         return;
     }
-    const std::string tech_prefix = "/net/connman/technology/";
-    const std::string svc_prefix = "/net/connman/service/";
-    if (p.compare(0, tech_prefix.size(), tech_prefix) == 0) {
-        if (Tech *tech = find_tech(p.substr(tech_prefix.size()))) {
+    const std::string kTechPrefix = "/net/connman/technology/";
+    const std::string kSvcPrefix = "/net/connman/service/";
+    if (p.compare(0, kTechPrefix.size(), kTechPrefix) == 0) {
+        if (Tech *tech = find_tech(p.substr(kTechPrefix.size()))) {
             tech_call(*tech, member, args, call);
             return;
         }
-    } else if (p.compare(0, svc_prefix.size(), svc_prefix) == 0) {
-        Svc *svc = find_svc(p.substr(svc_prefix.size()));
+    } else if (p.compare(0, kSvcPrefix.size(), kSvcPrefix) == 0) {
+        Svc *svc = find_svc(p.substr(kSvcPrefix.size()));
         if (svc && svc->visible) {
             svc_call(*svc, member, args, call);
             return;

@@ -834,32 +834,32 @@ GVariant *Engine::service_property_value(const Svc &svc, const std::string &name
 
 GVariant *Engine::service_properties(const Svc &svc) const
 {
-    static const char *const names[] = {"Type",
-                                        "Security",
-                                        "State",
-                                        "Error",
-                                        "Strength",
-                                        "Favorite",
-                                        "Immutable",
-                                        "AutoConnect",
-                                        "Name",
-                                        "Nameservers",
-                                        "Nameservers.Configuration",
-                                        "Timeservers",
-                                        "Timeservers.Configuration",
-                                        "Domains",
-                                        "Domains.Configuration",
-                                        "IPv4",
-                                        "IPv4.Configuration",
-                                        "IPv6",
-                                        "IPv6.Configuration",
-                                        "Proxy",
-                                        "Proxy.Configuration",
-                                        "Provider",
-                                        "Ethernet"};
+    static const char *const kNames[] = {"Type",
+                                         "Security",
+                                         "State",
+                                         "Error",
+                                         "Strength",
+                                         "Favorite",
+                                         "Immutable",
+                                         "AutoConnect",
+                                         "Name",
+                                         "Nameservers",
+                                         "Nameservers.Configuration",
+                                         "Timeservers",
+                                         "Timeservers.Configuration",
+                                         "Domains",
+                                         "Domains.Configuration",
+                                         "IPv4",
+                                         "IPv4.Configuration",
+                                         "IPv6",
+                                         "IPv6.Configuration",
+                                         "Proxy",
+                                         "Proxy.Configuration",
+                                         "Provider",
+                                         "Ethernet"};
     GVariantBuilder b;
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-    for (const char *name : names) {
+    for (const char *name : kNames) {
         // The daemon leaves Error out while there is none.
         if (std::string(name) == "Error" && svc.error.empty())
             continue;
