@@ -2,7 +2,7 @@
 // closely: the exact ServicesChanged signals, and the scenario files of the
 // standalone program.
 #include "connman_sim.h"
-#include "scenario.h"
+#include "scenario_file.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 

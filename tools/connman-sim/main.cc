@@ -5,7 +5,7 @@
 //
 // Commands come from the FIFO (made when missing), or from standard input
 // without --control.
-#include "scenario.h"
+#include "scenario_file.h"
 
 #include <errno.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 // Scenario files and control commands for the standalone simulator. All of
 // it is input from outside, so every member is checked before use.
-#include "scenario.h"
+#include "scenario_file.h"
 
 #include <arpa/inet.h>
 #include <glib.h>
