@@ -136,7 +136,8 @@ guint start_wifi_connect_check(guint ms)
 
 gboolean check_wifi_connect_timer_cb(gpointer)
 {
-    // The stale id stays in connectCheckTimer when the timer ends here.
+    // Kept: the stale id stays in connectCheckTimer when the timer ends
+    // here (netmgr_remove_source tolerates it later); no test pins it.
     if (g_netMgr->netType != NET_TYPE_WIFI || g_netMgr->wifiConnected)
         return FALSE;
     if (g_netMgr->wifiState == NET_STATUS_CONNECTING)
@@ -167,7 +168,8 @@ static bool connection_ready(const NetConnInfo &info, bool ipv6)
 
 gboolean connected_timer_cb(gpointer)
 {
-    // One count for every running instance of this timer.
+    // Kept: one count shared by every running instance of this timer, so
+    // overlapping polls give up sooner; no test pins it.
     static int8_t ticks = 0;
     NetMgrContext *ctx = g_netMgr;
 
@@ -218,7 +220,9 @@ void agent_input_cb(const char *path, int name, int, int passphrase, const char 
     if (name == 1 || passphrase == 1) {
         if (g_netMgr->backgroundConnect) {
             // Stored credentials no longer suffice: stop retrying this network.
-            // The request stays pending until ConnMan gives up or it is cancelled.
+            // Kept: the request stays pending until ConnMan gives up or it is
+            // cancelled; pinned by
+            // ConnectionScenario.PassphraseRequestInBackgroundForgetsLastWifi.
             NETMGR_LOG(NETMGR_INFO, 168, "## omit bg connect");
             if (path != nullptr && g_netMgr->lastWifi == path) {
                 g_netMgr->lastWifi.clear();
@@ -257,6 +261,8 @@ void agent_error_cb(const char *path, const char *error)
         }
     } else if (g_strcmp0(error, "invalid-key") == 0) {
         netmgr_raise_event(NETMGR_EVT_WIFI_INVALID_KEY, nullptr);
+        // Kept: the fixed text ends in its own newline, so the line is
+        // followed by an empty one; no test pins it.
         NETMGR_LOG(NETMGR_INFO, 117, "invalid-key path is %s\n", netmgr_text(path));
         connman_service_remove(path);
         connman_agent_reply_canceled();
