@@ -182,8 +182,8 @@ static void wifi_disconnected(const char *path, const char *property)
         // ConnectionScenario.OpenNetworkConnectsDisconnectsAndIsDismissed.
         netmgr_raise_event(NETMGR_EVT_WIFI_DISCONNECTED, const_cast<char *>(property));
         // Kept: compares a technology path with a service path, so it always
-        // differs and the last network is always tried again; no test pins
-        // it.
+        // differs and the last network is tried again even when it is the
+        // one lost; pinned by ConnectionScenario.LosingTheLastNetworkTriesItAgain.
         if (path == nullptr || ctx->lastWifi != path)
             backToConnectLastWifi();
     } else {

@@ -250,6 +250,24 @@ TEST_F(ConnectionScenario, PassphraseRequestInBackgroundForgetsLastWifi)
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
 }
 
+// The loss is compared against the technology's path, never the network's,
+// so losing the last network itself still sends the library back to it.
+TEST_F(ConnectionScenario, LosingTheLastNetworkTriesItAgain)
+{
+    start_on_wifi({wifi(kHome, "home")});
+    const std::string path = service_path(kHome);
+    connect_open(kHome);
+    ASSERT_TRUE(wait_stored_last_wifi(path));
+    int connects = sim.count_calls("Connect", path);
+
+    size_t from = events.mark();
+    sim.set_powered("wifi", false);
+    RecordedEvent event;
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
+    EXPECT_NE(0, event.byte);
+    EXPECT_TRUE(sim.wait_for_calls("Connect", connects + 1, 5000, path));
+}
+
 TEST_F(ConnectionScenario, StartupCheckReconnectsLastWifiAfterTenSeconds)
 {
     const std::string home = service_path(kHome);
