@@ -13,7 +13,7 @@
 
 // Ticks of connected_timer_cb before it gives up on a connection whose
 // addresses never complete.
-static const int8_t CONNECTED_POLL_TICKS = 30;
+static const int8_t kConnectedPollTicks = 30;
 
 static bool is_selected(const char *path)
 {
@@ -136,7 +136,8 @@ guint start_wifi_connect_check(guint ms)
 
 gboolean check_wifi_connect_timer_cb(gpointer)
 {
-    // The stale id stays in connectCheckTimer when the timer ends here.
+    // Kept: the stale id stays in connectCheckTimer when the timer ends
+    // here (netmgr_remove_source tolerates it later); no test pins it.
     if (g_netMgr->netType != NET_TYPE_WIFI || g_netMgr->wifiConnected)
         return FALSE;
     if (g_netMgr->wifiState == NET_STATUS_CONNECTING)
@@ -167,7 +168,8 @@ static bool connection_ready(const NetConnInfo &info, bool ipv6)
 
 gboolean connected_timer_cb(gpointer)
 {
-    // One count for every running instance of this timer.
+    // Kept: one count shared by every running instance of this timer, so
+    // overlapping polls give up sooner; no test pins it.
     static int8_t ticks = 0;
     NetMgrContext *ctx = g_netMgr;
 
@@ -191,7 +193,7 @@ gboolean connected_timer_cb(gpointer)
         }
     }
     ticks++;
-    if (ticks < CONNECTED_POLL_TICKS)
+    if (ticks < kConnectedPollTicks)
         return TRUE;
     ticks = 0;
     return FALSE;
@@ -199,15 +201,7 @@ gboolean connected_timer_cb(gpointer)
 
 static void raise_password_required(const char *path, int name)
 {
-    NetWifiInfo info;
-    info.path = path;
-    if (const char *service_name = connman_service_get_name(path))
-        info.name = service_name;
-    if (const char *security = connman_service_get_security(path))
-        info.security = security;
-    unsigned int state = connman_service_get_state(path);
-    info.connected = state == CONNMAN_STATE_READY || state == CONNMAN_STATE_ONLINE;
-    info.strength = connman_service_get_strength(path);
+    NetWifiInfo info = netmgr_wifi_info(path);
     info.hidden = name != 0;
     netmgr_raise_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, &info);
 }
@@ -226,7 +220,9 @@ void agent_input_cb(const char *path, int name, int, int passphrase, const char 
     if (name == 1 || passphrase == 1) {
         if (g_netMgr->backgroundConnect) {
             // Stored credentials no longer suffice: stop retrying this network.
-            // The request stays pending until ConnMan gives up or it is cancelled.
+            // Kept: the request stays pending until ConnMan gives up or it is
+            // cancelled; pinned by
+            // ConnectionScenario.PassphraseRequestInBackgroundForgetsLastWifi.
             NETMGR_LOG(NETMGR_INFO, 168, "## omit bg connect");
             if (path != nullptr && g_netMgr->lastWifi == path) {
                 g_netMgr->lastWifi.clear();
@@ -265,6 +261,8 @@ void agent_error_cb(const char *path, const char *error)
         }
     } else if (g_strcmp0(error, "invalid-key") == 0) {
         netmgr_raise_event(NETMGR_EVT_WIFI_INVALID_KEY, nullptr);
+        // Kept: the fixed text ends in its own newline, so the line is
+        // followed by an empty one; no test pins it.
         NETMGR_LOG(NETMGR_INFO, 117, "invalid-key path is %s\n", netmgr_text(path));
         connman_service_remove(path);
         connman_agent_reply_canceled();

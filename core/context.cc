@@ -33,7 +33,8 @@ void technology_removed_cb(const char *path)
     NETMGR_LOG(NETMGR_INFO, 227, "## technology_removed path: %s", netmgr_text(path));
 }
 
-// No reply: the request stays with the agent until ConnMan cancels it.
+// Kept: no reply, so the request stays with the agent until ConnMan
+// cancels it; no test pins it.
 void agent_browser_cb(const char *path, const char *url)
 {
     NETMGR_LOG(NETMGR_INFO, 143, "## agent_browser_cb path: %s, url: %s", netmgr_text(path),
@@ -78,8 +79,10 @@ void connman_down(void *)
     connman_technology_finalize();
     connman_manager_finalize();
 
-    // Both commands are run with the length 30 (the Wi-Fi one is shorter);
-    // the Wi-Fi driver is restarted only after ConnMan had a second to start.
+    // Kept: both commands are run with the length 30, although the Wi-Fi one
+    // is shorter (the runner stops at its end); pinned by
+    // StartTest.ConnmanLeavingRestartsTheDaemonsAndItsReturnBringsTheClientsBack.
+    // The Wi-Fi driver is restarted only after ConnMan had a second to start.
     ZelStorageManager::instance().systemCmd("/etc/init.d/S45connman restart", 30);
     sleep(1);
     ZelStorageManager::instance().systemCmd("/etc/init.d/S42wifi restart", 30);
@@ -119,8 +122,9 @@ static void load_saved_settings(NetMgrContext *ctx)
             value.isConvertibleTo(Json::stringValue) ? value.asString() : std::string();
         if (!last.empty())
             ctx->lastWifi = last;
-        // Armed even without a last network: the check then refreshes the
-        // list and scans until something connects.
+        // Kept: armed even without a last network; the check then refreshes
+        // the list and scans until something connects. Pinned by
+        // StartTest.StoredWifiTypeWithEmptyLastWifiArmsTheTenSecondCheck.
         if (ctx->netType == NET_TYPE_WIFI)
             start_wifi_connect_check(10000);
     }
@@ -149,8 +153,9 @@ int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *))
     ctx->wifiConnectNotified = false;
     ctx->spareFlag = false;
     ctx->ipv6Preferred = false;
-    // Cleared after the start-up check was armed: that first timer keeps
-    // running but can no longer be cancelled by a later re-arm.
+    // Kept: cleared after the start-up check was armed, so that first timer
+    // keeps running but can no longer be cancelled by a later re-arm; that
+    // it runs is pinned by ConnectionScenario.StartupCheckReconnectsLastWifiAfterTenSeconds.
     ctx->connectCheckTimer = 0;
     ctx->countryCode = "JP";
 

@@ -37,6 +37,9 @@ void refresh_services(guint ms);
 gboolean do_refresh_services(gpointer data);
 void refresh_cb(void *data);
 void scanning_cb(void *data);
+// The network at path as the list and the events show it, read from the
+// service client's mirror (hidden stays false).
+NetWifiInfo netmgr_wifi_info(const char *path);
 // Removes a GLib source of the default context if it still exists: timer ids
 // are kept after their one-shot timers have fired, and GLib complains about
 // removing an id that is gone.
@@ -61,7 +64,7 @@ void agent_input_cb(const char *path, int name, int identity, int passphrase,
 void agent_error_cb(const char *path, const char *error);
 
 // status.cc: a technology's status from the client's mirror (service thread)
-NetStatus technology_status(const char *path);
+NetStatus netmgr_technology_status(const char *path);
 
 // observe.cc: the read-only state object on the session bus
 void netmgr_observe_init();

@@ -36,7 +36,9 @@ bool valid_utf8(std::initializer_list<const std::string *> texts)
     return true;
 }
 
-// "a;b;c" gives dns1 "a" and dns2 "b;c"; a single server leaves dns2 alone.
+// Kept: "a;b;c" gives dns1 "a" and dns2 "b;c" (the connection details
+// drop "c"), and a single server leaves dns2 alone; pinned by
+// IpConfigTest.Ipv4ManualAndDhcpReachTheServiceAndReadBack.
 void split_nameservers(const char *text, std::string *dns1, std::string *dns2)
 {
     if (!text)

@@ -145,7 +145,7 @@ gboolean get_network_enable(const property_entry *, DBusMessageIter *iter, void 
 
 gboolean append_status(DBusMessageIter *iter, const char *technology)
 {
-    dbus_uint32_t status = technology_status(technology);
+    dbus_uint32_t status = netmgr_technology_status(technology);
     return dbus_message_iter_append_basic(iter, DBUS_TYPE_UINT32, &status);
 }
 

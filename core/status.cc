@@ -5,7 +5,7 @@
 
 // Answered from the client's technology mirror, so it never says
 // "connecting" or "disconnected".
-NetStatus technology_status(const char *path)
+NetStatus netmgr_technology_status(const char *path)
 {
     if (connman_technology_is_connected(path))
         return NET_STATUS_CONNECTED;
@@ -27,23 +27,6 @@ struct ConnInfoRecord {
     NetConnInfo *info;
 };
 
-void copy_conn_info(const NetConnInfo &from, NetConnInfo *to)
-{
-    to->type = from.type;
-    to->name = from.name;
-    to->connected = from.connected;
-    to->strength = from.strength;
-    to->ipv4Address = from.ipv4Address;
-    to->ipv4Netmask = from.ipv4Netmask;
-    to->ipv4Gateway = from.ipv4Gateway;
-    to->dns1 = from.dns1;
-    to->dns2 = from.dns2;
-    to->macAddress = from.macAddress;
-    to->ipv6Address = from.ipv6Address;
-    to->ipv6PrefixLength = from.ipv6PrefixLength;
-    to->ipv6Gateway = from.ipv6Gateway;
-}
-
 } // namespace
 
 // P2P has no status of its own: anything but Wi-Fi answers for Ethernet.
@@ -54,7 +37,7 @@ NetStatus NetMgr_GetNetworkStatus(NetType type)
         auto *rec = static_cast<StatusRecord *>(data);
         const char *path =
             rec->type == NET_TYPE_WIFI ? WIFI_TECHNOLOGY_PATH : ETHERNET_TECHNOLOGY_PATH;
-        rec->promise->set_value(technology_status(path));
+        rec->promise->set_value(netmgr_technology_status(path));
         return FALSE;
     });
 }
@@ -64,7 +47,7 @@ bool NetMgr_GetCurrentConnInfo(NetConnInfo *info)
     ConnInfoRecord record{nullptr, info};
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
         auto *rec = static_cast<ConnInfoRecord *>(data);
-        copy_conn_info(g_netMgr->connInfo, rec->info);
+        *rec->info = g_netMgr->connInfo;
         rec->promise->set_value(true);
         return FALSE;
     });
@@ -74,7 +57,7 @@ bool NetMgr_GetCurrentConnInfo(NetConnInfo *info)
 // form would wait for itself. The copy is not synchronised with the thread.
 bool NetMgr_GetCurrentConnInfoInternel(NetConnInfo *info)
 {
-    copy_conn_info(g_netMgr->connInfo, info);
+    *info = g_netMgr->connInfo;
     if (g_netMgr->ethernetConnected)
         return true;
     return g_netMgr->wifiConnected;

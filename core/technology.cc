@@ -21,6 +21,7 @@ static void set_type(NetType type)
 bool switch_wifi()
 {
     if (g_netMgr->ethernetConnected) {
+        // Kept: "witch" is the fixed text log readers match; no test pins it.
         NETMGR_LOG(NETMGR_INFO, 1050, "omit witch wifi for ethernet connected");
         return false;
     }
@@ -128,8 +129,9 @@ static void ethernet_connected(const char *type)
 {
     NetMgrContext *ctx = g_netMgr;
     if (ctx->netType != NET_TYPE_P2P) {
-        // Ethernet always wins: Wi-Fi stays on only for a wifi technology,
-        // which this is not.
+        // Ethernet always wins. Kept: the second argument asks "is this a
+        // wifi technology", which never holds here, so Wi-Fi goes off; pinned
+        // by TechnologyScenario.CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi.
         if (connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, g_strcmp0(type, "wifi") == 0);
         set_type(NET_TYPE_ETHERNET);
@@ -174,10 +176,14 @@ static void wifi_disconnected(const char *path, const char *property)
     NetMgrContext *ctx = g_netMgr;
     reset_cur_conn_info();
     if (ctx->netType == NET_TYPE_WIFI && ctx->wifiConnectNotified) {
-        // The application reads the first byte as "an announced connection
-        // was lost"; the property name's text serves as that non-zero byte.
+        // Kept: the application reads the first byte as "an announced
+        // connection was lost", and the property name's text serves as that
+        // non-zero byte; pinned by
+        // ConnectionScenario.OpenNetworkConnectsDisconnectsAndIsDismissed.
         netmgr_raise_event(NETMGR_EVT_WIFI_DISCONNECTED, const_cast<char *>(property));
-        // Compares a technology path with a service path, so it always differs.
+        // Kept: compares a technology path with a service path, so it always
+        // differs and the last network is tried again even when it is the
+        // one lost; pinned by ConnectionScenario.LosingTheLastNetworkTriesItAgain.
         if (path == nullptr || ctx->lastWifi != path)
             backToConnectLastWifi();
     } else {
@@ -224,7 +230,9 @@ static void copy_if_present(std::string &field, const char *value)
         field = value;
 }
 
-// "a;b;c" gives a and b; "a" gives a and leaves the second server as it was.
+// Kept: "a;b;c" gives a and b (IP configuration reads keep "b;c"), and "a"
+// leaves the second server as it was; pinned by
+// TechnologyScenario.ConnectionInfoFollowsTheCableInIpv6PreferredMode.
 static void update_nameservers(NetConnInfo &info, const char *text)
 {
     const char *first_end = strchr(text, ';');
@@ -254,6 +262,8 @@ static void service_ipv6_changed(const char *path)
     if (!ctx->ipv6Preferred || !has_address)
         return;
     if (ctx->netType == NET_TYPE_ETHERNET) {
+        // Kept: the cable's address announces Wi-Fi as well; pinned by
+        // TechnologyScenario.ConnectionInfoFollowsTheCableInIpv6PreferredMode.
         netmgr_raise_event(NETMGR_EVT_ETHERNET_CONNECTED, nullptr);
         netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
     } else if (ctx->netType == NET_TYPE_WIFI) {
@@ -263,12 +273,8 @@ static void service_ipv6_changed(const char *path)
 
 static void service_strength_changed(const char *path)
 {
-    NetWifiInfo info;
-    info.path = path;
-    copy_if_present(info.name, connman_service_get_name(path));
-    copy_if_present(info.security, connman_service_get_security(path));
-    info.connected = true; // only connected services get here
-    info.strength = connman_service_get_strength(path);
+    // Only connected services get here, so the record says connected.
+    NetWifiInfo info = netmgr_wifi_info(path);
     g_netMgr->connInfo.strength = info.strength;
     netmgr_raise_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, &info);
 }

@@ -11,8 +11,9 @@
 #include "core/internal.h"
 #include "core/log.h"
 
-// Never cleared when the one-shot timer fires; the next refresh_services
-// then finds an id that is gone, which netmgr_remove_source tolerates.
+// Kept: never cleared when the one-shot timer fires; the next
+// refresh_services then finds an id that is gone, which netmgr_remove_source
+// tolerates. Nothing observable depends on it, so no test pins it.
 static guint refresh_timer_id;
 
 // The list and the hidden paths are rebuilt on the service thread and copied
@@ -41,12 +42,6 @@ gboolean do_refresh_services(gpointer)
     return FALSE;
 }
 
-static bool service_state_connected(const char *path)
-{
-    unsigned int state = connman_service_get_state(path);
-    return state == CONNMAN_STATE_READY || state == CONNMAN_STATE_ONLINE;
-}
-
 // Only the Wi-Fi interface's networks belong in the list.
 static bool is_wlan0_wifi_service(const char *path)
 {
@@ -56,7 +51,7 @@ static bool is_wlan0_wifi_service(const char *path)
     return ethernet != nullptr && g_strcmp0(ethernet->interface, "wlan0") == 0;
 }
 
-static NetWifiInfo wifi_info_of(const char *path)
+NetWifiInfo netmgr_wifi_info(const char *path)
 {
     NetWifiInfo info;
     info.path = path;
@@ -64,7 +59,7 @@ static NetWifiInfo wifi_info_of(const char *path)
         info.name = name;
     if (const char *security = connman_service_get_security(path))
         info.security = security;
-    info.connected = service_state_connected(path);
+    info.connected = connman_service_is_connected(path);
     info.strength = connman_service_get_strength(path);
     return info;
 }
@@ -108,7 +103,7 @@ void refresh_cb(void *)
         if (!is_wlan0_wifi_service(path))
             continue;
         remember_hidden_path(hidden, path);
-        list.push_back(wifi_info_of(path));
+        list.push_back(netmgr_wifi_info(path));
     }
     g_slist_free(services);
 

@@ -12,33 +12,36 @@ namespace
 
 const std::string kService = "/net/connman/service/wifi_aa_managed_psk";
 
-std::vector<std::string> requests;
-int cancels;
+// What the callbacks heard in the running case; cleared before each case.
+struct Heard {
+    std::vector<std::string> requests;
+    int cancels = 0;
+} heard;
 
 void record_input(const char *path, int name, int identity, int passphrase,
                   const char *previous_passphrase, int wps, const char *previous_wps_pin,
                   int username)
 {
     // Flags in the callback's order; earlier values are always withheld.
-    requests.push_back(std::string("input ") + path + " " + std::to_string(name) +
-                       std::to_string(identity) + std::to_string(passphrase) + std::to_string(wps) +
-                       std::to_string(username) +
-                       (previous_passphrase || previous_wps_pin ? " previous" : ""));
+    heard.requests.push_back(std::string("input ") + path + " " + std::to_string(name) +
+                             std::to_string(identity) + std::to_string(passphrase) +
+                             std::to_string(wps) + std::to_string(username) +
+                             (previous_passphrase || previous_wps_pin ? " previous" : ""));
 }
 
 void record_error(const char *path, const char *error)
 {
-    requests.push_back(std::string("error ") + path + " " + error);
+    heard.requests.push_back(std::string("error ") + path + " " + error);
 }
 
 void record_browser(const char *path, const char *url)
 {
-    requests.push_back(std::string("browser ") + path + " " + url);
+    heard.requests.push_back(std::string("browser ") + path + " " + url);
 }
 
 void record_cancel()
 {
-    cancels++;
+    heard.cancels++;
 }
 
 class Agent : public ::testing::Test
@@ -46,7 +49,8 @@ class Agent : public ::testing::Test
   protected:
     void SetUp() override
     {
-        stack.start();
+        heard = Heard();
+        ASSERT_NO_FATAL_FAILURE(stack.start());
         EXPECT_EQ(stack.connman.last_args("RegisterAgent"),
                   "(objectpath '/net/connman/agent/gaskaidra',)");
         ASSERT_EQ(connman_agent_set_input_cb(record_input), 0);
@@ -59,11 +63,11 @@ class Agent : public ::testing::Test
     // core has been asked (or, with refused, does not wait).
     DBusPendingCall *request_input(const std::string &fields, bool refused = false)
     {
-        size_t before = requests.size();
+        size_t before = heard.requests.size();
         DBusPendingCall *call = stack.connman.call_agent(
             "RequestInput", "(objectpath '" + kService + "', {" + fields + "})");
         if (!refused) {
-            EXPECT_TRUE(stack.run_until([before] { return requests.size() == before + 1; }));
+            EXPECT_TRUE(stack.run_until([before] { return heard.requests.size() == before + 1; }));
         }
         return call;
     }
@@ -97,7 +101,7 @@ TEST_F(Agent, PassphraseRequestIsAnsweredOnceWithThePassphrase)
 {
     DBusPendingCall *call = request_input(
         std::string(kPsk) + ", 'PreviousPassphrase': <{'Type': <'psk'>, 'Value': <'old'>}>");
-    EXPECT_EQ(requests, std::vector<std::string>{"input " + kService + " 00100"});
+    EXPECT_EQ(heard.requests, std::vector<std::string>{"input " + kService + " 00100"});
 
     // A passphrase that is not UTF-8 is refused and the request stays open.
     EXPECT_EQ(connman_agent_reply_passphrase(nullptr, "bad\xc3\x28", false, ""), -EINVAL);
@@ -114,7 +118,7 @@ TEST_F(Agent, HiddenNetworkRequestCarriesTheName)
 {
     DBusPendingCall *call = request_input(
         std::string("'Name': <{'Type': <'string'>}>, 'SSID': <{'Type': <'ssid'>}>, ") + kPsk);
-    EXPECT_EQ(requests, std::vector<std::string>{"input " + kService + " 10100"});
+    EXPECT_EQ(heard.requests, std::vector<std::string>{"input " + kService + " 10100"});
     EXPECT_EQ(connman_agent_reply_passphrase("hidden-net", "secret", false, ""), 0);
     EXPECT_EQ(answer(call), "({'Name': <'hidden-net'>, 'Passphrase': <'secret'>},)");
 }
@@ -123,11 +127,11 @@ TEST_F(Agent, WpsRequests)
 {
     // WPS alone is refused without asking the core.
     EXPECT_EQ(answer(request_input(kWps, true)), "!net.connman.Error.Canceled ");
-    EXPECT_TRUE(requests.empty());
+    EXPECT_TRUE(heard.requests.empty());
 
     // Offered beside a passphrase, push-button WPS answers with an empty PIN.
     DBusPendingCall *call = request_input(std::string(kPsk) + ", " + kWps);
-    EXPECT_EQ(requests, std::vector<std::string>{"input " + kService + " 00110"});
+    EXPECT_EQ(heard.requests, std::vector<std::string>{"input " + kService + " 00110"});
     EXPECT_EQ(connman_agent_reply_passphrase(nullptr, nullptr, true, nullptr), 0);
     EXPECT_EQ(answer(call), "({'WPS': <''>},)");
 }
@@ -135,14 +139,14 @@ TEST_F(Agent, WpsRequests)
 TEST_F(Agent, LoginMayLackAHalfButIdentityMayNot)
 {
     DBusPendingCall *login = request_input("'Username': <{'Type': <'string'>}>");
-    EXPECT_EQ(requests.back(), "input " + kService + " 00001");
+    EXPECT_EQ(heard.requests.back(), "input " + kService + " 00001");
     EXPECT_EQ(connman_agent_reply_login(nullptr, nullptr), -EINVAL);
     EXPECT_EQ(connman_agent_reply_login("user", nullptr), 0);
     EXPECT_EQ(answer(login), "({'Username': <'user'>},)");
 
     DBusPendingCall *identity =
         request_input(std::string("'Identity': <{'Type': <'string'>}>, ") + kPsk);
-    EXPECT_EQ(requests.back(), "input " + kService + " 01100");
+    EXPECT_EQ(heard.requests.back(), "input " + kService + " 01100");
     EXPECT_EQ(connman_agent_reply_identity("id", nullptr), -EINVAL);
     EXPECT_EQ(connman_agent_reply_identity("id", "pw"), 0);
     EXPECT_EQ(answer(identity), "({'Identity': <'id'>, 'Passphrase': <'pw'>},)");
@@ -163,19 +167,19 @@ TEST_F(Agent, ReplyFunctionsWithNothingPendingSendNothing)
 TEST_F(Agent, ErrorsAndBrowserRequestsWaitForTheCore)
 {
     DBusPendingCall *report = call_with_text("ReportError", "invalid-key");
-    ASSERT_TRUE(stack.run_until([] { return requests.size() == 1; }));
-    EXPECT_EQ(requests[0], "error " + kService + " invalid-key");
+    ASSERT_TRUE(stack.run_until([] { return heard.requests.size() == 1; }));
+    EXPECT_EQ(heard.requests[0], "error " + kService + " invalid-key");
     EXPECT_EQ(connman_agent_reply_retry(), 0);
     EXPECT_EQ(answer(report), "!net.connman.Agent.Error.Retry Retry");
 
     report = call_with_text("ReportError", "connect-failed");
-    ASSERT_TRUE(stack.run_until([] { return requests.size() == 2; }));
+    ASSERT_TRUE(stack.run_until([] { return heard.requests.size() == 2; }));
     EXPECT_EQ(connman_agent_reply_canceled(), 0);
     EXPECT_EQ(answer(report), "!net.connman.Agent.Error.Canceled Canceled");
 
     DBusPendingCall *browser = call_with_text("RequestBrowser", "http://portal.example/");
-    ASSERT_TRUE(stack.run_until([] { return requests.size() == 3; }));
-    EXPECT_EQ(requests[2], "browser " + kService + " http://portal.example/");
+    ASSERT_TRUE(stack.run_until([] { return heard.requests.size() == 3; }));
+    EXPECT_EQ(heard.requests[2], "browser " + kService + " http://portal.example/");
     EXPECT_EQ(connman_agent_reply_launch_browser(), 0);
     EXPECT_EQ(answer(browser), "!net.connman.Agent.Error.LaunchBrowser Launch the Browser");
 
@@ -188,18 +192,18 @@ TEST_F(Agent, ErrorsAndBrowserRequestsWaitForTheCore)
     EXPECT_EQ(answer(stack.connman.call_agent("RequestPeerAuthorization",
                                               "(objectpath '/net/connman/peer/p', @a{sv} {})")),
               "(@a{sv} {},)");
-    EXPECT_EQ(requests.size(), 3u);
+    EXPECT_EQ(heard.requests.size(), 3u);
 }
 
 TEST_F(Agent, CancelAndRelease)
 {
     // Cancel with nothing pending still tells the core.
     EXPECT_EQ(answer(stack.connman.call_agent("Cancel")), "()");
-    EXPECT_EQ(cancels, 1);
+    EXPECT_EQ(heard.cancels, 1);
 
     DBusPendingCall *request = request_input(kPsk);
     EXPECT_EQ(answer(stack.connman.call_agent("Cancel")), "()");
-    EXPECT_EQ(cancels, 2);
+    EXPECT_EQ(heard.cancels, 2);
     // The cancelled request is no longer answered.
     EXPECT_EQ(connman_agent_reply_passphrase(nullptr, "late", false, ""), 0);
     ASSERT_TRUE(stack.barrier());
@@ -213,5 +217,5 @@ TEST_F(Agent, CancelAndRelease)
     EXPECT_EQ(answer(request_input(kPsk, true)).rfind("!org.freedesktop.DBus.Error.Unknown", 0),
               0u);
     EXPECT_EQ(stack.connman.count("UnregisterAgent"), 0);
-    EXPECT_EQ(requests.size(), 1u);
+    EXPECT_EQ(heard.requests.size(), 1u);
 }

@@ -16,8 +16,24 @@
 
 constexpr const char *kWifiTechnology = "/net/connman/technology/wifi";
 
+// libdbus reads DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS once
+// per process and keeps the addresses until dbus_shutdown(). Every stack
+// starts buses of its own, so without a shutdown between stacks the second
+// one in a process would dial the first one's dead sockets. Used as the
+// first member of a stack, so that it runs after the modules, the fake
+// daemon and the buses are gone.
+struct LibdbusReset {
+    LibdbusReset() = default;
+    LibdbusReset(const LibdbusReset &) = delete;
+    LibdbusReset &operator=(const LibdbusReset &) = delete;
+    ~LibdbusReset() { dbus_shutdown(); }
+};
+
 class ClientStack
 {
+  private:
+    LibdbusReset reset_;
+
   public:
     TestBuses buses;
     fake::Connman connman{buses.system.address()};
@@ -97,15 +113,14 @@ class ClientStack
             dbus_pending_call_unref(inbound);
         if (outbound)
             dbus_pending_call_unref(outbound);
-        static int idle_runs = 0;
-        int before = idle_runs;
+        bool idle_ran = false;
         g_idle_add(
-            [](gpointer) {
-                idle_runs++;
+            [](gpointer ran) {
+                *static_cast<bool *>(ran) = true;
                 return G_SOURCE_REMOVE;
             },
-            nullptr);
-        return run_until([&] { return idle_runs != before; }) && done;
+            &idle_ran);
+        return run_until([&] { return idle_ran; }) && done;
     }
 
     // Runs everything that is ready, so that a notification that was going
@@ -122,9 +137,11 @@ class ClientStack
     void emit_unread(const std::string &path, const std::string &interface,
                      const std::string &member, const std::string &args)
     {
-        auto unread = [] {
+        DBusConnection *client = connman_interface_get_connection();
+        ASSERT_NE(client, nullptr) << "the interface is not up";
+        auto unread = [client] {
             int fd = -1, bytes = 0;
-            dbus_connection_get_socket(connman_interface_get_connection(), &fd);
+            dbus_connection_get_socket(client, &fd);
             ioctl(fd, FIONREAD, &bytes);
             return bytes;
         };

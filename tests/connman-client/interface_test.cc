@@ -45,7 +45,7 @@ int count_clients(const std::string &address)
     return count;
 }
 
-int stray_calls = 0;
+int stray_calls = 0; // cleared before each case
 void stray_callback(void *)
 {
     stray_calls++;
@@ -54,6 +54,8 @@ void stray_callback(void *)
 class InterfaceTest : public ClientStackTest
 {
   protected:
+    void SetUp() override { stray_calls = 0; }
+
     // Waits until the library holds no connection to either bus; the fake
     // daemon is the one client left on the system bus.
     bool no_connections(int session_clients = 0)

@@ -5,25 +5,32 @@
 namespace
 {
 
-int services_replies = 0;
-int technologies_replies = 0;
+// What the callbacks heard in the running case; cleared before each case.
+struct Heard {
+    int services_replies = 0;
+    int technologies_replies = 0;
+    // Property notifications as "path|name" (path empty for the manager).
+    std::vector<std::string> notes;
+} heard;
+
 void count_services(DBusMessageIter *)
 {
-    services_replies++;
+    heard.services_replies++;
 }
 void count_technologies(DBusMessageIter *)
 {
-    technologies_replies++;
+    heard.technologies_replies++;
 }
-
-// Property notifications as "path|name" (path empty for the manager).
-std::vector<std::string> notes;
 void record_property(const char *path, const char *name, void *)
 {
-    notes.push_back(std::string(path ? path : "") + "|" + name);
+    heard.notes.push_back(std::string(path ? path : "") + "|" + name);
 }
 
-using ManagerTest = ClientStackTest;
+class ManagerTest : public ClientStackTest
+{
+  protected:
+    void SetUp() override { heard = Heard(); }
+};
 
 } // namespace
 
@@ -49,37 +56,37 @@ TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)
     connman.on("GetProperties", "({'State': <'ready'>, 'OfflineMode': <true>},)");
     ASSERT_NO_FATAL_FAILURE(init_manager());
     ASSERT_EQ(0, connman_manager_get_properties(record_property, nullptr));
-    ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
-    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
+    ASSERT_TRUE(run_until([&] { return heard.notes.size() == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), heard.notes);
     EXPECT_EQ(3u, connman_manager_get_state());
     EXPECT_TRUE(connman_manager_get_offlinemode());
 
     // Two State changes handled in one loop turn: one report, latest value.
-    notes.clear();
+    heard.notes.clear();
     emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'idle'>)");
     emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'online'>)");
-    ASSERT_TRUE(run_until([&] { return !notes.empty(); }));
+    ASSERT_TRUE(run_until([&] { return !heard.notes.empty(); }));
     drain();
-    EXPECT_EQ(std::vector<std::string>{"|State"}, notes);
+    EXPECT_EQ(std::vector<std::string>{"|State"}, heard.notes);
     EXPECT_EQ(4u, connman_manager_get_state());
 
-    notes.clear();
+    heard.notes.clear();
     for (const char *change :
          {"('State', <'bogus'>)", "('Unrelated', <1>)", "('OfflineMode', <false>)"})
         connman.emit("/", "net.connman.Manager", "PropertyChanged", change);
-    ASSERT_TRUE(run_until([&] { return notes.size() == 2; }));
+    ASSERT_TRUE(run_until([&] { return heard.notes.size() == 2; }));
     drain();
-    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), notes);
+    EXPECT_EQ((std::vector<std::string>{"|State", "|OfflineMode"}), heard.notes);
     EXPECT_EQ(1u, connman_manager_get_state());
     EXPECT_FALSE(connman_manager_get_offlinemode());
 
     // Pending reports die with the client.
-    notes.clear();
+    heard.notes.clear();
     emit_unread("/", "net.connman.Manager", "PropertyChanged", "('State', <'idle'>)");
     ASSERT_TRUE(run_until([&] { return connman_manager_get_state() == 2u; }));
     connman_manager_finalize();
     drain();
-    EXPECT_TRUE(notes.empty());
+    EXPECT_TRUE(heard.notes.empty());
     EXPECT_TRUE(connman_manager_get_offlinemode());
 }
 
@@ -109,11 +116,11 @@ TEST_F(ManagerTest, NullCallbackCancelsListRequest)
     ASSERT_EQ(0, __connman_manager_get_services(nullptr));
     ASSERT_EQ(0, __connman_manager_get_technologies(count_technologies));
     // Replies come in order, so the services reply has been seen by now.
-    ASSERT_TRUE(run_until([&] { return technologies_replies == 1; }));
+    ASSERT_TRUE(run_until([&] { return heard.technologies_replies == 1; }));
     drain();
     EXPECT_EQ(1, connman.count("GetServices"));
-    EXPECT_EQ(0, services_replies);
+    EXPECT_EQ(0, heard.services_replies);
 
     ASSERT_EQ(0, __connman_manager_get_services(count_services));
-    ASSERT_TRUE(run_until([&] { return services_replies == 1; }));
+    ASSERT_TRUE(run_until([&] { return heard.services_replies == 1; }));
 }

@@ -28,17 +28,40 @@ std::string wifi(const std::string &path, const std::string &name, int strength,
                            "'Strength': <byte " + std::to_string(strength) + ">" + more);
 }
 
-int refreshes, scans, marker;
-std::vector<std::string> removed, notifications, errors;
+int marker;
+// What the callbacks heard in the running case; cleared before each case.
+struct Heard {
+    int refreshes = 0, scans = 0;
+    std::vector<std::string> removed, notifications, errors, returns;
+} heard;
+
+// Every case starts from nothing heard.
+class ServiceTest : public ::testing::Test
+{
+  protected:
+    void SetUp() override { heard = Heard(); }
+};
+class ServiceList : public ServiceTest
+{
+};
+class ServiceProperties : public ServiceTest
+{
+};
+class ServiceWrites : public ServiceTest
+{
+};
+class ServiceCalls : public ServiceTest
+{
+};
 
 void count_refresh(void *user_data)
 {
-    refreshes += user_data == &marker;
+    heard.refreshes += user_data == &marker;
 }
 
 void count_scan(void *user_data)
 {
-    scans += user_data == &marker;
+    heard.scans += user_data == &marker;
 }
 
 std::vector<std::string> ordered_services()
@@ -64,7 +87,7 @@ void start_with(ClientStack &stack, const std::string &services)
 {
     start_stack(stack, services);
     ASSERT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
-    ASSERT_TRUE(stack.run_until([] { return refreshes == 1 && scans == 1; }));
+    ASSERT_TRUE(stack.run_until([] { return heard.refreshes == 1 && heard.scans == 1; }));
 }
 
 void property_changed(ClientStack &stack, const std::string &name, const std::string &value)
@@ -75,7 +98,7 @@ void property_changed(ClientStack &stack, const std::string &name, const std::st
 
 } // namespace
 
-TEST(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected)
+TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected)
 {
     ClientStack stack;
     start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40) + ", " + wifi(kC, "c", 30));
@@ -83,14 +106,14 @@ TEST(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected)
     EXPECT_EQ(stack.connman.count("GetServices"), 2);
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kA, kB, kC}));
 
-    connman_service_set_removed_callback([](const char *path) { removed.push_back(path); });
+    connman_service_set_removed_callback([](const char *path) { heard.removed.push_back(path); });
     ASSERT_EQ(connman_service_select(kB.c_str()), 0);
     // ConnMan lists unchanged services without properties.
     stack.connman.emit("/", "net.connman.Manager", "ServicesChanged",
                        "([" + entry(kC, "") + ", " + entry(kA, "'Strength': <byte 70>") +
                            "], [objectpath '" + kB + "'])");
-    ASSERT_TRUE(stack.run_until([] { return !removed.empty() && refreshes == 2; }));
-    EXPECT_EQ(removed, std::vector<std::string>{kB});
+    ASSERT_TRUE(stack.run_until([] { return !heard.removed.empty() && heard.refreshes == 2; }));
+    EXPECT_EQ(heard.removed, std::vector<std::string>{kB});
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kC, kA}));
     EXPECT_STREQ(connman_service_get_name(kC.c_str()), "c");
     EXPECT_EQ(connman_service_get_strength(kA.c_str()), 70);
@@ -110,29 +133,29 @@ TEST(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected)
                        "([" + entry(kC, "'Strength': <byte 20>") + ", " + entry(kA, "") +
                            "], @ao [])");
     ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(removed.size(), 2u);
+    EXPECT_EQ(heard.removed.size(), 2u);
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kC, kA}));
     connman_service_deselect();
     EXPECT_EQ(connman_service_get_strength(kC.c_str()), 20);
     EXPECT_STREQ(connman_service_get_name(kC.c_str()), "c");
 }
 
-TEST(ServiceList, RefreshWithWifiOffReportsTheScanBeforeTheListArrives)
+TEST_F(ServiceList, RefreshWithWifiOffReportsTheScanBeforeTheListArrives)
 {
     ClientStack stack;
     start_stack(stack, wifi(kA, "a", 50), false);
     ASSERT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
-    EXPECT_EQ(scans, 1);
+    EXPECT_EQ(heard.scans, 1);
     EXPECT_EQ(connman_service_get_services_count(), 0);
 
-    ASSERT_TRUE(stack.run_until([] { return refreshes == 1; }));
+    ASSERT_TRUE(stack.run_until([] { return heard.refreshes == 1; }));
     EXPECT_EQ(ordered_services(), std::vector<std::string>{kA});
     EXPECT_EQ(stack.connman.count("GetServices"), 2);
     EXPECT_EQ(stack.connman.count("Scan"), 0);
-    EXPECT_EQ(scans, 1);
+    EXPECT_EQ(heard.scans, 1);
 }
 
-TEST(ServiceProperties, MirrorsConnmanValues)
+TEST_F(ServiceProperties, MirrorsConnmanValues)
 {
     ClientStack stack;
     start_with(stack,
@@ -173,7 +196,7 @@ TEST(ServiceProperties, MirrorsConnmanValues)
     EXPECT_FALSE(connman_service_is_connected(a));
 }
 
-TEST(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
+TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
 {
     ClientStack stack;
     start_with(stack, wifi(kA, "a", 50));
@@ -185,22 +208,22 @@ TEST(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
     ASSERT_TRUE(stack.run_until([a] { return connman_service_get_strength(a) == 80; }));
     connman_service_set_global_property_callback(
         [](const char *path, const char *name, void *) {
-            notifications.push_back(std::string("global ") + path + " " + name);
+            heard.notifications.push_back(std::string("global ") + path + " " + name);
         },
         nullptr);
     connman_service_set_property_changed_callback(
         a,
         [](const char *path, const char *name, void *user_data) {
             if (user_data == &marker)
-                notifications.push_back(std::string("own ") + path + " " + name);
+                heard.notifications.push_back(std::string("own ") + path + " " + name);
         },
         &marker);
     ASSERT_TRUE(stack.barrier());
-    EXPECT_TRUE(notifications.empty());
+    EXPECT_TRUE(heard.notifications.empty());
 
     property_changed(stack, "Strength", "byte 90");
-    ASSERT_TRUE(stack.run_until([] { return notifications.size() == 2; }));
-    EXPECT_EQ(notifications,
+    ASSERT_TRUE(stack.run_until([] { return heard.notifications.size() == 2; }));
+    EXPECT_EQ(heard.notifications,
               (std::vector<std::string>{"global " + kA + " Strength", "own " + kA + " Strength"}));
 
     // Name and unknown properties are mirrored silently.
@@ -208,10 +231,10 @@ TEST(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
     property_changed(stack, "Unknown", "'x'");
     ASSERT_TRUE(stack.barrier());
     EXPECT_STREQ(connman_service_get_name(a), "renamed");
-    EXPECT_EQ(notifications.size(), 2u);
+    EXPECT_EQ(heard.notifications.size(), 2u);
 }
 
-TEST(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
+TEST_F(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
 {
     ClientStack stack;
     start_with(stack, wifi(kA, "a", 50));
@@ -220,24 +243,24 @@ TEST(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
     connman_service_set_property_error_callback(
         a,
         [](const char *path, const char *name, int error, void *) {
-            errors.push_back(std::string(path) + " " + name + " " + std::to_string(error));
+            heard.errors.push_back(std::string(path) + " " + name + " " + std::to_string(error));
         },
         nullptr);
 
     EXPECT_EQ(connman_service_set_autoconnectable(a, true), 0);
     EXPECT_EQ(connman_service_set_autoconnectable(a, false), -EINVAL); // still pending
-    ASSERT_TRUE(stack.run_until([] { return errors.size() == 1; }));
-    EXPECT_EQ(errors[0], kA + " AutoConnect -1");
+    ASSERT_TRUE(stack.run_until([] { return heard.errors.size() == 1; }));
+    EXPECT_EQ(heard.errors[0], kA + " AutoConnect -1");
     EXPECT_EQ(stack.connman.last_args("SetProperty"), "('AutoConnect', <true>)");
 
     stack.connman.on("SetProperty", "()");
     EXPECT_EQ(connman_service_set_autoconnectable(a, false), 0);
     ASSERT_TRUE(stack.barrier());
     EXPECT_EQ(stack.connman.count("SetProperty"), 2);
-    EXPECT_EQ(errors.size(), 1u);
+    EXPECT_EQ(heard.errors.size(), 1u);
 }
 
-TEST(ServiceWrites, EqualConfigurationSendsNothingAndOthersAreSentAsLists)
+TEST_F(ServiceWrites, EqualConfigurationSendsNothingAndOthersAreSentAsLists)
 {
     ClientStack stack;
     start_with(stack, wifi(kA, "a", 50,
@@ -277,18 +300,16 @@ TEST(ServiceWrites, EqualConfigurationSendsNothingAndOthersAreSentAsLists)
 namespace
 {
 
-std::vector<std::string> returns;
-
 void record_return(DBusMessageIter *iter, int error, const char *message, void *user_data)
 {
     EXPECT_EQ(user_data, &marker);
-    returns.push_back(std::to_string(error) + (iter ? " reply" : "") +
-                      (message ? std::string(" ") + message : ""));
+    heard.returns.push_back(std::to_string(error) + (iter ? " reply" : "") +
+                            (message ? std::string(" ") + message : ""));
 }
 
 } // namespace
 
-TEST(ServiceCalls, ConnectRepliesAreMappedToErrorCodes)
+TEST_F(ServiceCalls, ConnectRepliesAreMappedToErrorCodes)
 {
     ClientStack stack;
     start_with(stack, wifi(kA, "a", 50));
@@ -304,16 +325,16 @@ TEST(ServiceCalls, ConnectRepliesAreMappedToErrorCodes)
     for (size_t i = 0; i < cases.size(); i++) {
         stack.connman.on("Connect", "!" + cases[i].first + " why");
         ASSERT_EQ(connman_service_connect_cb(a, record_return, &marker), 0);
-        ASSERT_TRUE(stack.run_until([i] { return returns.size() == i + 1; }));
-        EXPECT_EQ(returns[i], std::to_string(cases[i].second) + " why") << cases[i].first;
+        ASSERT_TRUE(stack.run_until([i] { return heard.returns.size() == i + 1; }));
+        EXPECT_EQ(heard.returns[i], std::to_string(cases[i].second) + " why") << cases[i].first;
     }
     stack.connman.on("Connect", "()");
     ASSERT_EQ(connman_service_connect_cb(a, record_return, &marker), 0);
     stack.connman.on("Disconnect", "!net.connman.Error.AlreadyDisabled off");
     ASSERT_EQ(connman_service_disconnect_cb(a, record_return, &marker), 0);
-    ASSERT_TRUE(stack.run_until([] { return returns.size() == 8; }));
-    EXPECT_EQ(returns[6], "0 reply");
-    EXPECT_EQ(returns[7], std::to_string(-EALREADY) + " off");
+    ASSERT_TRUE(stack.run_until([] { return heard.returns.size() == 8; }));
+    EXPECT_EQ(heard.returns[6], "0 reply");
+    EXPECT_EQ(heard.returns[7], std::to_string(-EALREADY) + " off");
 
     EXPECT_EQ(connman_service_connect_cb("/net/connman/service/x", record_return, &marker),
               -EINVAL);

@@ -2,7 +2,7 @@
 // closely: the exact ServicesChanged signals, and the scenario files of the
 // standalone program.
 #include "connman_sim.h"
-#include "scenario.h"
+#include "scenario_file.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 
@@ -88,8 +88,8 @@ class Client
     guint subscription_;
 };
 
-const char open_id[] = "wifi_02_6f70656e_managed_none";
-const char psk_id[] = "wifi_02_70736b_managed_psk";
+const char kOpenId[] = "wifi_02_6f70656e_managed_none";
+const char kPskId[] = "wifi_02_70736b_managed_psk";
 
 std::string svc_path(const std::string &ident)
 {
@@ -145,8 +145,8 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     PrivateBus bus("system");
     connman_sim::Simulator sim;
     sim.add_technology("wifi", true);
-    sim.add_network(wifi(open_id, "open", 40));
-    connman_sim::Network psk = wifi(psk_id, "psk", 80);
+    sim.add_network(wifi(kOpenId, "open", 40));
+    connman_sim::Network psk = wifi(kPskId, "psk", 80);
     psk.security = {"psk"};
     psk.passphrase = "correct horse";
     sim.add_network(psk);
@@ -165,17 +165,17 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
 
     // Only a change of order or of the set is announced; the mover carries
     // what changed.
-    sim.set_strength(open_id, 95);
+    sim.set_strength(kOpenId, 95);
     ASSERT_TRUE(client.wait_changes(2));
     list = first_list(client.changes[1]);
-    EXPECT_EQ(list[0], std::make_pair(svc_path(open_id), size_t{1}));
+    EXPECT_EQ(list[0], std::make_pair(svc_path(kOpenId), size_t{1}));
     EXPECT_EQ(list[1].second, 0u);
     EXPECT_NE(text(client.changes[1]).find("'Strength': <byte 0x5f>"), std::string::npos)
         << text(client.changes[1]);
 
-    sim.remove_network(psk_id);
+    sim.remove_network(kPskId);
     ASSERT_TRUE(client.wait_changes(3));
-    EXPECT_NE(text(client.changes[2]).find("['" + svc_path(psk_id) + "']"), std::string::npos)
+    EXPECT_NE(text(client.changes[2]).find("['" + svc_path(kPskId) + "']"), std::string::npos)
         << text(client.changes[2]);
 
     // Wi-Fi off takes every Wi-Fi service off the bus.
@@ -186,7 +186,7 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     EXPECT_TRUE(first_list(services).empty());
     g_variant_unref(services);
     std::string error;
-    EXPECT_EQ(client.call(svc_path(open_id), "net.connman.Service", "GetProperties", &error),
+    EXPECT_EQ(client.call(svc_path(kOpenId), "net.connman.Service", "GetProperties", &error),
               nullptr);
     EXPECT_EQ(error, "org.freedesktop.DBus.Error.UnknownObject");
 }

@@ -10,8 +10,8 @@
 namespace
 {
 
-const struct arg_info text_arg[] = {{"text", "s"}, {nullptr, nullptr}};
-const struct arg_info number_arg[] = {{"value", "i"}, {nullptr, nullptr}};
+const struct arg_info kTextArg[] = {{"text", "s"}, {nullptr, nullptr}};
+const struct arg_info kNumberArg[] = {{"value", "i"}, {nullptr, nullptr}};
 
 DBusMessage *held = nullptr; // the asynchronous method's message
 int fired = 0;
@@ -38,20 +38,20 @@ void count_destroy(void *)
     destroyed++;
 }
 
-const struct method_entry obj_methods[] = {
+const struct method_entry kObjMethods[] = {
     {"Simple", empty_reply, 0, 0, nullptr, nullptr},
-    {"Echo", echo, 0, 0, text_arg, text_arg},
-    {"Echo", echo, 0, 0, number_arg, text_arg},
-    {"Later", hold, G_DBUS_METHOD_FLAG_ASYNC, 0, number_arg, nullptr},
+    {"Echo", echo, 0, 0, kTextArg, kTextArg},
+    {"Echo", echo, 0, 0, kNumberArg, kTextArg},
+    {"Later", hold, G_DBUS_METHOD_FLAG_ASYNC, 0, kNumberArg, nullptr},
     {"Old", empty_reply, G_DBUS_METHOD_FLAG_DEPRECATED, 0, nullptr, nullptr},
     {"Fire", empty_reply, G_DBUS_METHOD_FLAG_NOREPLY, 0, nullptr, nullptr},
     {"Hidden", empty_reply, G_DBUS_METHOD_FLAG_EXPERIMENTAL, 0, nullptr, nullptr},
     {nullptr, nullptr, 0, 0, nullptr, nullptr},
 };
 
-const struct signal_entry obj_signals[] = {
+const struct signal_entry kObjSignals[] = {
     {"Bare", 0, nullptr},
-    {"WithArgs", 0, number_arg},
+    {"WithArgs", 0, kNumberArg},
     {"OldSig", G_DBUS_SIGNAL_FLAG_DEPRECATED, nullptr},
     {"HiddenSig", G_DBUS_SIGNAL_FLAG_EXPERIMENTAL, nullptr},
     {nullptr, 0, nullptr},
@@ -85,7 +85,7 @@ gboolean legacy_exists(const struct property_entry *, void *data)
     return static_cast<Values *>(data)->legacy_exists;
 }
 
-const struct property_entry obj_properties[] = {
+const struct property_entry kObjProperties[] = {
     {"Name", "s", get_value, nullptr, nullptr, 0},
     {"Level", "i", get_value, set_level, nullptr, 0},
     {"Legacy", "s", get_value, nullptr, legacy_exists, G_DBUS_PROPERTY_FLAG_DEPRECATED},
@@ -93,12 +93,12 @@ const struct property_entry obj_properties[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr, 0},
 };
 
-const struct method_entry ping_methods[] = {
+const struct method_entry kPingMethods[] = {
     {"Ping", empty_reply, 0, 0, nullptr, nullptr},
     {nullptr, nullptr, 0, 0, nullptr, nullptr},
 };
 
-const char head_xml[] =
+const char kHeadXml[] =
     "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"
     "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
     "<node>\n"
@@ -108,7 +108,7 @@ const char head_xml[] =
     "\t\t</method>\n"
     "\t</interface>\n";
 
-const char obj_xml[] =
+const char kObjXml[] =
     "\t<interface name=\"org.test.Obj\">\n"
     "\t\t<method name=\"Simple\"/>\n"
     "\t\t<method name=\"Echo\">\n"
@@ -168,8 +168,8 @@ class ObjectTest : public GlueTest
     void SetUp() override
     {
         destroyed = fired = 0;
-        ASSERT_TRUE(g_dbus_register_interface(conn, "/obj", "org.test.Obj", obj_methods,
-                                              obj_signals, obj_properties, &values, count_destroy));
+        ASSERT_TRUE(g_dbus_register_interface(conn, "/obj", "org.test.Obj", kObjMethods,
+                                              kObjSignals, kObjProperties, &values, count_destroy));
     }
     void TearDown() override
     {
@@ -237,14 +237,14 @@ class ObjectTest : public GlueTest
 
 TEST_F(ObjectTest, IntrospectionTextAndChildNodes)
 {
-    std::string plain = std::string(head_xml) + obj_xml + "</node>\n";
+    std::string plain = std::string(kHeadXml) + kObjXml + "</node>\n";
     EXPECT_EQ(introspect("/obj"), plain);
 
-    ASSERT_TRUE(g_dbus_register_interface(conn, "/obj/child", "org.test.Ping", ping_methods,
+    ASSERT_TRUE(g_dbus_register_interface(conn, "/obj/child", "org.test.Ping", kPingMethods,
                                           nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(introspect("/obj"),
-              std::string(head_xml) + obj_xml + "\t<node name=\"child\"/>\n</node>\n");
-    EXPECT_EQ(introspect("/obj/child"), std::string(head_xml) +
+              std::string(kHeadXml) + kObjXml + "\t<node name=\"child\"/>\n</node>\n");
+    EXPECT_EQ(introspect("/obj/child"), std::string(kHeadXml) +
                                             "\t<interface name=\"org.test.Ping\">\n"
                                             "\t\t<method name=\"Ping\"/>\n"
                                             "\t</interface>\n</node>\n");
@@ -287,20 +287,20 @@ TEST_F(ObjectTest, CallsAreDispatchedBySignatureAndFlags)
 
 TEST_F(ObjectTest, RegistrationRules)
 {
-    EXPECT_FALSE(g_dbus_register_interface(conn, "/obj", "org.test.Obj", obj_methods, nullptr,
+    EXPECT_FALSE(g_dbus_register_interface(conn, "/obj", "org.test.Obj", kObjMethods, nullptr,
                                            nullptr, nullptr, nullptr));
-    ASSERT_TRUE(g_dbus_register_interface(conn, "/obj", "org.test.Ping", ping_methods, nullptr,
+    ASSERT_TRUE(g_dbus_register_interface(conn, "/obj", "org.test.Ping", kPingMethods, nullptr,
                                           nullptr, nullptr, count_destroy));
     std::string xml = introspect("/obj");
     EXPECT_NE(xml.find("org.test.Ping"), std::string::npos);
     EXPECT_EQ(xml.find("Introspectable"), xml.rfind("Introspectable")) << "one shared object";
 
-    const struct method_entry hidden_only[] = {obj_methods[6], obj_methods[7]};
+    const struct method_entry hidden_only[] = {kObjMethods[6], kObjMethods[7]};
     EXPECT_FALSE(g_dbus_register_interface(conn, "/other", "org.test.Hidden", hidden_only, nullptr,
                                            nullptr, nullptr, nullptr));
     EXPECT_FALSE(g_dbus_register_interface(conn, "/other", "org.test.Empty", nullptr, nullptr,
                                            nullptr, nullptr, nullptr));
-    EXPECT_FALSE(g_dbus_register_interface(conn, "bad//path", "org.test.Ping", ping_methods,
+    EXPECT_FALSE(g_dbus_register_interface(conn, "bad//path", "org.test.Ping", kPingMethods,
                                            nullptr, nullptr, nullptr, nullptr));
     EXPECT_FALSE(g_dbus_unregister_interface(conn, "/obj", "org.test.Unknown"));
     char **children = nullptr;

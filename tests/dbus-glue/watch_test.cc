@@ -34,7 +34,7 @@ void on_destroy(void *data)
     static_cast<Watcher *>(data)->destroyed++;
 }
 
-const char ping_rule[] = "type='signal',path='/obj',interface='org.test.Iface',member='Ping'";
+const char kPingRule[] = "type='signal',path='/obj',interface='org.test.Iface',member='Ping'";
 
 std::string owner_rule(const std::string &name)
 {
@@ -72,7 +72,7 @@ TEST_F(WatchTest, IdenticalWatchesShareOneRuleUntilTheLastGoes)
     ASSERT_NE(watch_ping(a), 0u);
     ASSERT_NE(watch_ping(b), 0u);
     sync_monitor(conn);
-    EXPECT_EQ(bus_calls(conn, "AddMatch", ping_rule), 1);
+    EXPECT_EQ(bus_calls(conn, "AddMatch", kPingRule), 1);
     ping(peer);
     EXPECT_EQ(a.calls + b.calls, 2);
 
@@ -81,14 +81,14 @@ TEST_F(WatchTest, IdenticalWatchesShareOneRuleUntilTheLastGoes)
     ping(peer);
     EXPECT_EQ(b.calls, 2);
     sync_monitor(conn);
-    EXPECT_EQ(bus_calls(conn, "RemoveMatch", ping_rule), 0);
+    EXPECT_EQ(bus_calls(conn, "RemoveMatch", kPingRule), 0);
 
     // The last one goes from inside its own dispatch.
     b.action = [] { return FALSE; };
     ping(peer);
     EXPECT_EQ(b.destroyed, 1);
     sync_monitor(conn);
-    EXPECT_EQ(bus_calls(conn, "RemoveMatch", ping_rule), 1);
+    EXPECT_EQ(bus_calls(conn, "RemoveMatch", kPingRule), 1);
     ping(peer);
     EXPECT_EQ(routed["Ping"], 3) << "no rule left to route it";
 }

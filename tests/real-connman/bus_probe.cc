@@ -6,7 +6,7 @@
 namespace
 {
 
-const char *const connman = "net.connman";
+const char *const kConnman = "net.connman";
 
 DBusConnection *connect_bus(const std::string &address)
 {
@@ -116,7 +116,7 @@ DBusMessage *ConnmanProbe::call(DBusMessage *msg)
 bool ConnmanProbe::manager_properties(Properties *out)
 {
     DBusMessage *reply =
-        call(dbus_message_new_method_call(connman, "/", "net.connman.Manager", "GetProperties"));
+        call(dbus_message_new_method_call(kConnman, "/", "net.connman.Manager", "GetProperties"));
     if (!reply)
         return false;
     out->clear();
@@ -133,7 +133,7 @@ bool ConnmanProbe::manager_properties(Properties *out)
 bool ConnmanProbe::object_list(const char *method, const std::string &type, Properties *out)
 {
     DBusMessage *reply =
-        call(dbus_message_new_method_call(connman, "/", "net.connman.Manager", method));
+        call(dbus_message_new_method_call(kConnman, "/", "net.connman.Manager", method));
     if (!reply)
         return false;
     bool found = false;
@@ -174,8 +174,8 @@ bool ConnmanProbe::service(const std::string &type, Properties *out)
 bool ConnmanProbe::set_technology_powered(const std::string &type, bool powered)
 {
     std::string path = "/net/connman/technology/" + type;
-    DBusMessage *msg = dbus_message_new_method_call(connman, path.c_str(), "net.connman.Technology",
-                                                    "SetProperty");
+    DBusMessage *msg = dbus_message_new_method_call(kConnman, path.c_str(),
+                                                    "net.connman.Technology", "SetProperty");
     const char *name = "Powered";
     dbus_bool_t value = powered;
     DBusMessageIter it, variant;

@@ -22,7 +22,7 @@ namespace
 
 // Plugins that would reach for hardware, other daemons or the host's
 // settings; only the ethernet plugin is left.
-const char *const excluded_plugins = "wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,"
+const char *const kExcludedPlugins = "wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,"
                                      "session_policy_local,loopback,hostname,tist,polkit,wispr,ntp";
 
 std::string connmand_path()
@@ -359,7 +359,7 @@ void RealConnman::start_daemon()
                            "mount --bind \"$1\" /var/lib && mount --bind \"$2\" /run && "
                            "exec \"$3\" -n -r -c \"$4\" -i vA -P \"$5\"",
                            "connmand-start", dir_ + "/varlib", dir_ + "/run", connmand_path(),
-                           dir_ + "/main.conf", excluded_plugins},
+                           dir_ + "/main.conf", kExcludedPlugins},
                           dir_ + "/connmand.log");
     add_cleanup("30-connmand", kill_script(connmand_pid_));
 }

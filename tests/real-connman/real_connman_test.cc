@@ -22,9 +22,9 @@
 namespace
 {
 
-const char *const agent_path = "/net/connman/agent/gaskaidra";
+const char *const kAgentPath = "/net/connman/agent/gaskaidra";
 // DHCP on the veth takes several seconds after the link comes up.
-const int link_timeout_ms = 30000;
+const int kLinkTimeoutMs = 30000;
 
 // Events as the library raised them, in order.
 std::mutex events_mutex;
@@ -157,7 +157,7 @@ class RealConnmanTest : public ::testing::Test
         if (ethernet_on) {
             ASSERT_TRUE(wait_until(
                 [&] { return probe->technology("ethernet", &tech) && tech["Connected"] == "true"; },
-                link_timeout_ms))
+                kLinkTimeoutMs))
                 << peer->daemon_log();
         } else {
             ASSERT_TRUE(probe->set_technology_powered("ethernet", false));
@@ -190,7 +190,7 @@ class RealConnmanTest : public ::testing::Test
 
     // Position of the next event code after from; fails the test when it
     // does not come.
-    size_t expect_event(int code, size_t from, int timeout_ms = link_timeout_ms)
+    size_t expect_event(int code, size_t from, int timeout_ms = kLinkTimeoutMs)
     {
         long at = wait_for_event(code, from, timeout_ms);
         EXPECT_GE(at, 0) << "event " << code
@@ -276,7 +276,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
     ASSERT_TRUE(NetMgr_SetIPv4Config(&manual));
     EXPECT_TRUE(
         wait_until([&] { return peer->addresses() == std::vector<std::string>{"192.0.2.20/24"}; },
-                   link_timeout_ms))
+                   kLinkTimeoutMs))
         << "addresses on vA: " << ::testing::PrintToString(peer->addresses());
 
     NetIPv4Config read;
@@ -313,7 +313,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
             auto addrs = peer->addresses();
             return addrs.size() == 1 && in_lease_range(addrs[0].substr(0, addrs[0].find('/')));
         },
-        link_timeout_ms))
+        kLinkTimeoutMs))
         << "addresses on vA: " << ::testing::PrintToString(peer->addresses());
     ASSERT_TRUE(wait_until(
         [&] {
@@ -474,7 +474,7 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_TRUE(NetMgr_GetNetworkEnable());
     ASSERT_TRUE(bus->wait_calls("RegisterAgent", 1, 5000));
-    EXPECT_EQ(bus->calls("RegisterAgent")[0].path, agent_path);
+    EXPECT_EQ(bus->calls("RegisterAgent")[0].path, kAgentPath);
     EXPECT_EQ(bus->calls("RegisterAgent")[0].destination, "net.connman");
 
     size_t before = events_seen();
@@ -483,7 +483,7 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     // accepted the registration.
     ASSERT_TRUE(bus->wait_calls("Release", 1, 5000));
     EXPECT_EQ(bus->calls("Release")[0].destination, bus->calls("RegisterAgent")[0].sender);
-    EXPECT_EQ(bus->calls("Release")[0].path, agent_path);
+    EXPECT_EQ(bus->calls("Release")[0].path, kAgentPath);
     std::vector<std::string> expected = {"/etc/init.d/S45connman restart",
                                          "/etc/init.d/S42wifi restart"};
     ASSERT_TRUE(wait_until([&] { return init_script_commands(shell_log) == expected; }, 10000))
@@ -493,7 +493,7 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     peer->start_daemon();
     ASSERT_TRUE(bus->wait_calls("RegisterAgent", 2, 10000));
     auto registered = bus->calls("RegisterAgent");
-    EXPECT_EQ(registered[1].path, agent_path);
+    EXPECT_EQ(registered[1].path, kAgentPath);
     EXPECT_EQ(registered[1].sender, registered[0].sender);
     size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);

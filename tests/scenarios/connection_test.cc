@@ -9,11 +9,11 @@
 namespace
 {
 
-const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
-const char *const CAFE = "wifi_0a0000000002_63616665_managed_none";
-const char *const OFFICE = "wifi_0a0000000003_6f6666696365_managed_psk";
-const char *const HIDDEN_OPEN = "wifi_0a0000000004_hidden_managed_none";
-const char *const HIDDEN_PSK = "wifi_0a0000000005_hidden_managed_psk";
+const char *const kHome = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const kCafe = "wifi_0a0000000002_63616665_managed_none";
+const char *const kOffice = "wifi_0a0000000003_6f6666696365_managed_psk";
+const char *const kHiddenOpen = "wifi_0a0000000004_hidden_managed_none";
+const char *const kHiddenPsk = "wifi_0a0000000005_hidden_managed_psk";
 
 class ConnectionScenario : public Scenario
 {
@@ -44,13 +44,13 @@ class ConnectionScenario : public Scenario
 
 TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
 {
-    connman_sim::Network home = wifi(HOME, "home");
+    connman_sim::Network home = wifi(kHome, "home");
     home.nameservers = {"198.51.100.53"};
     start_on_wifi({home});
-    const std::string path = service_path(HOME);
+    const std::string path = service_path(kHome);
 
     size_t from = events.mark();
-    connect_open(HOME);
+    connect_open(kHome);
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
     EXPECT_TRUE(wait_stored_last_wifi(path));
     EXPECT_EQ(1, stored_type());
@@ -72,7 +72,7 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
 
     RecordedEvent event;
     from = events.mark();
-    sim.set_strength(HOME, 33);
+    sim.set_strength(kHome, 33);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, from, &event));
     EXPECT_EQ(path, event.wifi.path);
     EXPECT_EQ("home", event.wifi.name);
@@ -85,11 +85,11 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
     EXPECT_EQ(0, event.byte);
     EXPECT_EQ(1, sim.count_calls("Disconnect", path));
-    EXPECT_TRUE(wait_service_state(HOME, "idle"));
+    EXPECT_TRUE(wait_service_state(kHome, "idle"));
 
     // Forgetting the connected last network: it is lost (non-zero byte) and
     // the last Wi-Fi is stored as "".
-    connect_open(HOME);
+    connect_open(kHome);
     from = events.mark();
     EXPECT_TRUE(NetMgr_DismissWifi(path));
     EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
@@ -101,8 +101,8 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
 
 TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
 {
-    start_on_wifi({wifi(OFFICE, "office", "psk")});
-    const std::string path = service_path(OFFICE);
+    start_on_wifi({wifi(kOffice, "office", "psk")});
+    const std::string path = service_path(kOffice);
 
     RecordedEvent event;
     size_t from = events.mark();
@@ -120,7 +120,7 @@ TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
     ASSERT_TRUE(NetMgr_ConnectWifi(path));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
     // Only the network being connected may be answered.
-    EXPECT_FALSE(NetMgr_SetWifiPassword(service_path(HOME), "correct horse"));
+    EXPECT_FALSE(NetMgr_SetWifiPassword(service_path(kHome), "correct horse"));
     EXPECT_TRUE(NetMgr_SetWifiPassword(path, std::string("correct ") + "horse"));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
@@ -130,11 +130,11 @@ TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
 TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
 {
     start_on_wifi(
-        {hidden_wifi(HIDDEN_OPEN, "none", "attic"), hidden_wifi(HIDDEN_PSK, "psk", "cellar")});
+        {hidden_wifi(kHiddenOpen, "none", "attic"), hidden_wifi(kHiddenPsk, "psk", "cellar")});
     const std::string open_path = getHideWifiPath(0);
     const std::string psk_path = getHideWifiPath(2);
-    ASSERT_EQ(service_path(HIDDEN_OPEN), open_path);
-    ASSERT_EQ(service_path(HIDDEN_PSK), psk_path);
+    ASSERT_EQ(service_path(kHiddenOpen), open_path);
+    ASSERT_EQ(service_path(kHiddenPsk), psk_path);
 
     RecordedEvent event;
     size_t from = events.mark();
@@ -161,8 +161,8 @@ TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
 
 TEST_F(ConnectionScenario, WrongPassphraseRaisesInvalidKeyAndForgetsTheNetwork)
 {
-    start_on_wifi({wifi(OFFICE, "office", "psk")});
-    const std::string path = service_path(OFFICE);
+    start_on_wifi({wifi(kOffice, "office", "psk")});
+    const std::string path = service_path(kOffice);
 
     size_t from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(path));
@@ -176,21 +176,21 @@ TEST_F(ConnectionScenario, WrongPassphraseRaisesInvalidKeyAndForgetsTheNetwork)
 TEST_F(ConnectionScenario, AgentErrorsBecomeEventsByNetworkType)
 {
     sim.add_technology("ethernet", true);
-    start_on_wifi({wifi(HOME, "home")});
-    const std::string path = service_path(HOME);
+    start_on_wifi({wifi(kHome, "home")});
+    const std::string path = service_path(kHome);
 
     RecordedEvent event;
     size_t from = events.mark();
-    sim.report_error(HOME, "connect-failed");
+    sim.report_error(kHome, "connect-failed");
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
 
     from = events.mark();
-    sim.report_error(HOME, "blocked");
+    sim.report_error(kHome, "blocked");
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
     EXPECT_TRUE(event.null_arg);
 
     from = events.mark();
-    sim.report_error(HOME, "connect-failed-wpa3");
+    sim.report_error(kHome, "connect-failed-wpa3");
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
     EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
 
@@ -198,22 +198,22 @@ TEST_F(ConnectionScenario, AgentErrorsBecomeEventsByNetworkType)
     from = events.mark();
     EXPECT_TRUE(NetMgr_EnableEthernet());
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
-    sim.report_error(HOME, "connect-failed");
+    sim.report_error(kHome, "connect-failed");
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECT_FAILED, from));
-    sim.report_error(HOME, "blocked");
+    sim.report_error(kHome, "blocked");
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
 
     // "invalid-key" is the same for every type.
-    sim.report_error(HOME, "invalid-key");
+    sim.report_error(kHome, "invalid-key");
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_INVALID_KEY, from));
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
 }
 
 TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
 {
-    const std::string home = service_path(HOME);
-    const std::string cafe = service_path(CAFE);
-    start_on_wifi({wifi(HOME, "home", "none", 50), wifi(CAFE, "cafe", "none", 70)}, home);
+    const std::string home = service_path(kHome);
+    const std::string cafe = service_path(kCafe);
+    start_on_wifi({wifi(kHome, "home", "none", 50), wifi(kCafe, "cafe", "none", 70)}, home);
 
     sim.fail_next_connect("net.connman.Error.InProgress", "In progress");
     size_t from = events.mark();
@@ -221,7 +221,7 @@ TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
     ASSERT_TRUE(sim.wait_for_calls("Connect", 1, 5000, cafe));
     // The report follows the failed Connect's reply on the bus, so once it
     // is seen the reply has been handled.
-    sim.report_error(CAFE, "connect-failed");
+    sim.report_error(kCafe, "connect-failed");
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECT_FAILED, from));
     EXPECT_EQ(0, sim.count_calls("Connect", home));
 
@@ -230,31 +230,49 @@ TEST_F(ConnectionScenario, FailedConnectReturnsToLastWifiUnlessInProgress)
     ASSERT_TRUE(NetMgr_ConnectWifi(cafe));
     EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, home));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
-    EXPECT_EQ("ready", sim.service_state(HOME));
+    EXPECT_EQ("ready", sim.service_state(kHome));
     EXPECT_TRUE(wait_stored_last_wifi(home));
 }
 
 TEST_F(ConnectionScenario, PassphraseRequestInBackgroundForgetsLastWifi)
 {
-    const std::string office = service_path(OFFICE);
-    start_on_wifi({wifi(OFFICE, "office", "psk", 50), wifi(CAFE, "cafe", "none", 70)}, office);
+    const std::string office = service_path(kOffice);
+    start_on_wifi({wifi(kOffice, "office", "psk", 50), wifi(kCafe, "cafe", "none", 70)}, office);
 
     // The failed user connection sends the library back to the last network,
     // whose stored credentials ConnMan no longer has.
     sim.fail_next_connect("net.connman.Error.Failed", "Operation failed");
     size_t from = events.mark();
-    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(CAFE)));
+    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kCafe)));
     EXPECT_TRUE(sim.wait_for_calls("Connect", 1, 5000, office));
     ASSERT_TRUE(wait_stored_last_wifi(""));
     EXPECT_GE(sim.request_input_count(), 1);
     EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
 }
 
+// The loss is compared against the technology's path, never the network's,
+// so losing the last network itself still sends the library back to it.
+TEST_F(ConnectionScenario, LosingTheLastNetworkTriesItAgain)
+{
+    start_on_wifi({wifi(kHome, "home")});
+    const std::string path = service_path(kHome);
+    connect_open(kHome);
+    ASSERT_TRUE(wait_stored_last_wifi(path));
+    int connects = sim.count_calls("Connect", path);
+
+    size_t from = events.mark();
+    sim.set_powered("wifi", false);
+    RecordedEvent event;
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
+    EXPECT_NE(0, event.byte);
+    EXPECT_TRUE(sim.wait_for_calls("Connect", connects + 1, 5000, path));
+}
+
 TEST_F(ConnectionScenario, StartupCheckReconnectsLastWifiAfterTenSeconds)
 {
-    const std::string home = service_path(HOME);
+    const std::string home = service_path(kHome);
     auto started = std::chrono::steady_clock::now();
-    start_on_wifi({wifi(HOME, "home")}, home);
+    start_on_wifi({wifi(kHome, "home")}, home);
 
     ASSERT_TRUE(sim.wait_for_calls("Connect", 1, 15000, home));
     auto waited = std::chrono::steady_clock::now() - started;

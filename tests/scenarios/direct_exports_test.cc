@@ -4,7 +4,7 @@
 
 namespace
 {
-const char *const CABLE = "ethernet_0f0000000001_cable";
+const char *const kCable = "ethernet_0f0000000001_cable";
 }
 
 using DirectExports = Scenario;
@@ -45,7 +45,7 @@ TEST_F(DirectExports, DisableWifiPowersTheTechnologyOff)
 TEST_F(DirectExports, DisconnectEthernetDropsTheConnectedCable)
 {
     sim.add_technology("ethernet", true);
-    sim.add_network(cable(CABLE));
+    sim.add_network(cable(kCable));
     start();
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED));
 
@@ -54,5 +54,5 @@ TEST_F(DirectExports, DisconnectEthernetDropsTheConnectedCable)
     // test does not race the service thread.
     on_service_thread([] { Netmgr_disconncet_ethernet(); });
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
-    EXPECT_EQ(sim.count_calls("Disconnect", service_path(CABLE)), 1);
+    EXPECT_EQ(sim.count_calls("Disconnect", service_path(kCable)), 1);
 }

@@ -8,17 +8,17 @@
 namespace
 {
 
-const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
-const char *const CABLE = "ethernet_0e0000000001_cable";
-const char *const WIFI_TECH = "/net/connman/technology/wifi";
-const char *const P2P_TECH = "/net/connman/technology/p2p";
+const char *const kHome = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const kCable = "ethernet_0e0000000001_cable";
+const char *const kWifiTech = "/net/connman/technology/wifi";
+const char *const kP2pTech = "/net/connman/technology/p2p";
 
 class TechnologyScenario : public Scenario
 {
   protected:
     void add_cable(bool carrier, std::vector<std::string> nameservers = {"192.0.2.53"})
     {
-        connman_sim::Network wired = cable(CABLE, carrier);
+        connman_sim::Network wired = cable(kCable, carrier);
         wired.nameservers = nameservers;
         wired.mac = "02:00:00:00:00:0e";
         sim.add_network(wired);
@@ -36,37 +36,37 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
     sim.add_technology("wifi", true);
-    sim.add_network(wifi(HOME, "home"));
+    sim.add_network(wifi(kHome, "home"));
     add_cable(false);
     start();
     ASSERT_TRUE(wait_wifi_list(1));
 
     size_t from = events.mark();
-    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(HOME)));
+    ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kHome)));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
 
     // Ethernet wins over Wi-Fi.
     from = events.mark();
-    sim.set_carrier(CABLE, true);
+    sim.set_carrier(kCable, true);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
     EXPECT_TRUE(wait_powered("wifi", false));
     EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }, 5000));
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
 
     // While the cable is connected Wi-Fi cannot be chosen.
-    int requests = sim.count_calls("SetProperty", WIFI_TECH);
+    int requests = sim.count_calls("SetProperty", kWifiTech);
     EXPECT_FALSE(NetMgr_EnableWifi());
     EXPECT_FALSE(NetMgr_GetWifiEnable());
-    EXPECT_EQ(requests, sim.count_calls("SetProperty", WIFI_TECH));
+    EXPECT_EQ(requests, sim.count_calls("SetProperty", kWifiTech));
 
     // Without the cable Wi-Fi takes over and the check finds the last network.
     from = events.mark();
-    sim.set_carrier(CABLE, false);
+    sim.set_carrier(kCable, false);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED, from));
     EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }, 5000));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from, nullptr, 15000));
-    EXPECT_EQ("ready", sim.service_state(HOME));
+    EXPECT_EQ("ready", sim.service_state(kHome));
 }
 
 TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
@@ -83,12 +83,12 @@ TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
     EXPECT_FALSE(NetMgr_EnableWifi());
 
     size_t from = events.mark();
-    sim.set_carrier(CABLE, false);
+    sim.set_carrier(kCable, false);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
     // Bridged calls run after the handler that raised the event.
     EXPECT_FALSE(NetMgr_GetWifiEnable());
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
-    EXPECT_EQ(0, sim.count_calls("SetProperty", WIFI_TECH));
+    EXPECT_EQ(0, sim.count_calls("SetProperty", kWifiTech));
     EXPECT_EQ("false", sim.technology_property("wifi", "Powered"));
 
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_ENABLED));
@@ -113,7 +113,7 @@ TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
     EXPECT_TRUE(NetMgr_ScanWifi());
 
     EXPECT_TRUE(NetMgr_ScanP2P());
-    EXPECT_TRUE(sim.wait_for_calls("Scan", 1, 5000, P2P_TECH));
+    EXPECT_TRUE(sim.wait_for_calls("Scan", 1, 5000, kP2pTech));
     EXPECT_TRUE(shell_ran("wpa_cli p2p_find"));
 
     EXPECT_TRUE(NetMgr_DisableP2P(false));
@@ -132,7 +132,7 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     on_service_thread([] { g_netMgr->ipv6Preferred = true; });
 
     size_t from = events.mark();
-    sim.set_carrier(CABLE, true);
+    sim.set_carrier(kCable, true);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     // The IPv6 address announces ethernet, then Wi-Fi, one after the other.
     std::vector<RecordedEvent> seen = events.events(from);

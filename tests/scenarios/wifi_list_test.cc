@@ -5,14 +5,14 @@
 namespace
 {
 
-const char *const HOME = "wifi_0a0000000001_686f6d65_managed_none";
-const char *const OFFICE = "wifi_0a0000000001_6f6666696365_managed_psk";
-const char *const GUEST = "wifi_0b0000000001_6775657374_managed_none";
-const char *const HIDDEN_OPEN = "wifi_0a0000000001_hidden_managed_none";
-const char *const HIDDEN_PSK_1 = "wifi_0a0000000001_hidden_managed_psk";
-const char *const HIDDEN_WEP = "wifi_0a0000000001_hidden_managed_wep";
-const char *const HIDDEN_PSK_2 = "wifi_0a0000000002_hidden_managed_psk";
-const char *const CABLE = "ethernet_0e0000000001_cable";
+const char *const kHome = "wifi_0a0000000001_686f6d65_managed_none";
+const char *const kOffice = "wifi_0a0000000001_6f6666696365_managed_psk";
+const char *const kGuest = "wifi_0b0000000001_6775657374_managed_none";
+const char *const kHiddenOpen = "wifi_0a0000000001_hidden_managed_none";
+const char *const kHiddenPsk1 = "wifi_0a0000000001_hidden_managed_psk";
+const char *const kHiddenWep = "wifi_0a0000000001_hidden_managed_wep";
+const char *const kHiddenPsk2 = "wifi_0a0000000002_hidden_managed_psk";
+const char *const kCable = "ethernet_0e0000000001_cable";
 
 using WifiListScenario = Scenario;
 
@@ -21,16 +21,16 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
     sim.add_technology("wifi", true);
-    sim.add_network(wifi(HOME, "home", "none", 90));
-    connman_sim::Network guest = wifi(GUEST, "guest", "none", 85);
+    sim.add_network(wifi(kHome, "home", "none", 90));
+    connman_sim::Network guest = wifi(kGuest, "guest", "none", 85);
     guest.interface = "wlan1";
     sim.add_network(guest);
-    sim.add_network(wifi(OFFICE, "office", "psk", 80));
-    sim.add_network(hidden_wifi(HIDDEN_OPEN, "none", "secret", 70));
-    sim.add_network(hidden_wifi(HIDDEN_PSK_1, "psk", "secret", 60));
-    sim.add_network(hidden_wifi(HIDDEN_WEP, "wep", "secret", 50));
-    sim.add_network(hidden_wifi(HIDDEN_PSK_2, "psk", "secret", 40));
-    sim.add_network(cable(CABLE, false));
+    sim.add_network(wifi(kOffice, "office", "psk", 80));
+    sim.add_network(hidden_wifi(kHiddenOpen, "none", "secret", 70));
+    sim.add_network(hidden_wifi(kHiddenPsk1, "psk", "secret", 60));
+    sim.add_network(hidden_wifi(kHiddenWep, "wep", "secret", 50));
+    sim.add_network(hidden_wifi(kHiddenPsk2, "psk", "secret", 40));
+    sim.add_network(cable(kCable, false));
     start();
 
     // The ethernet service and the one on wlan1 stay out.
@@ -44,9 +44,9 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
         EXPECT_FALSE(entry.connected);
         EXPECT_FALSE(entry.hidden);
     }
-    std::vector<std::string> expected = {service_path(HOME),        service_path(OFFICE),
-                                         service_path(HIDDEN_OPEN), service_path(HIDDEN_PSK_1),
-                                         service_path(HIDDEN_WEP),  service_path(HIDDEN_PSK_2)};
+    std::vector<std::string> expected = {service_path(kHome),       service_path(kOffice),
+                                         service_path(kHiddenOpen), service_path(kHiddenPsk1),
+                                         service_path(kHiddenWep),  service_path(kHiddenPsk2)};
     EXPECT_EQ(expected, paths);
     const NetWifiInfo &office = *std::next(list->begin());
     EXPECT_EQ("office", office.name);
@@ -59,10 +59,10 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     EXPECT_EQ(6u, direct->size());
 
     // Later hidden networks of a kind replace earlier ones; unknown kinds mean PSK.
-    EXPECT_EQ(service_path(HIDDEN_OPEN), getHideWifiPath(0));
-    EXPECT_EQ(service_path(HIDDEN_WEP), getHideWifiPath(1));
-    EXPECT_EQ(service_path(HIDDEN_PSK_2), getHideWifiPath(2));
-    EXPECT_EQ(service_path(HIDDEN_PSK_2), getHideWifiPath(7));
+    EXPECT_EQ(service_path(kHiddenOpen), getHideWifiPath(0));
+    EXPECT_EQ(service_path(kHiddenWep), getHideWifiPath(1));
+    EXPECT_EQ(service_path(kHiddenPsk2), getHideWifiPath(2));
+    EXPECT_EQ(service_path(kHiddenPsk2), getHideWifiPath(7));
 
     // Every refresh applies the country code first.
     EXPECT_TRUE(shell_ran("iwpriv wlan0 common country_code,JP"));
@@ -77,7 +77,7 @@ TEST_F(WifiListScenario, ListsWlan0NetworksInConnmanOrderAndKeepsItUnderEthernet
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, before_switch));
     EXPECT_EQ(0, stored_type());
     // A "blocked" report arrives after the simulator's service update.
-    sim.report_error(HOME, "blocked");
+    sim.report_error(kHome, "blocked");
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, before_switch));
     EXPECT_FALSE(NetMgr_ScanWifi());
     std::unique_ptr<std::list<NetWifiInfo>> kept(NetMgr_GetWifiList());

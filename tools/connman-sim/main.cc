@@ -5,7 +5,7 @@
 //
 // Commands come from the FIFO (made when missing), or from standard input
 // without --control.
-#include "scenario.h"
+#include "scenario_file.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -25,7 +25,7 @@ using namespace connman_sim;
 namespace
 {
 
-const int exit_usage = 2;
+const int kExitUsage = 2;
 
 void usage(FILE *out)
 {
@@ -64,11 +64,14 @@ bool run_lines(Simulator &sim, std::string &pending, const char *data, size_t si
     return true;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
-{
+struct Options {
     std::string address, scenario_path, control;
+};
+
+// Fills options from the command line; returns an exit code when the
+// program should end at once (help or a bad argument), or -1 to go on.
+int parse_options(int argc, char **argv, Options &options)
+{
     for (int i = 1; i < argc; i++) {
         std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
@@ -78,51 +81,49 @@ int main(int argc, char **argv)
         if ((arg == "--address" || arg == "--scenario" || arg == "--control") && i + 1 < argc) {
             std::string value = argv[++i];
             if (arg == "--address")
-                address = value;
+                options.address = value;
             else if (arg == "--scenario")
-                scenario_path = value;
+                options.scenario_path = value;
             else
-                control = value;
+                options.control = value;
             continue;
         }
         fprintf(stderr, "connman-sim: unexpected argument \"%s\"\n", arg.c_str());
         usage(stderr);
-        return exit_usage;
+        return kExitUsage;
     }
-    if (address.empty()) {
+    if (options.address.empty()) {
         const char *env = getenv("DBUS_SYSTEM_BUS_ADDRESS");
         if (!env || !*env) {
             fprintf(stderr, "connman-sim: no --address and no DBUS_SYSTEM_BUS_ADDRESS\n");
-            return exit_usage;
+            return kExitUsage;
         }
-        address = env;
+        options.address = env;
     }
+    return -1;
+}
 
-    Scenario scenario;
-    if (!scenario_path.empty()) {
-        std::string error;
-        if (!load_scenario_file(scenario_path, scenario, error)) {
-            fprintf(stderr, "connman-sim: %s\n", error.c_str());
-            return exit_usage;
-        }
+// The descriptor commands come from: the FIFO at control (made when
+// missing), or standard input without one; -1 after saying why.
+int open_input(const std::string &control)
+{
+    if (control.empty())
+        return STDIN_FILENO;
+    if (mkfifo(control.c_str(), 0600) < 0 && errno != EEXIST) {
+        fprintf(stderr, "connman-sim: cannot make %s: %s\n", control.c_str(), strerror(errno));
+        return -1;
     }
+    // Read-write, so the FIFO never reports end of file between writers.
+    int input = open(control.c_str(), O_RDWR | O_CLOEXEC);
+    if (input < 0)
+        fprintf(stderr, "connman-sim: cannot open %s: %s\n", control.c_str(), strerror(errno));
+    return input;
+}
 
-    int input = STDIN_FILENO;
-    if (!control.empty()) {
-        if (mkfifo(control.c_str(), 0600) < 0 && errno != EEXIST) {
-            fprintf(stderr, "connman-sim: cannot make %s: %s\n", control.c_str(), strerror(errno));
-            return exit_usage;
-        }
-        // Read-write, so the FIFO never reports end of file between writers.
-        input = open(control.c_str(), O_RDWR | O_CLOEXEC);
-        if (input < 0) {
-            fprintf(stderr, "connman-sim: cannot open %s: %s\n", control.c_str(), strerror(errno));
-            return exit_usage;
-        }
-    }
-
-    // Signals are taken through a descriptor; the simulator's thread
-    // inherits the blocked mask.
+// Signals are taken through a descriptor; the simulator's thread inherits
+// the blocked mask, so this comes before it starts.
+int block_signals()
+{
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -131,16 +132,12 @@ int main(int argc, char **argv)
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     int signal_fd = signalfd(-1, &signals, SFD_CLOEXEC);
     signal(SIGPIPE, SIG_IGN);
+    return signal_fd;
+}
 
-    Simulator sim;
-    apply_scenario(sim, scenario);
-    if (!sim.start(address)) {
-        fprintf(stderr, "connman-sim: cannot own net.connman on %s\n", address.c_str());
-        return 1;
-    }
-    printf("connman-sim: running on %s\n", address.c_str());
-    fflush(stdout);
-
+// Runs commands from input until "quit" or a signal.
+void serve(Simulator &sim, int input, int signal_fd)
+{
     std::string pending;
     bool input_open = true;
     for (;;) {
@@ -149,10 +146,10 @@ int main(int argc, char **argv)
         if (n < 0) {
             if (errno == EINTR)
                 continue;
-            break;
+            return;
         }
         if (fds[0].revents)
-            break;
+            return;
         if (input_open && fds[1].revents) {
             char buffer[4096];
             ssize_t got = read(input, buffer, sizeof buffer);
@@ -164,9 +161,44 @@ int main(int argc, char **argv)
                 continue;
             }
             if (!run_lines(sim, pending, buffer, static_cast<size_t>(got)))
-                break;
+                return;
         }
     }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options options;
+    int exit_code = parse_options(argc, argv, options);
+    if (exit_code >= 0)
+        return exit_code;
+
+    Scenario scenario;
+    if (!options.scenario_path.empty()) {
+        std::string error;
+        if (!load_scenario_file(options.scenario_path, scenario, error)) {
+            fprintf(stderr, "connman-sim: %s\n", error.c_str());
+            return kExitUsage;
+        }
+    }
+
+    int input = open_input(options.control);
+    if (input < 0)
+        return kExitUsage;
+    int signal_fd = block_signals();
+
+    Simulator sim;
+    apply_scenario(sim, scenario);
+    if (!sim.start(options.address)) {
+        fprintf(stderr, "connman-sim: cannot own net.connman on %s\n", options.address.c_str());
+        return 1;
+    }
+    printf("connman-sim: running on %s\n", options.address.c_str());
+    fflush(stdout);
+
+    serve(sim, input, signal_fd);
     sim.stop();
     if (input != STDIN_FILENO)
         close(input);

@@ -14,7 +14,7 @@ namespace connman_sim
 namespace
 {
 
-const char introspection_xml[] = R"XML(
+const char kIntrospectionXml[] = R"XML(
 <node>
   <interface name="net.connman.Manager">
     <method name="GetProperties"><arg name="properties" type="a{sv}" direction="out"/></method>
@@ -60,7 +60,7 @@ const char introspection_xml[] = R"XML(
 
 GDBusNodeInfo *node_info()
 {
-    static GDBusNodeInfo *info = g_dbus_node_info_new_for_xml(introspection_xml, nullptr);
+    static GDBusNodeInfo *info = g_dbus_node_info_new_for_xml(kIntrospectionXml, nullptr);
     return info;
 }
 
@@ -76,7 +76,7 @@ void on_method_call(GDBusConnection *, const gchar *sender, const gchar *path,
     static_cast<Engine *>(data)->handle_call(sender, path, interface, member, args, call);
 }
 
-const GDBusInterfaceVTable vtable = {on_method_call, nullptr, nullptr, {nullptr}};
+const GDBusInterfaceVTable kVtable = {on_method_call, nullptr, nullptr, {nullptr}};
 
 // Technologies and services are subtrees: every path under them reaches
 // the simulator, which answers for objects that are gone the way the
@@ -115,10 +115,10 @@ const GDBusInterfaceVTable *dispatch_node(GDBusConnection *, const gchar *, cons
     if (!node)
         return nullptr;
     *out = static_cast<Subtree *>(data)->engine;
-    return &vtable;
+    return &kVtable;
 }
 
-const GDBusSubtreeVTable subtree_vtable = {
+const GDBusSubtreeVTable kSubtreeVtable = {
     enumerate_nodes, introspect_node, dispatch_node, {nullptr}};
 
 void free_subtree(gpointer data)
@@ -262,6 +262,177 @@ struct AgentCall {
     std::string member;
 };
 
+// ---- writable service properties ----
+
+enum class SetResult { kRejected, kUnchanged, kChanged };
+
+SetResult set_autoconnect(Svc &svc, GVariant *value)
+{
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN))
+        return SetResult::kRejected;
+    bool on = g_variant_get_boolean(value);
+    if (on == svc.autoconnect)
+        return SetResult::kUnchanged;
+    svc.autoconnect = on;
+    return SetResult::kChanged;
+}
+
+SetResult set_string_list(std::vector<std::string> &field, GVariant *value)
+{
+    std::vector<std::string> list;
+    if (!read_string_list(value, list))
+        return SetResult::kRejected;
+    field = list;
+    return SetResult::kChanged;
+}
+
+SetResult set_nameservers_config(Svc &svc, GVariant *value)
+{
+    std::vector<std::string> list;
+    if (!read_string_list(value, list))
+        return SetResult::kRejected;
+    for (const auto &server : list)
+        if (!is_ipv4(server) && !is_ipv6(server))
+            return SetResult::kRejected;
+    svc.nameservers_config = list;
+    return SetResult::kChanged;
+}
+
+SetResult set_timeservers_config(Svc &svc, GVariant *value)
+{
+    return set_string_list(svc.timeservers_config, value);
+}
+
+SetResult set_domains_config(Svc &svc, GVariant *value)
+{
+    return set_string_list(svc.domains_config, value);
+}
+
+SetResult set_ipv4_config(Svc &svc, GVariant *value)
+{
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+        return SetResult::kRejected;
+    Ipv4Config config;
+    bool has_method, has_address, has_netmask, has_gateway;
+    if (!dict_string(value, "Method", config.method, has_method) ||
+        !dict_string(value, "Address", config.address, has_address) ||
+        !dict_string(value, "Netmask", config.netmask, has_netmask) ||
+        !dict_string(value, "Gateway", config.gateway, has_gateway) || !has_method)
+        return SetResult::kRejected;
+    if (config.method == "manual") {
+        if (!is_ipv4(config.address) || !is_netmask(config.netmask) ||
+            (!config.gateway.empty() && !is_ipv4(config.gateway)))
+            return SetResult::kRejected;
+    } else if (config.method == "dhcp" || config.method == "off") {
+        config.address.clear();
+        config.netmask.clear();
+        config.gateway.clear();
+    } else {
+        return SetResult::kRejected;
+    }
+    svc.ipv4_config = config;
+    return SetResult::kChanged;
+}
+
+// Clients send the prefix as a byte; a 16-bit value is accepted as well.
+// Anything else reads as out of range.
+unsigned ipv6_prefix(GVariant *dict)
+{
+    GVariant *length = g_variant_lookup_value(dict, "PrefixLength", nullptr);
+    if (!length)
+        length = g_variant_lookup_value(dict, "Prefix", nullptr);
+    if (!length)
+        return 0;
+    unsigned prefix = 1000;
+    if (g_variant_is_of_type(length, G_VARIANT_TYPE_BYTE))
+        prefix = g_variant_get_byte(length);
+    else if (g_variant_is_of_type(length, G_VARIANT_TYPE_UINT16))
+        prefix = g_variant_get_uint16(length);
+    g_variant_unref(length);
+    return prefix;
+}
+
+SetResult set_ipv6_config(Svc &svc, GVariant *value)
+{
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+        return SetResult::kRejected;
+    Ipv6Config config;
+    bool has_method, has_address, has_gateway, has_privacy;
+    if (!dict_string(value, "Method", config.method, has_method) ||
+        !dict_string(value, "Address", config.address, has_address) ||
+        !dict_string(value, "Gateway", config.gateway, has_gateway) ||
+        !dict_string(value, "Privacy", config.privacy, has_privacy) || !has_method)
+        return SetResult::kRejected;
+    // Like the daemon, an unknown privacy text means "disabled".
+    if (!has_privacy || config.privacy.empty())
+        config.privacy = svc.ipv6_config.privacy;
+    if (config.privacy != "enabled" && config.privacy != "prefered" &&
+        config.privacy != "preferred")
+        config.privacy = "disabled";
+    unsigned prefix = ipv6_prefix(value);
+    if (config.method == "manual") {
+        if (!is_ipv6(config.address) || prefix < 1 || prefix > 128 ||
+            (!config.gateway.empty() && !is_ipv6(config.gateway)))
+            return SetResult::kRejected;
+        config.prefix = static_cast<uint8_t>(prefix);
+    } else if (config.method == "auto" || config.method == "off") {
+        config.address.clear();
+        config.gateway.clear();
+        config.prefix = 0;
+    } else {
+        return SetResult::kRejected;
+    }
+    svc.ipv6_config = config;
+    return SetResult::kChanged;
+}
+
+SetResult set_proxy_config(Svc &svc, GVariant *value)
+{
+    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
+        return SetResult::kRejected;
+    ProxyConfig config;
+    bool has_method, has_url, has_servers, has_excludes;
+    if (!dict_string(value, "Method", config.method, has_method) ||
+        !dict_string(value, "URL", config.url, has_url) ||
+        !dict_strings(value, "Servers", config.servers, has_servers) ||
+        !dict_strings(value, "Excludes", config.excludes, has_excludes) || !has_method)
+        return SetResult::kRejected;
+    if (config.method == "direct") {
+        config.url.clear();
+        config.servers.clear();
+        config.excludes.clear();
+    } else if (config.method == "auto") {
+        config.servers.clear();
+        config.excludes.clear();
+    } else if (config.method == "manual") {
+        if (config.servers.empty())
+            return SetResult::kRejected;
+        config.url.clear();
+    } else {
+        return SetResult::kRejected;
+    }
+    svc.proxy_config = config;
+    return SetResult::kChanged;
+}
+
+// The properties SetProperty accepts. A changed configuration is announced,
+// and while connected so is the live property it feeds.
+struct ServiceSetter {
+    const char *name;
+    SetResult (*apply)(Svc &svc, GVariant *value);
+    const char *live;
+};
+
+const ServiceSetter kServiceSetters[] = {
+    {"AutoConnect", set_autoconnect, nullptr},
+    {"Nameservers.Configuration", set_nameservers_config, "Nameservers"},
+    {"Timeservers.Configuration", set_timeservers_config, "Timeservers"},
+    {"Domains.Configuration", set_domains_config, "Domains"},
+    {"IPv4.Configuration", set_ipv4_config, "IPv4"},
+    {"IPv6.Configuration", set_ipv6_config, "IPv6"},
+    {"Proxy.Configuration", set_proxy_config, "Proxy"},
+};
+
 } // namespace
 
 // ---------------------------------------------------------------- bus
@@ -351,13 +522,13 @@ void Engine::emit(const std::string &path, const char *interface, const char *me
 void Engine::register_objects()
 {
     manager_registration = g_dbus_connection_register_object(
-        connection, "/", interface_info("net.connman.Manager"), &vtable, this, nullptr, nullptr);
+        connection, "/", interface_info("net.connman.Manager"), &kVtable, this, nullptr, nullptr);
     technology_subtree = g_dbus_connection_register_subtree(
-        connection, "/net/connman/technology", &subtree_vtable,
+        connection, "/net/connman/technology", &kSubtreeVtable,
         G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         new Subtree{this, "net.connman.Technology", false}, free_subtree, nullptr);
     service_subtree = g_dbus_connection_register_subtree(
-        connection, "/net/connman/service", &subtree_vtable,
+        connection, "/net/connman/service", &kSubtreeVtable,
         G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         new Subtree{this, "net.connman.Service", true}, free_subtree, nullptr);
 }
@@ -398,15 +569,15 @@ void Engine::handle_call(const char *sender, const char *path, const char *inter
         manager_call(sender, member, args, call);
         return;
     }
-    const std::string tech_prefix = "/net/connman/technology/";
-    const std::string svc_prefix = "/net/connman/service/";
-    if (p.compare(0, tech_prefix.size(), tech_prefix) == 0) {
-        if (Tech *tech = find_tech(p.substr(tech_prefix.size()))) {
+    const std::string kTechPrefix = "/net/connman/technology/";
+    const std::string kSvcPrefix = "/net/connman/service/";
+    if (p.compare(0, kTechPrefix.size(), kTechPrefix) == 0) {
+        if (Tech *tech = find_tech(p.substr(kTechPrefix.size()))) {
             tech_call(*tech, member, args, call);
             return;
         }
-    } else if (p.compare(0, svc_prefix.size(), svc_prefix) == 0) {
-        Svc *svc = find_svc(p.substr(svc_prefix.size()));
+    } else if (p.compare(0, kSvcPrefix.size(), kSvcPrefix) == 0) {
+        Svc *svc = find_svc(p.substr(kSvcPrefix.size()));
         if (svc && svc->visible) {
             svc_call(*svc, member, args, call);
             return;
@@ -643,149 +814,19 @@ void Engine::svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodI
 void Engine::svc_set_property(Svc &svc, const char *name, GVariant *value,
                               GDBusMethodInvocation *call)
 {
-    std::string n = name;
-    auto ok = [&] { g_dbus_method_invocation_return_value(call, nullptr); };
-
-    if (n == "AutoConnect") {
-        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN))
+    for (const ServiceSetter &setter : kServiceSetters) {
+        if (strcmp(setter.name, name) != 0)
+            continue;
+        SetResult result = setter.apply(svc, value);
+        if (result == SetResult::kRejected)
             return invalid_arguments(call);
-        bool on = g_variant_get_boolean(value);
-        if (on != svc.autoconnect) {
-            svc.autoconnect = on;
-            emit_service_property(svc, "AutoConnect");
+        if (result == SetResult::kChanged) {
+            emit_service_property(svc, setter.name);
+            if (setter.live && svc.connected())
+                emit_service_property(svc, setter.live);
         }
-        return ok();
+        return g_dbus_method_invocation_return_value(call, nullptr);
     }
-
-    if (n == "Nameservers.Configuration" || n == "Timeservers.Configuration" ||
-        n == "Domains.Configuration") {
-        std::vector<std::string> list;
-        if (!read_string_list(value, list))
-            return invalid_arguments(call);
-        if (n == "Nameservers.Configuration") {
-            for (const auto &server : list)
-                if (!is_ipv4(server) && !is_ipv6(server))
-                    return invalid_arguments(call);
-            svc.nameservers_config = list;
-        } else if (n == "Timeservers.Configuration") {
-            svc.timeservers_config = list;
-        } else {
-            svc.domains_config = list;
-        }
-        emit_service_property(svc, name);
-        if (svc.connected())
-            emit_service_property(svc, n.substr(0, n.find('.')).c_str());
-        return ok();
-    }
-
-    if (n == "IPv4.Configuration") {
-        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-            return invalid_arguments(call);
-        Ipv4Config config;
-        bool has_method, has_address, has_netmask, has_gateway;
-        if (!dict_string(value, "Method", config.method, has_method) ||
-            !dict_string(value, "Address", config.address, has_address) ||
-            !dict_string(value, "Netmask", config.netmask, has_netmask) ||
-            !dict_string(value, "Gateway", config.gateway, has_gateway) || !has_method)
-            return invalid_arguments(call);
-        if (config.method == "manual") {
-            if (!is_ipv4(config.address) || !is_netmask(config.netmask) ||
-                (!config.gateway.empty() && !is_ipv4(config.gateway)))
-                return invalid_arguments(call);
-        } else if (config.method == "dhcp" || config.method == "off") {
-            config.address.clear();
-            config.netmask.clear();
-            config.gateway.clear();
-        } else {
-            return invalid_arguments(call);
-        }
-        svc.ipv4_config = config;
-        emit_service_property(svc, "IPv4.Configuration");
-        if (svc.connected())
-            emit_service_property(svc, "IPv4");
-        return ok();
-    }
-
-    if (n == "IPv6.Configuration") {
-        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-            return invalid_arguments(call);
-        Ipv6Config config;
-        bool has_method, has_address, has_gateway, has_privacy;
-        if (!dict_string(value, "Method", config.method, has_method) ||
-            !dict_string(value, "Address", config.address, has_address) ||
-            !dict_string(value, "Gateway", config.gateway, has_gateway) ||
-            !dict_string(value, "Privacy", config.privacy, has_privacy) || !has_method)
-            return invalid_arguments(call);
-        // Like the daemon, an unknown privacy text means "disabled".
-        if (!has_privacy || config.privacy.empty())
-            config.privacy = svc.ipv6_config.privacy;
-        if (config.privacy != "enabled" && config.privacy != "prefered" &&
-            config.privacy != "preferred")
-            config.privacy = "disabled";
-        // Clients send the prefix as a byte; accept a 16-bit value as well.
-        unsigned prefix = 0;
-        GVariant *length = g_variant_lookup_value(value, "PrefixLength", nullptr);
-        if (!length)
-            length = g_variant_lookup_value(value, "Prefix", nullptr);
-        if (length) {
-            if (g_variant_is_of_type(length, G_VARIANT_TYPE_BYTE))
-                prefix = g_variant_get_byte(length);
-            else if (g_variant_is_of_type(length, G_VARIANT_TYPE_UINT16))
-                prefix = g_variant_get_uint16(length);
-            else
-                prefix = 1000;
-            g_variant_unref(length);
-        }
-        if (config.method == "manual") {
-            if (!is_ipv6(config.address) || prefix < 1 || prefix > 128 ||
-                (!config.gateway.empty() && !is_ipv6(config.gateway)))
-                return invalid_arguments(call);
-            config.prefix = static_cast<uint8_t>(prefix);
-        } else if (config.method == "auto" || config.method == "off") {
-            config.address.clear();
-            config.gateway.clear();
-            config.prefix = 0;
-        } else {
-            return invalid_arguments(call);
-        }
-        svc.ipv6_config = config;
-        emit_service_property(svc, "IPv6.Configuration");
-        if (svc.connected())
-            emit_service_property(svc, "IPv6");
-        return ok();
-    }
-
-    if (n == "Proxy.Configuration") {
-        if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-            return invalid_arguments(call);
-        ProxyConfig config;
-        bool has_method, has_url, has_servers, has_excludes;
-        if (!dict_string(value, "Method", config.method, has_method) ||
-            !dict_string(value, "URL", config.url, has_url) ||
-            !dict_strings(value, "Servers", config.servers, has_servers) ||
-            !dict_strings(value, "Excludes", config.excludes, has_excludes) || !has_method)
-            return invalid_arguments(call);
-        if (config.method == "direct") {
-            config.url.clear();
-            config.servers.clear();
-            config.excludes.clear();
-        } else if (config.method == "auto") {
-            config.servers.clear();
-            config.excludes.clear();
-        } else if (config.method == "manual") {
-            if (config.servers.empty())
-                return invalid_arguments(call);
-            config.url.clear();
-        } else {
-            return invalid_arguments(call);
-        }
-        svc.proxy_config = config;
-        emit_service_property(svc, "Proxy.Configuration");
-        if (svc.connected())
-            emit_service_property(svc, "Proxy");
-        return ok();
-    }
-
     invalid_property(call);
 }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 
 namespace connman_sim
 {
@@ -711,161 +712,161 @@ static void add_manual_ipv6(GVariantBuilder *b, const Ipv6Config &c)
         add_string(b, "Gateway", c.gateway);
 }
 
+// IPv4 and IPv4.Configuration: the live dictionary is empty while the
+// service is down and shows the network's addresses unless set by hand.
+static GVariant *ipv4_value(const Svc &svc, bool live)
+{
+    if (live && !svc.connected())
+        return empty_dict();
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+    const Ipv4Config &c = svc.ipv4_config;
+    add_string(&b, "Method", c.method);
+    if (c.method == "manual") {
+        add_manual_ipv4(&b, c);
+    } else if (live && c.method != "off") {
+        add_string(&b, "Address", svc.net.ipv4_address);
+        add_string(&b, "Netmask", svc.net.ipv4_netmask);
+        add_string(&b, "Gateway", svc.net.ipv4_gateway);
+    }
+    return g_variant_builder_end(&b);
+}
+
+static GVariant *ipv6_value(const Svc &svc, bool live)
+{
+    if (live && !svc.connected())
+        return empty_dict();
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+    const Ipv6Config &c = svc.ipv6_config;
+    add_string(&b, "Method", c.method);
+    if (c.method == "manual") {
+        add_manual_ipv6(&b, c);
+    } else if (live && c.method != "off") {
+        add_string(&b, "Address", svc.net.ipv6_address);
+        g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(svc.net.ipv6_prefix));
+        add_string(&b, "Gateway", svc.net.ipv6_gateway);
+        add_string(&b, "Privacy", c.privacy);
+    }
+    // The configuration always carries the privacy; the live dictionary only
+    // with addresses the network gave.
+    if (!live)
+        add_string(&b, "Privacy", c.privacy);
+    return g_variant_builder_end(&b);
+}
+
+// Proxy and Proxy.Configuration: a proxy never configured shows as
+// "direct" while up and as an empty configuration.
+static GVariant *proxy_value(const Svc &svc, bool live)
+{
+    const ProxyConfig &c = svc.proxy_config;
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+    if (live && !svc.connected())
+        return g_variant_builder_end(&b);
+    if (c.method.empty()) {
+        if (live)
+            add_string(&b, "Method", "direct");
+        return g_variant_builder_end(&b);
+    }
+    add_string(&b, "Method", c.method);
+    if (!c.url.empty())
+        add_string(&b, "URL", c.url);
+    if (!c.servers.empty())
+        g_variant_builder_add(&b, "{sv}", "Servers", string_array(c.servers));
+    if (!c.excludes.empty())
+        g_variant_builder_add(&b, "{sv}", "Excludes", string_array(c.excludes));
+    return g_variant_builder_end(&b);
+}
+
+static GVariant *ethernet_value(const Network &net)
+{
+    GVariantBuilder b;
+    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
+    add_string(&b, "Method", "auto");
+    add_string(&b, "Interface", net.interface);
+    add_string(&b, "Address", net.mac);
+    g_variant_builder_add(&b, "{sv}", "MTU", g_variant_new_uint16(1500));
+    return g_variant_builder_end(&b);
+}
+
+// A configured list, shown live only while the service is up.
+static GVariant *live_list(const Svc &svc, const std::vector<std::string> &list)
+{
+    return string_array(svc.connected() ? list : std::vector<std::string>{});
+}
+
+namespace
+{
+
+// Every service property in the order the daemon lists them, with how its
+// value is read; a null value leaves the property out.
+struct ServiceProperty {
+    const char *name;
+    GVariant *(*value)(const Svc &svc);
+};
+
+const ServiceProperty kServiceProperties[] = {
+    {"Type", [](const Svc &svc) { return g_variant_new_string(svc.net.type.c_str()); }},
+    {"Security",
+     [](const Svc &svc) {
+         return string_array(svc.is_wifi() ? svc.net.security : std::vector<std::string>{});
+     }},
+    {"State", [](const Svc &svc) { return g_variant_new_string(svc.state.c_str()); }},
+    {"Error", [](const Svc &svc) { return g_variant_new_string(svc.error.c_str()); }},
+    {"Strength",
+     [](const Svc &svc) { return svc.is_wifi() ? g_variant_new_byte(svc.net.strength) : nullptr; }},
+    {"Favorite", [](const Svc &svc) { return g_variant_new_boolean(svc.favorite); }},
+    {"Immutable", [](const Svc &) { return g_variant_new_boolean(FALSE); }},
+    {"AutoConnect", [](const Svc &svc) { return g_variant_new_boolean(svc.autoconnect); }},
+    {"Name",
+     [](const Svc &svc) {
+         const Network &net = svc.net;
+         return (net.hidden || net.name.empty()) ? nullptr : g_variant_new_string(net.name.c_str());
+     }},
+    {"Nameservers",
+     [](const Svc &svc) {
+         return live_list(svc, svc.nameservers_config.empty() ? svc.net.nameservers
+                                                              : svc.nameservers_config);
+     }},
+    {"Nameservers.Configuration",
+     [](const Svc &svc) { return string_array(svc.nameservers_config); }},
+    {"Timeservers", [](const Svc &svc) { return live_list(svc, svc.timeservers_config); }},
+    {"Timeservers.Configuration",
+     [](const Svc &svc) { return string_array(svc.timeservers_config); }},
+    {"Domains", [](const Svc &svc) { return live_list(svc, svc.domains_config); }},
+    {"Domains.Configuration", [](const Svc &svc) { return string_array(svc.domains_config); }},
+    {"IPv4", [](const Svc &svc) { return ipv4_value(svc, true); }},
+    {"IPv4.Configuration", [](const Svc &svc) { return ipv4_value(svc, false); }},
+    {"IPv6", [](const Svc &svc) { return ipv6_value(svc, true); }},
+    {"IPv6.Configuration", [](const Svc &svc) { return ipv6_value(svc, false); }},
+    {"Proxy", [](const Svc &svc) { return proxy_value(svc, true); }},
+    {"Proxy.Configuration", [](const Svc &svc) { return proxy_value(svc, false); }},
+    {"Provider", [](const Svc &) { return empty_dict(); }},
+    {"Ethernet", [](const Svc &svc) { return ethernet_value(svc.net); }},
+};
+
+} // namespace
+
 GVariant *Engine::service_property_value(const Svc &svc, const std::string &name) const
 {
-    const Network &net = svc.net;
-    bool up = svc.connected();
-    GVariantBuilder b;
-    if (name == "Type")
-        return g_variant_new_string(net.type.c_str());
-    if (name == "Security")
-        return string_array(net.type == "wifi" ? net.security : std::vector<std::string>{});
-    if (name == "State")
-        return g_variant_new_string(svc.state.c_str());
-    if (name == "Error")
-        return g_variant_new_string(svc.error.c_str());
-    if (name == "Strength")
-        return net.type == "wifi" ? g_variant_new_byte(net.strength) : nullptr;
-    if (name == "Favorite")
-        return g_variant_new_boolean(svc.favorite);
-    if (name == "Immutable")
-        return g_variant_new_boolean(FALSE);
-    if (name == "AutoConnect")
-        return g_variant_new_boolean(svc.autoconnect);
-    if (name == "Name")
-        return (net.hidden || net.name.empty()) ? nullptr : g_variant_new_string(net.name.c_str());
-    if (name == "Nameservers") {
-        if (!up)
-            return string_array({});
-        return string_array(svc.nameservers_config.empty() ? net.nameservers
-                                                           : svc.nameservers_config);
-    }
-    if (name == "Nameservers.Configuration")
-        return string_array(svc.nameservers_config);
-    if (name == "Timeservers")
-        return string_array(up ? svc.timeservers_config : std::vector<std::string>{});
-    if (name == "Timeservers.Configuration")
-        return string_array(svc.timeservers_config);
-    if (name == "Domains")
-        return string_array(up ? svc.domains_config : std::vector<std::string>{});
-    if (name == "Domains.Configuration")
-        return string_array(svc.domains_config);
-    if (name == "IPv4") {
-        if (!up)
-            return empty_dict();
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        const Ipv4Config &c = svc.ipv4_config;
-        add_string(&b, "Method", c.method);
-        if (c.method == "manual") {
-            add_manual_ipv4(&b, c);
-        } else if (c.method != "off") {
-            add_string(&b, "Address", net.ipv4_address);
-            add_string(&b, "Netmask", net.ipv4_netmask);
-            add_string(&b, "Gateway", net.ipv4_gateway);
-        }
-        return g_variant_builder_end(&b);
-    }
-    if (name == "IPv4.Configuration") {
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        const Ipv4Config &c = svc.ipv4_config;
-        add_string(&b, "Method", c.method);
-        if (c.method == "manual") {
-            add_manual_ipv4(&b, c);
-        }
-        return g_variant_builder_end(&b);
-    }
-    if (name == "IPv6") {
-        if (!up)
-            return empty_dict();
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        const Ipv6Config &c = svc.ipv6_config;
-        add_string(&b, "Method", c.method);
-        if (c.method == "manual") {
-            add_manual_ipv6(&b, c);
-        } else if (c.method != "off") {
-            add_string(&b, "Address", net.ipv6_address);
-            g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(net.ipv6_prefix));
-            add_string(&b, "Gateway", net.ipv6_gateway);
-            add_string(&b, "Privacy", c.privacy);
-        }
-        return g_variant_builder_end(&b);
-    }
-    if (name == "IPv6.Configuration") {
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        const Ipv6Config &c = svc.ipv6_config;
-        add_string(&b, "Method", c.method);
-        if (c.method == "manual") {
-            add_manual_ipv6(&b, c);
-        }
-        add_string(&b, "Privacy", c.privacy);
-        return g_variant_builder_end(&b);
-    }
-    if (name == "Proxy" || name == "Proxy.Configuration") {
-        const ProxyConfig &c = svc.proxy_config;
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        if (name == "Proxy" && !up)
-            return g_variant_builder_end(&b);
-        if (c.method.empty()) {
-            if (name == "Proxy")
-                add_string(&b, "Method", "direct");
-            return g_variant_builder_end(&b);
-        }
-        add_string(&b, "Method", c.method);
-        if (!c.url.empty())
-            add_string(&b, "URL", c.url);
-        if (!c.servers.empty())
-            g_variant_builder_add(&b, "{sv}", "Servers", string_array(c.servers));
-        if (!c.excludes.empty())
-            g_variant_builder_add(&b, "{sv}", "Excludes", string_array(c.excludes));
-        return g_variant_builder_end(&b);
-    }
-    if (name == "Provider")
-        return empty_dict();
-    if (name == "Ethernet") {
-        g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-        add_string(&b, "Method", "auto");
-        add_string(&b, "Interface", net.interface);
-        add_string(&b, "Address", net.mac);
-        g_variant_builder_add(&b, "{sv}", "MTU", g_variant_new_uint16(1500));
-        return g_variant_builder_end(&b);
-    }
+    for (const ServiceProperty &property : kServiceProperties)
+        if (name == property.name)
+            return property.value(svc);
     return nullptr;
 }
 
 GVariant *Engine::service_properties(const Svc &svc) const
 {
-    static const char *const names[] = {"Type",
-                                        "Security",
-                                        "State",
-                                        "Error",
-                                        "Strength",
-                                        "Favorite",
-                                        "Immutable",
-                                        "AutoConnect",
-                                        "Name",
-                                        "Nameservers",
-                                        "Nameservers.Configuration",
-                                        "Timeservers",
-                                        "Timeservers.Configuration",
-                                        "Domains",
-                                        "Domains.Configuration",
-                                        "IPv4",
-                                        "IPv4.Configuration",
-                                        "IPv6",
-                                        "IPv6.Configuration",
-                                        "Proxy",
-                                        "Proxy.Configuration",
-                                        "Provider",
-                                        "Ethernet"};
     GVariantBuilder b;
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-    for (const char *name : names) {
+    for (const ServiceProperty &property : kServiceProperties) {
         // The daemon leaves Error out while there is none.
-        if (std::string(name) == "Error" && svc.error.empty())
+        if (strcmp(property.name, "Error") == 0 && svc.error.empty())
             continue;
-        GVariant *value = service_property_value(svc, name);
+        GVariant *value = property.value(svc);
         if (value)
-            g_variant_builder_add(&b, "{sv}", name, value);
+            g_variant_builder_add(&b, "{sv}", property.name, value);
     }
     return g_variant_builder_end(&b);
 }

@@ -1,6 +1,6 @@
 // Scenario files and control commands for the standalone simulator. All of
 // it is input from outside, so every member is checked before use.
-#include "scenario.h"
+#include "scenario_file.h"
 
 #include <arpa/inet.h>
 #include <glib.h>
@@ -121,7 +121,7 @@ bool parse_json(const std::string &text, Json::Value &root, std::string &error)
 
 bool parse_network(const Json::Value &value, Network &network, std::string &error)
 {
-    static const std::set<std::string> known = {
+    static const std::set<std::string> kNetworkMembers = {
         "ident",        "type",         "name",         "security",    "hidden",
         "hidden_name",  "passphrase",   "strength",     "interface",   "mac",
         "ipv4_address", "ipv4_netmask", "ipv4_gateway", "nameservers", "ipv6_address",
@@ -130,7 +130,7 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
         error = "a network must be a JSON object";
         return false;
     }
-    if (!check_members(value, known, "network", error))
+    if (!check_members(value, kNetworkMembers, "network", error))
         return false;
     Network n;
     if (!value.isMember("ident")) {
