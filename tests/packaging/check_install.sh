@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check_install.sh SOURCE_DIR BUILD_DIR ARCH_TRIPLET
-# Installs the package the ways a developer and a distribution do and builds
+# Checks that the package recipes carry the build's version, and installs the package the ways a developer and a distribution do and builds
 # the example application against each result:
 #  1. the test's own build into a scratch prefix (`cmake --install --prefix`),
 #     through find_package and pkg-config;
@@ -38,6 +38,15 @@ count=$(nm -D --defined-only "$lib" | awk '$2 == "T" || $2 == "W" || $2 == "B" |
 version=$(sed -n 's/^Version: //p' "$prefix/lib/pkgconfig/netmgr.pc")
 [ "$lib" = "$prefix/lib/libnetmgr.so.$version" ] || fail ".pc version '$version' is not the library's ($lib)"
 grep -qx "prefix=$prefix" "$prefix/lib/pkgconfig/netmgr.pc" || fail ".pc prefix is not $prefix"
+
+# Package recipes carry the same version as the build.
+[ "$(sed -n '1s/^netmgr (\([^-)]*\).*/\1/p' "$src/debian/changelog")" = "$version" ] ||
+    fail "debian/changelog is not at $version"
+grep -qx "NETMGR_VERSION = $version" "$src/packaging/buildroot/netmgr/netmgr.mk" ||
+    fail "the Buildroot package is not at $version"
+grep -q "^PV = \"$version+git" "$src/packaging/yocto/netmgr_git.bb" || fail "the Yocto recipe is not at $version"
+grep -q "md5=$(md5sum "$src/LICENSE" | cut -d' ' -f1)" "$src/packaging/yocto/netmgr_git.bb" ||
+    fail "the Yocto recipe's licence checksum is not LICENSE's"
 
 cmake -S "$examples" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
