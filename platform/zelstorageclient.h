@@ -1,6 +1,11 @@
 // The device's settings-store client interface. Off the device this is
-// served by the stand-in in this folder (a JSON file and /bin/sh).
+// served by the stand-in in this folder (a JSON file and /bin/sh); with
+// NETMGR_DEVICE_STORE the device's own header, found by the build, is used.
 #pragma once
+
+#ifdef NETMGR_DEVICE_STORE
+#include <zelstorageclient.h>
+#else
 
 #include <stddef.h>
 
@@ -26,3 +31,5 @@ class ZelStorageManager
   private:
     ZelStorageManager() = default;
 };
+
+#endif

@@ -222,20 +222,15 @@ CONNMAND_EXCLUDED=wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,s
 # connmand from Debian's connman package, unpacked (never installed: that
 # would start the daemon on the host and let it take over its network).
 find_connmand() {
-  local fetched=$BUILD/tests/real-connman/connman-peer/root/usr/sbin/connmand
-  local own=$BUILD/demo-connman/root/usr/sbin/connmand
-  if [ -x "$fetched" ]; then
-    CONNMAND=$fetched
-    return
-  fi
-  if [ ! -x "$own" ]; then
+  local root
+  root=$(cd "$(dirname "$0")/.." && pwd)
+  local peer=$root/.cache/connman-peer
+  CONNMAND=$peer/root/usr/sbin/connmand
+  if [ ! -x "$CONNMAND" ]; then
     echo "Unpacking connmand from Debian's connman package (not installing it)..."
-    mkdir -p "$WORK/deb" "$BUILD/demo-connman"
-    (cd "$WORK/deb" && apt-get download connman) >"$WORK/apt.log" 2>&1 ||
-      fail "apt-get download connman failed (try apt-get update): $(cat "$WORK/apt.log")"
-    dpkg -x "$WORK"/deb/connman_*.deb "$BUILD/demo-connman/root"
+    sh "$root/tests/real-connman/fetch_connmand.sh" "$peer" 2>/dev/null
+    [ -x "$CONNMAND" ] || fail "connmand could not be unpacked: $(cat "$peer/fetch.log")"
   fi
-  CONNMAND=$own
 }
 
 check_real_machine() {

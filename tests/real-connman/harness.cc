@@ -168,7 +168,9 @@ std::string check_machine()
     if (access(connmand.c_str(), X_OK) != 0) {
         if (getenv("NETMGR_CONNMAND") && *getenv("NETMGR_CONNMAND"))
             return "NETMGR_CONNMAND names no program: " + connmand;
-        return "connmand could not be unpacked from Debian's connman package: " +
+        return "no connmand at " + connmand +
+               " (./run test unpacks it from Debian's connman package; -DNETMGR_CONNMAND or the "
+               "environment variable NETMGR_CONNMAND name another) " +
                read_file(NETMGR_CONNMAND_FETCH_LOG);
     }
     std::string output;
