@@ -822,9 +822,16 @@ TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
     EXPECT_FALSE(objects[1]["ok"].asBool());
     EXPECT_NE(script.err.find("from the shell"), std::string::npos) << script.err;
 
-    // The manual page and the completion cover every command of --help.
+    // The manual page and the completion in the tree are what the program
+    // generates, and they cover every command of --help.
     Outcome help = run_ctl({"--help"});
     std::string man = read_file(NETMGRCTL_DOCS_DIR "/netmgrctl.1");
+    for (const char *kind : {"man", "bash-completion"}) {
+        std::string file =
+            kind == std::string("man") ? "/netmgrctl.1" : "/netmgrctl.bash-completion";
+        EXPECT_EQ(run_ctl({"--generate", kind}).out, read_file((NETMGRCTL_DOCS_DIR + file).c_str()))
+            << "regenerate with: netmgrctl --generate " << kind << " > tools/netmgrctl" << file;
+    }
     for (size_t at; (at = man.find("\\-")) != std::string::npos;)
         man.erase(at, 1); // roff's escaped hyphens
     std::string completion = NETMGRCTL_DOCS_DIR "/netmgrctl.bash-completion";
