@@ -141,7 +141,7 @@ int read_state(State &state)
     Bus session(DBUS_BUS_SESSION);
     if (!session.conn)
         return fail(EXIT_FAILED, "cannot reach the D-Bus session bus: %s", session.error.c_str());
-    DBusMessage *call = dbus_message_new_method_call(library_bus_name, LIBRARY_STATE_PATH,
+    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, LIBRARY_STATE_PATH,
                                                      DBUS_INTERFACE_PROPERTIES, "GetAll");
     if (!call)
         return fail(EXIT_FAILED, "out of memory");
@@ -316,17 +316,17 @@ int attached_monitor(Ctx &ctx, double count, Clock::time_point end)
         return fail(EXIT_FAILED, "cannot reach the D-Bus session bus: %s", session.error.c_str());
     DBusError err;
     dbus_error_init(&err);
-    std::string rule = std::string("type='signal',sender='") + library_bus_name +
+    std::string rule = std::string("type='signal',sender='") + kLibraryBusName +
                        "',path='" LIBRARY_STATE_PATH "',interface='" LIBRARY_STATE_INTERFACE
                        "',member='Event'";
     dbus_bus_add_match(session.conn, rule.c_str(), &err);
     std::string gone =
         std::string("type='signal',sender='" DBUS_SERVICE_DBUS "',interface='" DBUS_INTERFACE_DBUS
                     "',member='NameOwnerChanged',arg0='") +
-        library_bus_name + "'";
+        kLibraryBusName + "'";
     if (!dbus_error_is_set(&err))
         dbus_bus_add_match(session.conn, gone.c_str(), &err);
-    DBusMessage *call = dbus_message_new_method_call(library_bus_name, LIBRARY_STATE_PATH,
+    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, LIBRARY_STATE_PATH,
                                                      LIBRARY_STATE_INTERFACE, "WatchEvents");
     DBusMessage *reply = nullptr;
     if (!dbus_error_is_set(&err) && call)

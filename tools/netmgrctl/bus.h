@@ -10,7 +10,7 @@ namespace netmgrctl
 {
 
 // The library's bus name on the session bus and its read-only state object.
-extern const char library_bus_name[];
+extern const char kLibraryBusName[];
 #define LIBRARY_STATE_PATH "/net/connman/gaskaidra"
 #define LIBRARY_STATE_INTERFACE "net.connman.Gaskaidra.State"
 

@@ -134,8 +134,8 @@ void print_event(const Ctx &ctx, const Event &event);
 // Both are made from the command table, so they cannot drift from --help.
 std::string manual_page();
 std::string bash_completion();
-extern const char global_usage[];
-extern const char global_details[];
+extern const char kGlobalUsage[];
+extern const char kGlobalDetails[];
 
 // ---- argument parsing (main.cc) ----
 // One command line split into the command's words and its options.

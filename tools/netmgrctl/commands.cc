@@ -11,7 +11,7 @@ namespace netmgrctl
 
 // How long status waits for a connected link to be announced with its
 // addresses; the library checks once a second.
-static const auto announce_wait = std::chrono::milliseconds(3000);
+static const auto kAnnounceWait = std::chrono::milliseconds(3000);
 
 // "on"/"off" (or another action word) as the only argument.
 static int action_arg(Ctx &ctx, std::initializer_list<const char *> actions, std::string &action)
@@ -32,7 +32,7 @@ static int action_arg(Ctx &ctx, std::initializer_list<const char *> actions, std
 static bool wait_announced(Ctx &ctx, NetType type)
 {
     Ctx bounded = ctx;
-    bounded.deadline = earlier(ctx.deadline, announce_wait);
+    bounded.deadline = earlier(ctx.deadline, kAnnounceWait);
     return wait_for(bounded, [type] { return connection_announced(type); });
 }
 

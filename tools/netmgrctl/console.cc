@@ -180,12 +180,12 @@ int usage_error(const Command *cmd, const char *fmt, ...)
     return EXIT_USAGE;
 }
 
-const char global_usage[] =
+const char kGlobalUsage[] =
     "usage: netmgrctl [--timeout SECONDS] [--json] [--verbose] COMMAND [ARGS...]\n"
     "       netmgrctl COMMAND --help\n"
     "       netmgrctl --version\n";
 
-const char global_details[] =
+const char kGlobalDetails[] =
     "\nOptions (before or after the command):\n"
     "  --timeout SECONDS  how long to wait for ConnMan and for the command's result\n"
     "                     (default 10); running out gives exit code 3\n"
@@ -207,7 +207,7 @@ void print_usage(const Command *cmd, bool to_stdout)
 {
     FILE *file = to_stdout ? real_out : real_err;
     if (!cmd) {
-        fputs(global_usage, file);
+        fputs(kGlobalUsage, file);
         if (!to_stdout) {
             fputs("Try 'netmgrctl --help'.\n", file);
             return;
@@ -215,7 +215,7 @@ void print_usage(const Command *cmd, bool to_stdout)
         fputs("\nCommands:\n", file);
         for (const Command &c : commands())
             fprintf(file, "  %-10s %s\n", c.name, c.summary);
-        fputs(global_details, file);
+        fputs(kGlobalDetails, file);
         return;
     }
     fprintf(file, "usage: %s", cmd->usage);

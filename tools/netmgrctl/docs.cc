@@ -96,7 +96,7 @@ std::string joined(const std::vector<std::string> &words)
     return text;
 }
 
-const char *const global_options[] = {"--timeout", "--json", "--verbose", "--help", "--version"};
+const char *const kGlobalOptions[] = {"--timeout", "--json", "--verbose", "--help", "--version"};
 
 } // namespace
 
@@ -106,7 +106,7 @@ std::string manual_page()
     page += ".TH NETMGRCTL 1 \"\" \"netmgr " NETMGR_VERSION "\" \"User Commands\"\n";
     page += ".SH NAME\nnetmgrctl \\- network management from the command line (libnetmgr)\n";
     page += ".SH SYNOPSIS\n";
-    std::string usage = global_usage;
+    std::string usage = kGlobalUsage;
     if (usage.compare(0, 7, "usage: ") == 0)
         usage = usage.substr(7);
     preformatted(page, usage);
@@ -129,7 +129,7 @@ std::string manual_page()
         }
     }
     page += ".SH OPTIONS\n";
-    preformatted(page, global_details);
+    preformatted(page, kGlobalDetails);
     return page;
 }
 
@@ -156,7 +156,7 @@ std::string bash_completion()
         "        esac\n"
         "    done\n"
         "    local words='" +
-        joined(std::vector<std::string>(std::begin(global_options), std::end(global_options))) +
+        joined(std::vector<std::string>(std::begin(kGlobalOptions), std::end(kGlobalOptions))) +
         "'\n"
         "    case $cmd in\n";
     std::vector<std::string> names;

@@ -12,7 +12,7 @@
 namespace netmgrctl
 {
 
-static const std::vector<Command> command_table = {
+static const std::vector<Command> kCommandTable = {
     {"status",
      "show network type, technologies and the current connection",
      "netmgrctl status\n",
@@ -163,12 +163,12 @@ static const std::vector<Command> command_table = {
 
 const std::vector<Command> &commands()
 {
-    return command_table;
+    return kCommandTable;
 }
 
 const Command *find_command(const std::string &name)
 {
-    for (const Command &cmd : command_table) {
+    for (const Command &cmd : kCommandTable) {
         if (name == cmd.name)
             return &cmd;
     }
@@ -231,12 +231,12 @@ static void install_signal_handlers()
 namespace
 {
 
-const char *const value_options[] = {"--timeout", "--passphrase", "--security", "--ssid",
+const char *const kValueOptions[] = {"--timeout", "--passphrase", "--security", "--ssid",
                                      "--privacy", "--count",      "--duration"};
 
 bool takes_value(const std::string &name)
 {
-    for (const char *option : value_options) {
+    for (const char *option : kValueOptions) {
         if (name == option)
             return true;
     }

@@ -41,7 +41,7 @@ struct Line {
     double seconds = 0;             // wait-event; 0: the line timeout
 };
 
-const int known_events[] = {
+const int kKnownEvents[] = {
     NETMGR_EVT_ETHERNET_ENABLED,
     NETMGR_EVT_ETHERNET_DISABLED,
     NETMGR_EVT_WIFI_ENABLED,
@@ -62,7 +62,7 @@ const int known_events[] = {
 int parse_event(const std::string &word)
 {
     static const char prefix[] = "NETMGR_EVT_";
-    for (int code : known_events) {
+    for (int code : kKnownEvents) {
         std::string name = event_name(code);
         if (word == std::to_string(code) || strcasecmp(word.c_str(), name.c_str()) == 0 ||
             strcasecmp(word.c_str(), name.c_str() + sizeof(prefix) - 1) == 0)

@@ -11,14 +11,14 @@ namespace netmgrctl
 
 // The library owns this name on the session bus; a second client cannot
 // start (its service thread ends and every bridged call would hang).
-const char library_bus_name[] = "net.connman.Gaskaidra";
-static const char connman_bus_name[] = "net.connman";
+const char kLibraryBusName[] = "net.connman.Gaskaidra";
+static const char kConnmanBusName[] = "net.connman";
 
 // How long ConnMan may stay quiet before a rebuilt Wi-Fi list counts as
 // final: a scan's results arrive as further rebuilds right after the first.
-static const auto list_settle_time = std::chrono::milliseconds(1000);
+static const auto kListSettleTime = std::chrono::milliseconds(1000);
 // How long the service list may take to arrive once technologies are known.
-static const auto service_settle_time = std::chrono::milliseconds(3000);
+static const auto kServiceSettleTime = std::chrono::milliseconds(3000);
 
 Clock::time_point earlier(Clock::time_point a, Clock::duration b)
 {
@@ -39,14 +39,14 @@ std::string diagnose_connman()
     Bus system(DBUS_BUS_SYSTEM);
     if (!system.conn)
         return "cannot reach the D-Bus system bus: " + system.error;
-    if (!system.has_owner(connman_bus_name))
+    if (!system.has_owner(kConnmanBusName))
         return "ConnMan is not running (nobody owns net.connman on the system bus)";
     Bus session(DBUS_BUS_SESSION);
     if (session.conn) {
-        unsigned long pid = session.owner_pid(library_bus_name);
+        unsigned long pid = session.owner_pid(kLibraryBusName);
         if (pid && pid != static_cast<unsigned long>(getpid()))
             return "another libnetmgr client (pid " + std::to_string(pid) + ") took " +
-                   library_bus_name;
+                   kLibraryBusName;
     }
     return "ConnMan is running but reported no technologies";
 }
@@ -61,9 +61,9 @@ unsigned long attached_pid()
         return pid;
     known = true;
     Bus session(DBUS_BUS_SESSION);
-    if (!session.conn || !session.has_owner(library_bus_name))
+    if (!session.conn || !session.has_owner(kLibraryBusName))
         return pid = 0;
-    pid = session.owner_pid(library_bus_name);
+    pid = session.owner_pid(kLibraryBusName);
     if (pid == static_cast<unsigned long>(getpid()))
         pid = 0; // our own library (a script's earlier command started it)
     else if (pid == 0)
@@ -86,7 +86,7 @@ int refuse_when_attached(const Ctx &ctx)
                 "'%s' refused: %s runs libnetmgr and owns %s on the session bus; netmgrctl "
                 "only reads that process's state (status, type, wifi list, ipv4/ipv6 get, "
                 "monitor) and leaves every change to it",
-                command.c_str(), owner.c_str(), library_bus_name);
+                command.c_str(), owner.c_str(), kLibraryBusName);
 }
 
 // Commands that need ConnMan learn at once that it is not there, instead
@@ -96,9 +96,9 @@ static int check_connman()
     Bus system(DBUS_BUS_SYSTEM);
     if (!system.conn)
         return fail(EXIT_NO_CONNMAN, "cannot reach the D-Bus system bus: %s", system.error.c_str());
-    if (!system.has_owner(connman_bus_name))
+    if (!system.has_owner(kConnmanBusName))
         return fail(EXIT_NO_CONNMAN, "ConnMan is not running (nobody owns %s on the system bus)",
-                    connman_bus_name);
+                    kConnmanBusName);
     return EXIT_OK;
 }
 
@@ -159,7 +159,7 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
         // final once ConnMan has been quiet for a while.
         wait_for(ctx, [&announced] {
             last_list_update(announced);
-            return Clock::now() - announced >= list_settle_time;
+            return Clock::now() - announced >= kListSettleTime;
         });
         return take_wifi_list(list);
     }
@@ -179,10 +179,10 @@ int collect_wifi_list(Ctx &ctx, bool scan, std::list<NetWifiInfo> &list)
         return fail(EXIT_TIMEOUT,
                     "timed out after %g s waiting for the Wi-Fi list (no network seen)",
                     ctx.timeout_s);
-    Clock::time_point quiet_until = Clock::now() + list_settle_time;
+    Clock::time_point quiet_until = Clock::now() + kListSettleTime;
     while (next_event(event, std::min(ctx.deadline, quiet_until))) {
         if (event.code == NETMGR_EVT_WIFI_LIST_UPDATED)
-            quiet_until = Clock::now() + list_settle_time;
+            quiet_until = Clock::now() + kListSettleTime;
     }
     return take_wifi_list(list);
 }
@@ -197,7 +197,7 @@ int settle_services(Ctx &ctx)
 
 int wait_ethernet_service(Ctx &ctx)
 {
-    Clock::time_point limit = earlier(ctx.deadline, service_settle_time);
+    Clock::time_point limit = earlier(ctx.deadline, kServiceSettleTime);
     bool deadline_first = limit == ctx.deadline;
     Ctx bounded = ctx;
     bounded.deadline = limit;

@@ -7,7 +7,7 @@ namespace netmgrctl
 {
 
 // The longest SSID a network can have, in bytes.
-static const size_t max_ssid_length = 32;
+static const size_t kMaxSsidLength = 32;
 
 namespace
 {
@@ -70,7 +70,7 @@ int answer_input(Ctx &ctx, ConnectRequest &req, const NetWifiInfo &info)
         if (req.ssid.empty()) {
             if (!prompt_line("Network name (SSID): ", false, req.ssid) || req.ssid.empty())
                 return wifi_cancelled("no network name given", EXIT_FAILED);
-            if (!valid_text(req.ssid) || req.ssid.size() > max_ssid_length)
+            if (!valid_text(req.ssid) || req.ssid.size() > kMaxSsidLength)
                 return wifi_cancelled("the network name is not a valid SSID", EXIT_USAGE);
             req.needs_key = info.security.compare(0, 4, "none") != 0;
             req.label = req.ssid;
@@ -373,7 +373,7 @@ struct WifiAction {
     int (*run)(Ctx &ctx);
 };
 
-const WifiAction wifi_actions[] = {
+const WifiAction kWifiActions[] = {
     {"on", 0, {}, wifi_on},
     {"off", 0, {}, wifi_off},
     {"scan", 0, {}, wifi_scan},
@@ -421,7 +421,7 @@ int check_wifi_arguments(Ctx &ctx, const WifiAction &action)
         if (security != "psk" && security != "wep" && security != "none")
             return usage_error(ctx.cmd, "--security must be psk, wep or none");
         const std::string &ssid = ctx.value("--ssid");
-        if (ssid.empty() || ssid.size() > max_ssid_length || !valid_text(ssid))
+        if (ssid.empty() || ssid.size() > kMaxSsidLength || !valid_text(ssid))
             return usage_error(ctx.cmd, "--ssid must be UTF-8 text of 1 to 32 bytes");
         if (security == "none" && ctx.has("--passphrase"))
             return usage_error(ctx.cmd, "an open network takes no passphrase");
@@ -457,7 +457,7 @@ int cmd_wifi(Ctx &ctx)
 {
     if (ctx.args.empty())
         return usage_error(ctx.cmd, "missing action");
-    for (const WifiAction &action : wifi_actions) {
+    for (const WifiAction &action : kWifiActions) {
         if (ctx.args[0] != action.name)
             continue;
         if (int rc = check_wifi_arguments(ctx, action))
