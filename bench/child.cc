@@ -185,9 +185,13 @@ int bench_library_child(const std::string &mode, const std::string &connect_path
         return 1;
 
     if (mode == "ethernet") {
-        if (!wait_event(NETMGR_EVT_ETHERNET_CONNECTED, 30000))
-            return 1;
-        bench_send("ready");
+        int64_t deadline = bench_now_ns() + 60 * 1000000000LL;
+        while (NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) != NET_STATUS_CONNECTED) {
+            if (bench_now_ns() > deadline)
+                return 1;
+            usleep(50000);
+        }
+        bench_send("ready 1");
         serve_commands();
         return 0;
     }

@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -122,8 +123,10 @@ class Child
                 argv.push_back(const_cast<char *>(a.c_str()));
             argv.push_back(nullptr);
             // The library's log lines would only hide the table.
-            int null = open("/dev/null", O_WRONLY);
-            dup2(null, 2);
+            if (!getenv("NETMGR_BENCH_VERBOSE")) {
+                int null = open("/dev/null", O_WRONLY);
+                dup2(null, 2);
+            }
             execv(exe.c_str(), argv.data());
             _exit(127);
         }
@@ -292,7 +295,8 @@ Json::Value run_size(int n, int k, bool bridge)
         // Every service's Strength to a value none had: all must arrive.
         for (int i = 0; i < n; i++)
             sim.set_strength(ident_of(i), 95);
-        std::string count = lib.ask("count 95", 180000);
+        lib.send("count 95");
+        std::string count = lib.expect("count ", 180000);
         int got = 0, total = 0;
         std::istringstream(count) >> got >> total;
         out["lost_changes"] = n - got;
@@ -361,7 +365,7 @@ double idle_wakeups(double seconds)
     sim.add_network(cable);
 
     Child lib({"--child", "ethernet", ""});
-    if (lib.expect("ready", 60000).empty())
+    if (lib.expect("ready ", 60000).empty())
         throw std::runtime_error("ethernet child failed");
     // Let the connection's own follow-up work finish, then count.
     usleep(3000000);
@@ -435,6 +439,8 @@ int main(int argc, char **argv)
     for (size_t i = 0; i < sizes.size(); i++) {
         fprintf(stderr, "bench: %d services...\n", sizes[i]);
         results["sizes"].append(run_size(sizes[i], k, i == 0));
+        if (getenv("NETMGR_BENCH_VERBOSE"))
+            std::cerr << results["sizes"][static_cast<Json::ArrayIndex>(i)] << "\n";
     }
     fprintf(stderr, "bench: idle wake-ups with Ethernet connected...\n");
     results["idle_wakeups_per_s"] = idle_wakeups(10.0);
