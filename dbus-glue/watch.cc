@@ -130,6 +130,22 @@ static bool filter_installed(DBusConnection *connection)
     return index_of(connection) != nullptr;
 }
 
+// Also runs when a connection is finalized with its filter still in place.
+static void free_index(void *data)
+{
+    auto *index = static_cast<struct connection_index *>(data);
+    // Covers are gone with their matches; any left were not removable.
+    while (index->covers) {
+        struct rule_cover *cover = index->covers;
+        index->covers = cover->next;
+        g_free(cover->rule);
+        g_free(cover);
+    }
+    g_hash_table_destroy(index->by_path);
+    g_ptr_array_free(index->wildcard, TRUE);
+    g_free(index);
+}
+
 static bool install_filter(DBusConnection *connection)
 {
     if (filter_installed(connection))
@@ -141,35 +157,23 @@ static bool install_filter(DBusConnection *connection)
     index->wildcard = g_ptr_array_new();
     if (!dbus_connection_add_filter(connection, message_filter, nullptr, nullptr))
         goto fail;
-    if (!dbus_connection_set_data(connection, filter_slot, index, nullptr)) {
+    if (!dbus_connection_set_data(connection, filter_slot, index, free_index)) {
         dbus_connection_remove_filter(connection, message_filter, nullptr);
         goto fail;
     }
     return true;
 fail:
-    g_hash_table_destroy(index->by_path);
-    g_ptr_array_free(index->wildcard, TRUE);
-    g_free(index);
+    free_index(index);
     return false;
 }
 
 static void uninstall_filter(DBusConnection *connection)
 {
-    struct connection_index *index = index_of(connection);
-    if (!index)
+    if (!filter_installed(connection))
         return;
     dbus_connection_remove_filter(connection, message_filter, nullptr);
+    // Replacing the slot's value frees the index.
     dbus_connection_set_data(connection, filter_slot, nullptr, nullptr);
-    // Covers are gone with their matches; any left were not removable.
-    while (index->covers) {
-        struct rule_cover *cover = index->covers;
-        index->covers = cover->next;
-        g_free(cover->rule);
-        g_free(cover);
-    }
-    g_hash_table_destroy(index->by_path);
-    g_ptr_array_free(index->wildcard, TRUE);
-    g_free(index);
 }
 
 static struct filter_data *first_match_of(DBusConnection *connection)
