@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <malloc.h>
 #include <string.h>
 
 #include "connman-client/dbus.h"
@@ -670,7 +671,8 @@ static void update_or_create_service(const char *path, DBusMessageIter *dict)
         // in the table that owns the listed paths.
         g_hash_table_insert(service_if->services, service->path, service);
     }
-    service_if->ordered_services = g_slist_append(service_if->ordered_services, service->path);
+    // Built newest first and turned round once the whole array is read.
+    service_if->ordered_services = g_slist_prepend(service_if->ordered_services, service->path);
     cui_dbus_foreach_dict_entry(dict, update_service_property, service);
 }
 
@@ -680,11 +682,29 @@ static void free_ordered_list(void)
     service_if->ordered_services = nullptr;
 }
 
+static guint trim_source;
+
+static gboolean trim_heap(gpointer)
+{
+    trim_source = 0;
+    malloc_trim(0);
+    return FALSE;
+}
+
+// A long list comes in large message buffers that are freed once it is read
+// but would stay resident; give those pages back when the loop is idle.
+static void schedule_trim(void)
+{
+    if (!trim_source)
+        trim_source = g_idle_add_full(G_PRIORITY_LOW, trim_heap, nullptr, nullptr);
+}
+
 // An array of (object path, property dictionary) structs, in ConnMan's order.
 static void update_services_from(DBusMessageIter *array)
 {
     if (dbus_message_iter_get_arg_type(array) != DBUS_TYPE_ARRAY)
         return;
+    guint count = 0;
     DBusMessageIter entry;
     dbus_message_iter_recurse(array, &entry);
     while (dbus_message_iter_get_arg_type(&entry) == DBUS_TYPE_STRUCT) {
@@ -694,9 +714,13 @@ static void update_services_from(DBusMessageIter *array)
         if (cui_dbus_get_basic(&fields, DBUS_TYPE_OBJECT_PATH, &path) == 0) {
             dbus_message_iter_next(&fields);
             update_or_create_service(path, &fields);
+            count++;
         }
         dbus_message_iter_next(&entry);
     }
+    service_if->ordered_services = g_slist_reverse(service_if->ordered_services);
+    if (count >= 100)
+        schedule_trim();
 }
 
 static void remove_service(const char *path)

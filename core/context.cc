@@ -11,6 +11,7 @@
 #include "connman-client/technology.h"
 #include "core/internal.h"
 #include "core/log.h"
+#include "dbus-glue/gdbus.h"
 #include "platform/zelstorageclient.h"
 
 NetMgrContext *g_netMgr = nullptr;
@@ -88,8 +89,17 @@ void connman_down(void *)
     ZelStorageManager::instance().systemCmd("/etc/init.d/S42wifi restart", 30);
 }
 
+// The bus refused a per-service match rule (its per-connection limit): the
+// watches now share one broader rule and still see every change.
+static void rule_fallback_cb(const char *broader_rule)
+{
+    NETMGR_LOG(NETMGR_WARNING, 2300, "## match rule limit reached, receiving through %s",
+               netmgr_text(broader_rule));
+}
+
 void _netmgr_main_routine()
 {
+    g_dbus_set_rule_fallback_function(rule_fallback_cb);
     if (connman_interface_init(connman_up, connman_down, nullptr) < 0) {
         NETMGR_LOG(NETMGR_ERROR, 2162, "## connman_interface_init failed");
         return;

@@ -48,6 +48,12 @@ guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
 gboolean g_dbus_remove_watch(DBusConnection *connection, guint id);
 void g_dbus_remove_all_watches(DBusConnection *connection);
 
+// Called once each time the bus refuses a per-path rule for its rule limit
+// and the broader rule (the same without path) is put in its place; the
+// watches keep working. The layer logs nothing itself.
+typedef void (*g_dbus_rule_fallback_function_t)(const char *broader_rule);
+void g_dbus_set_rule_fallback_function(g_dbus_rule_fallback_function_t function);
+
 // ---- object export and method dispatch (object.cc) ----
 
 enum {

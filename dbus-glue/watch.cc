@@ -17,6 +17,8 @@ struct filter_data;
 typedef gboolean (*filter_handle_func_t)(DBusConnection *connection, DBusMessage *message,
                                          struct filter_data *data);
 
+struct rule_cover;
+
 struct filter_data {
     DBusConnection *connection;
     filter_handle_func_t handle_func;
@@ -31,6 +33,21 @@ struct filter_data {
     guint name_watch;
     gboolean lock;
     gboolean registered;
+    // Creation order, which is the dispatch order.
+    guint64 seq;
+    // All matches of all connections in creation order, and the matches of
+    // one connection with the same path, also in creation order.
+    struct filter_data *prev;
+    struct filter_data *next;
+    struct filter_data *next_same_path;
+    // Set while the match is in the lists above.
+    bool listed;
+    // Left without callbacks by the current dispatch: removed at its end.
+    bool doomed;
+    // Dispatches holding the match; it is freed when the last lets go.
+    guint holds;
+    // The broader rule this match relies on after the bus refused its own.
+    struct rule_cover *cover;
 };
 
 struct service_data;
@@ -43,6 +60,7 @@ struct filter_callback {
     struct service_data *data;
     void *user_data;
     guint id;
+    struct filter_data *match;
 };
 
 struct service_data {
@@ -56,19 +74,76 @@ struct service_data {
     struct filter_callback *callback;
 };
 
-static GSList *listeners = nullptr;
-static guint listener_id = 0;
+// A rule without path that stands in for refused per-path rules of the same
+// sender, interface, member and argument. Dispatch still compares paths.
+struct rule_cover {
+    char *rule;
+    guint users;
+    struct rule_cover *next;
+};
 
-// Marks connections whose message filter is installed, so the filter is
-// never added twice nor removed when absent (libdbus aborts on that).
+// What one connection's filter needs to find the matches of a message
+// without walking all of them.
+struct connection_index {
+    GHashTable *by_path; // path (the first match's string) -> first match
+    GPtrArray *wildcard; // matches without path, creation order
+    guint count;
+    struct rule_cover *covers;
+};
+
+// Shared keeper of a well-known name's owner for all signal matches with
+// that sender: one name-owner callback instead of one per match.
+struct name_keeper {
+    DBusConnection *connection;
+    char *name;
+    guint id;
+    guint users;
+};
+
+static struct filter_data *listeners_head = nullptr;
+static struct filter_data *listeners_tail = nullptr;
+static guint listener_id = 0;
+static guint64 match_seq = 0;
+static GHashTable *callbacks_by_id = nullptr;
+static GSList *name_keepers = nullptr;
+static g_dbus_rule_fallback_function_t fallback_function = nullptr;
+
+// The slot holds the connection's index while its message filter is
+// installed, so the filter is never added twice nor removed when absent
+// (libdbus aborts on that).
 static dbus_int32_t filter_slot = -1;
 
 static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage *message,
                                         void *user_data);
+static void release_cover(struct filter_data *data);
+
+static struct connection_index *index_of(DBusConnection *connection)
+{
+    if (filter_slot < 0)
+        return nullptr;
+    return static_cast<struct connection_index *>(
+        dbus_connection_get_data(connection, filter_slot));
+}
 
 static bool filter_installed(DBusConnection *connection)
 {
-    return filter_slot >= 0 && dbus_connection_get_data(connection, filter_slot) != nullptr;
+    return index_of(connection) != nullptr;
+}
+
+// Also runs when a connection is finalized with its filter still in place.
+static void free_index(void *data)
+{
+    auto *index = static_cast<struct connection_index *>(data);
+    // Covers are gone with their matches; any left were not removable.
+    while (index->covers) {
+        struct rule_cover *cover = index->covers;
+        index->covers = cover->next;
+        g_free(cover->rule);
+        g_free(cover);
+    }
+    g_hash_table_destroy(index->by_path);
+    g_ptr_array_free(index->wildcard, TRUE);
+    g_free(index);
 }
 
 static bool install_filter(DBusConnection *connection)
@@ -77,13 +152,19 @@ static bool install_filter(DBusConnection *connection)
         return true;
     if (filter_slot < 0 && !dbus_connection_allocate_data_slot(&filter_slot))
         return false;
+    auto *index = g_new0(struct connection_index, 1);
+    index->by_path = g_hash_table_new(g_str_hash, g_str_equal);
+    index->wildcard = g_ptr_array_new();
     if (!dbus_connection_add_filter(connection, message_filter, nullptr, nullptr))
-        return false;
-    if (!dbus_connection_set_data(connection, filter_slot, GINT_TO_POINTER(1), nullptr)) {
+        goto fail;
+    if (!dbus_connection_set_data(connection, filter_slot, index, free_index)) {
         dbus_connection_remove_filter(connection, message_filter, nullptr);
-        return false;
+        goto fail;
     }
     return true;
+fail:
+    free_index(index);
+    return false;
 }
 
 static void uninstall_filter(DBusConnection *connection)
@@ -91,13 +172,15 @@ static void uninstall_filter(DBusConnection *connection)
     if (!filter_installed(connection))
         return;
     dbus_connection_remove_filter(connection, message_filter, nullptr);
+    // Replacing the slot's value frees the index.
     dbus_connection_set_data(connection, filter_slot, nullptr, nullptr);
 }
 
 static struct filter_data *first_match_of(DBusConnection *connection)
 {
-    for (GSList *l = listeners; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
+    if (!filter_installed(connection))
+        return nullptr;
+    for (struct filter_data *data = listeners_head; data; data = data->next) {
         if (data->connection == connection)
             return data;
     }
@@ -106,12 +189,78 @@ static struct filter_data *first_match_of(DBusConnection *connection)
 
 static bool connection_has_matches(DBusConnection *connection)
 {
-    return first_match_of(connection) != nullptr;
+    struct connection_index *index = index_of(connection);
+    return index && index->count > 0;
 }
 
-static bool is_listed(struct filter_data *data)
+static void list_match(struct filter_data *data)
 {
-    return g_slist_find(listeners, data) != nullptr;
+    struct connection_index *index = index_of(data->connection);
+
+    data->seq = ++match_seq;
+    data->prev = listeners_tail;
+    data->next = nullptr;
+    if (listeners_tail)
+        listeners_tail->next = data;
+    else
+        listeners_head = data;
+    listeners_tail = data;
+
+    if (!data->path) {
+        g_ptr_array_add(index->wildcard, data);
+    } else {
+        auto *first =
+            static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, data->path));
+        if (!first) {
+            g_hash_table_insert(index->by_path, data->path, data);
+        } else {
+            while (first->next_same_path)
+                first = first->next_same_path;
+            first->next_same_path = data;
+        }
+    }
+    index->count++;
+    data->listed = true;
+}
+
+static void unlist_match(struct filter_data *data)
+{
+    if (!data->listed)
+        return;
+    struct connection_index *index = index_of(data->connection);
+
+    if (data->prev)
+        data->prev->next = data->next;
+    else
+        listeners_head = data->next;
+    if (data->next)
+        data->next->prev = data->prev;
+    else
+        listeners_tail = data->prev;
+    data->prev = data->next = nullptr;
+
+    if (!data->path) {
+        g_ptr_array_remove(index->wildcard, data);
+    } else {
+        auto *first =
+            static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, data->path));
+        if (first == data) {
+            // The key is the first match's own string: re-key on the next.
+            g_hash_table_remove(index->by_path, data->path);
+            if (data->next_same_path)
+                g_hash_table_insert(index->by_path, data->next_same_path->path,
+                                    data->next_same_path);
+        } else {
+            while (first && first->next_same_path != data)
+                first = first->next_same_path;
+            if (first)
+                first->next_same_path = data->next_same_path;
+        }
+        data->next_same_path = nullptr;
+    }
+    index->count--;
+    data->listed = false;
+    release_cover(data);
 }
 
 static bool valid_utf8_or_null(const char *str)
@@ -119,7 +268,7 @@ static bool valid_utf8_or_null(const char *str)
     return !str || dbus_validate_utf8(str, nullptr);
 }
 
-static void format_rule(struct filter_data *data, char *rule, size_t size)
+static void format_rule(struct filter_data *data, bool with_path, char *rule, size_t size)
 {
     int offset = snprintf(rule, size, "type='signal'");
     auto append = [&](const char *fmt, const char *value) {
@@ -130,7 +279,7 @@ static void format_rule(struct filter_data *data, char *rule, size_t size)
     const char *sender = data->name ? data->name : data->owner;
     if (sender)
         append(",sender='%s'", sender);
-    if (data->path)
+    if (data->path && with_path)
         append(",path='%s'", data->path);
     if (data->interface)
         append(",interface='%s'", data->interface);
@@ -140,40 +289,147 @@ static void format_rule(struct filter_data *data, char *rule, size_t size)
         append(",arg0='%s'", data->argument);
 }
 
-// Sends the match rule of data to the bus with dbus_bus_add_match or
-// dbus_bus_remove_match (both block until the bus answers).
-static gboolean send_match_rule(struct filter_data *data,
-                                void (*bus_call)(DBusConnection *, const char *, DBusError *))
+// Sends a match rule to the bus with dbus_bus_add_match or
+// dbus_bus_remove_match (both block until the bus answers). With
+// limits_exceeded, tells whether the bus refused for its rule limit.
+static gboolean send_rule(DBusConnection *connection, const char *rule,
+                          void (*bus_call)(DBusConnection *, const char *, DBusError *),
+                          bool *limits_exceeded = nullptr)
 {
-    char rule[1024];
     DBusError error;
 
-    format_rule(data, rule, sizeof(rule));
     // A cut rule may end inside a character; libdbus aborts on such text.
     if (!dbus_validate_utf8(rule, nullptr))
         return FALSE;
 
     dbus_error_init(&error);
-    bus_call(data->connection, rule, &error);
+    bus_call(connection, rule, &error);
     if (dbus_error_is_set(&error)) {
+        if (limits_exceeded)
+            *limits_exceeded = dbus_error_has_name(&error, DBUS_ERROR_LIMITS_EXCEEDED);
         dbus_error_free(&error);
         return FALSE;
     }
     return TRUE;
 }
 
+static struct rule_cover *find_cover(struct connection_index *index, const char *rule)
+{
+    for (struct rule_cover *cover = index->covers; cover; cover = cover->next) {
+        if (strcmp(cover->rule, rule) == 0)
+            return cover;
+    }
+    return nullptr;
+}
+
+static void release_cover(struct filter_data *data)
+{
+    struct rule_cover *cover = data->cover;
+    struct connection_index *index = index_of(data->connection);
+
+    data->cover = nullptr;
+    if (!cover || !index || --cover->users > 0)
+        return;
+    send_rule(data->connection, cover->rule, dbus_bus_remove_match);
+    for (struct rule_cover **link = &index->covers; *link; link = &(*link)->next) {
+        if (*link == cover) {
+            *link = cover->next;
+            break;
+        }
+    }
+    g_free(cover->rule);
+    g_free(cover);
+}
+
+// Once the bus refuses a rule for its per-connection limit, one rule
+// without path takes in all signals of that kind; each match keeps its path
+// and dispatch compares it as before. The bus is then full, so a registered
+// sibling gives its own rule up first to make room for the broader one.
+static struct rule_cover *make_cover(struct filter_data *data, const char *broad)
+{
+    struct connection_index *index = index_of(data->connection);
+    struct filter_data *evicted = nullptr;
+    char rule[1024];
+
+    if (!send_rule(data->connection, broad, dbus_bus_add_match)) {
+        for (struct filter_data *m = listeners_head; m && !evicted; m = m->next) {
+            if (m->connection != data->connection || !m->registered || !m->path || m->cover)
+                continue;
+            format_rule(m, false, rule, sizeof(rule));
+            if (strcmp(rule, broad) == 0)
+                evicted = m;
+        }
+        if (!evicted)
+            return nullptr;
+        format_rule(evicted, true, rule, sizeof(rule));
+        if (!send_rule(data->connection, rule, dbus_bus_remove_match))
+            return nullptr;
+        if (!send_rule(data->connection, broad, dbus_bus_add_match)) {
+            send_rule(data->connection, rule, dbus_bus_add_match);
+            return nullptr;
+        }
+    }
+
+    auto *cover = g_new0(struct rule_cover, 1);
+    cover->rule = g_strdup(broad);
+    cover->next = index->covers;
+    index->covers = cover;
+    if (evicted) {
+        evicted->registered = FALSE;
+        evicted->cover = cover;
+        cover->users++;
+    }
+    if (fallback_function)
+        fallback_function(broad);
+    return cover;
+}
+
 static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
 {
-    if (!send_match_rule(data, dbus_bus_add_match))
-        return FALSE;
+    char rule[1024];
+    char broad[1024];
+    bool limited = false;
+    struct connection_index *index = index_of(data->connection);
+    struct rule_cover *cover = nullptr;
+
+    // While a broader rule is in place, more rules of its kind would only
+    // be refused again: use it instead of asking the bus.
+    if (data->path) {
+        format_rule(data, false, broad, sizeof(broad));
+        cover = find_cover(index, broad);
+    }
+    if (!cover) {
+        format_rule(data, true, rule, sizeof(rule));
+        if (send_rule(data->connection, rule, dbus_bus_add_match, &limited)) {
+            data->handle_func = filter;
+            data->registered = TRUE;
+            return TRUE;
+        }
+        if (!limited || !data->path || !(cover = make_cover(data, broad)))
+            return FALSE;
+    }
+
+    cover->users++;
+    data->cover = cover;
     data->handle_func = filter;
-    data->registered = TRUE;
     return TRUE;
 }
 
 static gboolean remove_match(struct filter_data *data)
 {
-    return send_match_rule(data, dbus_bus_remove_match);
+    char rule[1024];
+
+    format_rule(data, true, rule, sizeof(rule));
+    return send_rule(data->connection, rule, dbus_bus_remove_match);
+}
+
+static bool same_match(struct filter_data *data, const char *name, const char *owner,
+                       const char *path, const char *interface, const char *member,
+                       const char *argument)
+{
+    return g_strcmp0(data->name, name) == 0 && g_strcmp0(data->owner, owner) == 0 &&
+           g_strcmp0(data->path, path) == 0 && g_strcmp0(data->interface, interface) == 0 &&
+           g_strcmp0(data->member, member) == 0 && g_strcmp0(data->argument, argument) == 0;
 }
 
 static struct filter_data *filter_data_find(DBusConnection *connection, const char *name,
@@ -181,41 +437,54 @@ static struct filter_data *filter_data_find(DBusConnection *connection, const ch
                                             const char *interface, const char *member,
                                             const char *argument)
 {
-    for (GSList *l = listeners; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
+    struct connection_index *index = index_of(connection);
+    if (!index)
+        return nullptr;
 
-        if (connection && data->connection != connection)
-            continue;
-        if (g_strcmp0(data->name, name) != 0 || g_strcmp0(data->owner, owner) != 0 ||
-            g_strcmp0(data->path, path) != 0 || g_strcmp0(data->interface, interface) != 0 ||
-            g_strcmp0(data->member, member) != 0 || g_strcmp0(data->argument, argument) != 0)
-            continue;
-        return data;
+    if (!path) {
+        for (guint i = 0; i < index->wildcard->len; i++) {
+            auto *data = static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, i));
+            if (same_match(data, name, owner, path, interface, member, argument))
+                return data;
+        }
+        return nullptr;
+    }
+    auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
+    for (; data; data = data->next_same_path) {
+        if (same_match(data, name, owner, path, interface, member, argument))
+            return data;
     }
     return nullptr;
 }
 
 static struct filter_data *filter_data_find_name(const char *name)
 {
-    for (GSList *l = listeners; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
+    for (struct filter_data *data = listeners_head; data; data = data->next) {
         if (g_strcmp0(data->name, name) == 0)
             return data;
     }
     return nullptr;
 }
 
+static void release_name_keeper(DBusConnection *connection, const char *name);
+
+static void free_callback(struct filter_callback *cb)
+{
+    g_hash_table_remove(callbacks_by_id, GUINT_TO_POINTER(cb->id));
+    g_free(cb);
+}
+
 static void filter_data_free(struct filter_data *data)
 {
     for (GSList *l = data->callbacks; l; l = l->next)
-        g_free(l->data);
+        free_callback(static_cast<struct filter_callback *>(l->data));
     g_slist_free(data->callbacks);
     for (GSList *l = data->processed; l; l = l->next)
-        g_free(l->data);
+        free_callback(static_cast<struct filter_callback *>(l->data));
     g_slist_free(data->processed);
 
     if (data->name_watch > 0)
-        g_dbus_remove_watch(data->connection, data->name_watch);
+        release_name_keeper(data->connection, data->name);
 
     g_free(data->name);
     g_free(data->owner);
@@ -225,6 +494,15 @@ static void filter_data_free(struct filter_data *data)
     g_free(data->argument);
     dbus_connection_unref(data->connection);
     g_free(data);
+}
+
+// Takes the match out of the lists; a dispatch still holding it frees it
+// when it lets go.
+static void filter_data_drop(struct filter_data *data)
+{
+    unlist_match(data);
+    if (data->holds == 0)
+        filter_data_free(data);
 }
 
 static struct filter_data *filter_data_get(DBusConnection *connection, filter_handle_func_t filter,
@@ -266,7 +544,7 @@ static struct filter_data *filter_data_get(DBusConnection *connection, filter_ha
         return nullptr;
     }
 
-    listeners = g_slist_append(listeners, data);
+    list_match(data);
     return data;
 }
 
@@ -283,6 +561,11 @@ static struct filter_callback *filter_data_add_callback(struct filter_data *data
     cb->destroy_func = destroy;
     cb->user_data = user_data;
     cb->id = ++listener_id;
+    cb->match = data;
+
+    if (!callbacks_by_id)
+        callbacks_by_id = g_hash_table_new(g_direct_hash, g_direct_equal);
+    g_hash_table_insert(callbacks_by_id, GUINT_TO_POINTER(cb->id), cb);
 
     // Callbacks added while the match dispatches wait for the next message.
     if (data->lock)
@@ -323,7 +606,7 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
 
     if (cb->destroy_func)
         cb->destroy_func(cb->user_data);
-    g_free(cb);
+    free_callback(cb);
 
     // A locked match is cleaned up by message_filter after its dispatch.
     if (data->callbacks || data->lock)
@@ -333,10 +616,9 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
         return FALSE;
 
     DBusConnection *connection = dbus_connection_ref(data->connection);
-    listeners = g_slist_remove(listeners, data);
+    filter_data_drop(data);
     if (!connection_has_matches(connection))
         uninstall_filter(connection);
-    filter_data_free(data);
     dbus_connection_unref(connection);
 
     return TRUE;
@@ -347,8 +629,7 @@ static void update_name_cache(const char *name, const char *owner)
     // owner may point into one of the entries about to be replaced.
     char *copy = g_strdup(owner);
 
-    for (GSList *l = listeners; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
+    for (struct filter_data *data = listeners_head; data; data = data->next) {
         if (g_strcmp0(data->name, name) != 0)
             continue;
         g_free(data->owner);
@@ -458,9 +739,9 @@ static gboolean signal_filter(DBusConnection *connection, DBusMessage *message,
         if (cb->signal_func)
             keep = cb->signal_func(connection, message, cb->user_data);
 
-        // New callbacks go to processed while locked, so a callback still
-        // in this list is the one just called.
-        if (!g_slist_find(data->callbacks, cb))
+        // New callbacks go to processed while locked, so the callback just
+        // called is still first in this list unless it was removed.
+        if (!data->callbacks || data->callbacks->data != cb)
             continue;
 
         if (!keep) {
@@ -468,7 +749,7 @@ static gboolean signal_filter(DBusConnection *connection, DBusMessage *message,
             continue;
         }
 
-        data->callbacks = g_slist_remove(data->callbacks, cb);
+        data->callbacks = g_slist_delete_link(data->callbacks, data->callbacks);
         data->processed = g_slist_append(data->processed, cb);
     }
 
@@ -499,7 +780,7 @@ static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
                 cb->conn_func(connection, cb->user_data);
         }
 
-        if (!g_slist_find(data->callbacks, cb))
+        if (!data->callbacks || data->callbacks->data != cb)
             continue;
 
         // A unique name never comes back: a watch that cannot see both
@@ -509,7 +790,7 @@ static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
             continue;
         }
 
-        data->callbacks = g_slist_remove(data->callbacks, cb);
+        data->callbacks = g_slist_delete_link(data->callbacks, data->callbacks);
         data->processed = g_slist_append(data->processed, cb);
     }
 
@@ -533,11 +814,62 @@ static bool match_passes(struct filter_data *data, const char *sender, const cha
     return true;
 }
 
+// The matches a message can concern: those with its path and those without
+// any, merged back into creation order. Each is held until released, so
+// callbacks may remove any match meanwhile.
+static guint collect_candidates(struct connection_index *index, const char *path,
+                                struct filter_data **out, guint room)
+{
+    auto *by_path =
+        path ? static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path))
+             : nullptr;
+    guint wild = 0;
+    guint n = 0;
+
+    while (n < room && (by_path || wild < index->wildcard->len)) {
+        struct filter_data *next;
+        auto *w = wild < index->wildcard->len
+                      ? static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, wild))
+                      : nullptr;
+        if (by_path && (!w || by_path->seq < w->seq)) {
+            next = by_path;
+            by_path = by_path->next_same_path;
+        } else {
+            next = w;
+            wild++;
+        }
+        next->holds++;
+        out[n++] = next;
+    }
+    return n;
+}
+
+static guint count_candidates(struct connection_index *index, const char *path)
+{
+    guint n = index->wildcard->len;
+    if (path) {
+        auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
+        for (; data; data = data->next_same_path)
+            n++;
+    }
+    return n;
+}
+
+static void let_go(struct filter_data *data)
+{
+    if (--data->holds == 0 && !data->listed)
+        filter_data_free(data);
+}
+
 static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage *message,
                                         void *user_data)
 {
     (void)user_data;
     if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_SIGNAL)
+        return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
+
+    struct connection_index *index = index_of(connection);
+    if (!index)
         return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 
     const char *sender = dbus_message_get_sender(message);
@@ -550,50 +882,50 @@ static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage 
         dbus_message_iter_get_arg_type(&iter) == DBUS_TYPE_STRING)
         dbus_message_iter_get_basic(&iter, &arg);
 
-    // Callbacks may add and remove matches while we walk: walk a copy and
-    // skip matches that have gone meanwhile.
-    GSList *snapshot = g_slist_copy(listeners);
-    GSList *delete_listener = nullptr;
+    // Callbacks may add and remove matches while we go: work on the
+    // candidates as they are now, each held so it cannot be freed under us.
+    struct filter_data *local[16];
+    struct filter_data **candidates = local;
+    guint total = count_candidates(index, path);
+    if (total > G_N_ELEMENTS(local))
+        candidates = g_new(struct filter_data *, total);
+    guint n = collect_candidates(index, path, candidates, total);
 
-    for (GSList *l = snapshot; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
+    for (guint i = 0; i < n; i++) {
+        struct filter_data *data = candidates[i];
 
-        if (!is_listed(data) || data->connection != connection)
-            continue;
-        if (!match_passes(data, sender, path, interface, member, arg))
+        if (!data->listed || !match_passes(data, sender, path, interface, member, arg))
             continue;
 
         if (data->handle_func) {
             data->lock = TRUE;
             data->handle_func(connection, message, data);
-
-            if (!is_listed(data)) {
-                // g_dbus_remove_all_watches took it out during dispatch.
-                filter_data_free(data);
-                continue;
-            }
-
             data->callbacks = data->processed;
             data->processed = nullptr;
             data->lock = FALSE;
+            // g_dbus_remove_all_watches took it out during dispatch.
+            if (!data->listed)
+                continue;
         }
 
         if (!data->callbacks)
-            delete_listener = g_slist_prepend(delete_listener, data);
+            data->doomed = true;
     }
-    g_slist_free(snapshot);
 
-    for (GSList *l = delete_listener; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
-
-        if (!is_listed(data) || data->callbacks)
-            continue;
-        if (data->registered)
-            remove_match(data);
-        listeners = g_slist_remove(listeners, data);
-        filter_data_free(data);
+    for (guint i = 0; i < n; i++) {
+        struct filter_data *data = candidates[i];
+        if (data->doomed) {
+            data->doomed = false;
+            if (data->listed && !data->callbacks) {
+                if (data->registered)
+                    remove_match(data);
+                filter_data_drop(data);
+            }
+        }
+        let_go(data);
     }
-    g_slist_free(delete_listener);
+    if (candidates != local)
+        g_free(candidates);
 
     if (!connection_has_matches(connection))
         uninstall_filter(connection);
@@ -629,6 +961,54 @@ guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
     return g_dbus_add_service_watch(connection, name, nullptr, disconnect, user_data, destroy);
 }
 
+static struct name_keeper *find_name_keeper(DBusConnection *connection, const char *name)
+{
+    for (GSList *l = name_keepers; l; l = l->next) {
+        auto *keeper = static_cast<struct name_keeper *>(l->data);
+        if (keeper->connection == connection && strcmp(keeper->name, name) == 0)
+            return keeper;
+    }
+    return nullptr;
+}
+
+// Returns the id of the name-owner watch that keeps the name's owner
+// current, shared by every signal match with that sender.
+static guint acquire_name_keeper(DBusConnection *connection, const char *name)
+{
+    struct name_keeper *keeper = find_name_keeper(connection, name);
+    // The shared watch may have gone with g_dbus_remove_all_watches.
+    if (keeper && g_hash_table_contains(callbacks_by_id, GUINT_TO_POINTER(keeper->id))) {
+        keeper->users++;
+        // Ids stay what they were when every match had a watch of its own.
+        ++listener_id;
+        return keeper->id;
+    }
+
+    guint id = g_dbus_add_service_watch(connection, name, nullptr, nullptr, nullptr, nullptr);
+    if (id == 0)
+        return 0;
+    if (!keeper) {
+        keeper = g_new0(struct name_keeper, 1);
+        keeper->connection = connection;
+        keeper->name = g_strdup(name);
+        name_keepers = g_slist_prepend(name_keepers, keeper);
+    }
+    keeper->id = id;
+    keeper->users++;
+    return id;
+}
+
+static void release_name_keeper(DBusConnection *connection, const char *name)
+{
+    struct name_keeper *keeper = find_name_keeper(connection, name);
+    if (!keeper || --keeper->users > 0)
+        return;
+    name_keepers = g_slist_remove(name_keepers, keeper);
+    g_dbus_remove_watch(connection, keeper->id);
+    g_free(keeper->name);
+    g_free(keeper);
+}
+
 static guint add_signal_watch_full(DBusConnection *connection, const char *sender, const char *path,
                                    const char *interface, const char *member, const char *argument,
                                    g_dbus_signal_function_t function, void *user_data,
@@ -651,8 +1031,7 @@ static guint add_signal_watch_full(DBusConnection *connection, const char *sende
 
     // Keeps the match's owner current while the well-known name moves.
     if (data->name && data->name_watch == 0)
-        data->name_watch =
-            g_dbus_add_service_watch(connection, data->name, nullptr, nullptr, nullptr, nullptr);
+        data->name_watch = acquire_name_keeper(connection, data->name);
 
     return cb->id;
 }
@@ -674,34 +1053,18 @@ guint g_dbus_add_properties_watch(DBusConnection *connection, const char *sender
                                  "PropertiesChanged", interface, function, user_data, destroy);
 }
 
-static struct filter_callback *find_callback(GSList *list, guint id)
-{
-    for (GSList *l = list; l; l = l->next) {
-        auto *cb = static_cast<struct filter_callback *>(l->data);
-        if (cb->id == id)
-            return cb;
-    }
-    return nullptr;
-}
-
 gboolean g_dbus_remove_watch(DBusConnection *connection, guint id)
 {
     (void)connection;
-    if (id == 0)
+    if (id == 0 || !callbacks_by_id)
         return FALSE;
 
-    for (GSList *l = listeners; l; l = l->next) {
-        auto *data = static_cast<struct filter_data *>(l->data);
-        struct filter_callback *cb = find_callback(data->callbacks, id);
-        if (!cb)
-            cb = find_callback(data->processed, id);
-        if (cb) {
-            filter_data_remove_callback(data, cb);
-            return TRUE;
-        }
-    }
-
-    return FALSE;
+    auto *cb = static_cast<struct filter_callback *>(
+        g_hash_table_lookup(callbacks_by_id, GUINT_TO_POINTER(id)));
+    if (!cb)
+        return FALSE;
+    filter_data_remove_callback(cb->match, cb);
+    return TRUE;
 }
 
 static void release_all_callbacks(struct filter_data *data, GSList **list)
@@ -719,7 +1082,7 @@ static void release_all_callbacks(struct filter_data *data, GSList **list)
             cb->disc_func(data->connection, cb->user_data);
         if (cb->destroy_func)
             cb->destroy_func(cb->user_data);
-        g_free(cb);
+        free_callback(cb);
     }
 }
 
@@ -730,13 +1093,18 @@ void g_dbus_remove_all_watches(DBusConnection *connection)
 
     struct filter_data *data;
     while ((data = first_match_of(connection))) {
-        listeners = g_slist_remove(listeners, data);
+        unlist_match(data);
         release_all_callbacks(data, &data->callbacks);
         release_all_callbacks(data, &data->processed);
-        // A match dispatching right now is freed by message_filter.
-        if (!data->lock)
+        // A match dispatching right now is freed when its dispatch lets go.
+        if (data->holds == 0)
             filter_data_free(data);
     }
 
     uninstall_filter(connection);
+}
+
+void g_dbus_set_rule_fallback_function(g_dbus_rule_fallback_function_t function)
+{
+    fallback_function = function;
 }

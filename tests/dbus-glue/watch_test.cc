@@ -231,3 +231,104 @@ TEST_F(WatchTest, RemovalAndRefusedRegistrations)
     ping(peer);
     EXPECT_EQ(later.calls, 1);
 }
+
+namespace
+{
+
+struct Ordered {
+    std::vector<std::string> *log;
+    std::string name;
+    gboolean keep = TRUE;
+    std::function<void()> action;
+};
+
+gboolean log_signal(DBusConnection *, DBusMessage *message, void *data)
+{
+    auto *o = static_cast<Ordered *>(data);
+    // Only the test's own signals, not the fixture's synchronisation.
+    if (!dbus_message_has_member(message, "Ping") && !dbus_message_has_member(message, "Pong"))
+        return TRUE;
+    o->log->push_back(o->name);
+    if (o->action)
+        o->action();
+    return o->keep;
+}
+
+} // namespace
+
+// Matches with and without a path are found through different tables;
+// dispatch must still run them in creation order and honour every field.
+TEST_F(WatchTest, MixedPathAndWildcardMatchesRunInCreationOrder)
+{
+    std::vector<std::string> log;
+    std::deque<Ordered> o;
+    auto add = [&](const char *name, const char *path, const char *member, const char *sender,
+                   gboolean keep = TRUE) {
+        o.push_back({&log, name, keep, nullptr});
+        return g_dbus_add_signal_watch(conn, sender, path, "org.test.Iface", member, log_signal,
+                                       &o.back(), nullptr);
+    };
+    std::string other = ":9.9";
+    ASSERT_NE(add("any-1", nullptr, nullptr, nullptr), 0u);
+    ASSERT_NE(add("obj-ping", "/obj", "Ping", nullptr), 0u);
+    ASSERT_NE(add("any-ping", nullptr, "Ping", nullptr), 0u);
+    ASSERT_NE(add("other-ping", "/other", "Ping", nullptr), 0u);
+    ASSERT_NE(add("obj-pong", "/obj", "Pong", nullptr), 0u);
+    ASSERT_NE(add("obj-foreign", "/obj", nullptr, other.c_str()), 0u);
+    guint once = add("obj-once", "/obj", nullptr, nullptr, FALSE);
+    ASSERT_NE(once, 0u);
+    std::string peer_name = unique_name(peer);
+    ASSERT_NE(add("any-2", nullptr, nullptr, peer_name.c_str()), 0u);
+
+    emit(peer, "Ping");
+    sync_signals(peer, conn);
+    EXPECT_EQ(log,
+              (std::vector<std::string>{"any-1", "obj-ping", "any-ping", "obj-once", "any-2"}));
+
+    log.clear();
+    emit(peer, "Ping", nullptr, nullptr, "/other");
+    emit(peer, "Pong");
+    sync_signals(peer, conn);
+    EXPECT_EQ(log, (std::vector<std::string>{"any-1", "any-ping", "other-ping", "any-2", "any-1",
+                                             "obj-pong", "any-2"}));
+    // The one-shot watch went with its FALSE result.
+    EXPECT_FALSE(g_dbus_remove_watch(conn, once));
+}
+
+TEST_F(WatchTest, MatchesRemovedOrAddedByAnEarlierCallbackAreSafe)
+{
+    std::vector<std::string> log;
+    std::deque<Ordered> o;
+    guint later = 0, wild = 0;
+    o.push_back({&log, "first", TRUE, nullptr});
+    ASSERT_NE(g_dbus_add_signal_watch(conn, nullptr, "/obj", "org.test.Iface", "Ping", log_signal,
+                                      &o.back(), nullptr),
+              0u);
+    Ordered &first = o.back();
+    o.push_back({&log, "later", TRUE, nullptr});
+    later = g_dbus_add_signal_watch(conn, nullptr, "/obj", "org.test.Iface", nullptr, log_signal,
+                                    &o.back(), nullptr);
+    o.push_back({&log, "wild", TRUE, nullptr});
+    wild = g_dbus_add_signal_watch(conn, nullptr, nullptr, "org.test.Iface", "Ping", log_signal,
+                                   &o.back(), nullptr);
+    o.push_back({&log, "added", TRUE, nullptr});
+    Ordered &added = o.back();
+    first.action = [&] {
+        // Both later matches go before their turn; a new one waits for the
+        // next message.
+        EXPECT_TRUE(g_dbus_remove_watch(conn, later));
+        EXPECT_TRUE(g_dbus_remove_watch(conn, wild));
+        EXPECT_NE(g_dbus_add_signal_watch(conn, nullptr, "/obj", "org.test.Iface", nullptr,
+                                          log_signal, &added, nullptr),
+                  0u);
+        first.action = nullptr;
+    };
+
+    emit(peer, "Ping");
+    sync_signals(peer, conn);
+    EXPECT_EQ(log, (std::vector<std::string>{"first"}));
+    log.clear();
+    emit(peer, "Ping");
+    sync_signals(peer, conn);
+    EXPECT_EQ(log, (std::vector<std::string>{"first", "added"}));
+}

@@ -23,7 +23,8 @@ std::string make_temp_dir()
     return tmpl;
 }
 
-void write_config(const std::string &path, const char *kind, const std::string &socket)
+void write_config(const std::string &path, const char *kind, const std::string &socket,
+                  const std::string &extra)
 {
     std::ofstream out(path);
     out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
@@ -45,7 +46,7 @@ void write_config(const std::string &path, const char *kind, const std::string &
         << "    <allow receive_type=\"error\"/>\n"
         << "    <allow eavesdrop=\"true\"/>\n"
         << "  </policy>\n"
-        << "</busconfig>\n";
+        << extra << "</busconfig>\n";
 }
 
 // Reads the address line the daemon prints once it listens.
@@ -73,10 +74,10 @@ std::string read_address(int fd, int timeout_ms)
 
 } // namespace
 
-PrivateBus::PrivateBus(const char *kind) : dir_(make_temp_dir())
+PrivateBus::PrivateBus(const char *kind, const std::string &extra_config) : dir_(make_temp_dir())
 {
     std::string config = dir_ + "/bus.conf";
-    write_config(config, kind, dir_ + "/bus_socket");
+    write_config(config, kind, dir_ + "/bus_socket", extra_config);
 
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)

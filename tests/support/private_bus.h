@@ -10,8 +10,9 @@ class PrivateBus
 {
   public:
     // kind is "system" or "session"; the daemon listens on a unix socket in
-    // a fresh temporary directory and allows everything.
-    explicit PrivateBus(const char *kind);
+    // a fresh temporary directory and allows everything. extra_config is
+    // added inside <busconfig>, e.g. a <limit> element.
+    explicit PrivateBus(const char *kind, const std::string &extra_config = "");
     ~PrivateBus();
     PrivateBus(const PrivateBus &) = delete;
     PrivateBus &operator=(const PrivateBus &) = delete;
