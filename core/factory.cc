@@ -210,6 +210,8 @@ bool NetMgr_setWifiChannelRange(std::string code)
 {
     if (!acceptable_country_code(code)) {
         NETMGR_LOG(NETMGR_ERROR, 2300, "refused country code of %zu bytes\n\n", code.size());
+        // Kept: true even when refused, as for any code
+        // (FactoryTest.ScanStartsTwoSecondsLaterAndCountryCodesAreApplied).
         return true;
     }
     char command[kCommandBufferSize];
