@@ -12,6 +12,8 @@
 #include "dbus-glue/gdbus.h"
 
 #define AGENT_REFUSED "net.connman.Error.Canceled"
+#define AGENT_ACCESS_DENIED "org.freedesktop.DBus.Error.AccessDenied"
+#define CONNMAN_SERVICE "net.connman"
 
 struct connman_agent_interface {
     DBusConnection *connection;
@@ -53,6 +55,19 @@ static DBusMessage *refuse(DBusMessage *message)
     return dbus_message_new_error(message, AGENT_REFUSED, nullptr);
 }
 
+// Only the daemon that owns "net.connman" right now may use the agent: on a
+// bus where others can reach us, their calls would read the passphrase the
+// user types or make the core forget a network.
+static bool from_connman(DBusConnection *connection, DBusMessage *message)
+{
+    return g_dbus_is_name_owner(connection, CONNMAN_SERVICE, dbus_message_get_sender(message));
+}
+
+static DBusMessage *deny(DBusMessage *message)
+{
+    return dbus_message_new_error(message, AGENT_ACCESS_DENIED, "Not the ConnMan daemon");
+}
+
 // Reads two leading arguments: an object path and a string.
 static bool read_path_and_text(DBusMessage *message, const char **path, const char **text)
 {
@@ -72,8 +87,10 @@ static void agent_free(void)
     agent_if = nullptr;
 }
 
-static DBusMessage *agent_release_method(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_release_method(DBusConnection *connection, DBusMessage *message, void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     // ConnMan dropped us; it needs no UnregisterAgent.
     if (agent_if) {
         g_dbus_unregister_interface(agent_if->connection, CONNMAN_AGENT_PATH,
@@ -83,8 +100,11 @@ static DBusMessage *agent_release_method(DBusConnection *, DBusMessage *message,
     return dbus_message_new_method_return(message);
 }
 
-static DBusMessage *agent_report_error_method(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_report_error_method(DBusConnection *connection, DBusMessage *message,
+                                              void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     const char *service = nullptr;
     const char *error = nullptr;
     if (!agent_if || !agent_if->error_cb || !read_path_and_text(message, &service, &error))
@@ -94,8 +114,11 @@ static DBusMessage *agent_report_error_method(DBusConnection *, DBusMessage *mes
     return nullptr;
 }
 
-static DBusMessage *agent_request_browser_method(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_request_browser_method(DBusConnection *connection, DBusMessage *message,
+                                                 void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     const char *service = nullptr;
     const char *url = nullptr;
     if (!agent_if || !agent_if->browser_cb || !read_path_and_text(message, &service, &url))
@@ -124,8 +147,11 @@ static int parse_input_request(DBusMessageIter *entry, void *user_data)
     return 0;
 }
 
-static DBusMessage *agent_request_input_method(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_request_input_method(DBusConnection *connection, DBusMessage *message,
+                                               void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     if (!agent_if || !agent_if->input_cb)
         return refuse(message);
     DBusMessageIter iter;
@@ -150,8 +176,10 @@ static DBusMessage *agent_request_input_method(DBusConnection *, DBusMessage *me
     return nullptr;
 }
 
-static DBusMessage *agent_cancel_method(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_cancel_method(DBusConnection *connection, DBusMessage *message, void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     if (agent_if) {
         release_pending();
         if (agent_if->cancel_cb)
@@ -161,8 +189,11 @@ static DBusMessage *agent_cancel_method(DBusConnection *, DBusMessage *message, 
 }
 
 // Peers are not supported: accept with no fields, without asking the core.
-static DBusMessage *agent_request_peer_authorization(DBusConnection *, DBusMessage *message, void *)
+static DBusMessage *agent_request_peer_authorization(DBusConnection *connection,
+                                                     DBusMessage *message, void *)
 {
+    if (!from_connman(connection, message))
+        return deny(message);
     if (!agent_if)
         return refuse(message);
     DBusMessage *reply = dbus_message_new_method_return(message);

@@ -47,6 +47,9 @@ guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
                                   GDestroyNotify destroy);
 gboolean g_dbus_remove_watch(DBusConnection *connection, guint id);
 void g_dbus_remove_all_watches(DBusConnection *connection);
+// TRUE when sender is the current unique owner of the well-known name, as
+// the connection's owner cache knows it (or the bus, when nothing is cached).
+gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender);
 
 // Called once each time the bus refuses a per-path rule for its rule limit
 // and the broader rule (the same without path) is put in its place; the

@@ -1,6 +1,6 @@
 // Signal and name-owner watches: bus match rules shared by identical
-// registrations, one message filter per connection, and a name cache that
-// maps watched well-known names to their unique owners.
+// registrations, one message filter per connection, and a per-connection
+// owner cache that maps watched well-known names to their unique owners.
 
 #include "dbus-glue/gdbus.h"
 
@@ -11,6 +11,7 @@
 #define DBUS_PATH_DBUS "/org/freedesktop/DBus"
 #define DBUS_INTERFACE_DBUS "org.freedesktop.DBus"
 #define DBUS_PROPERTIES_INTERFACE "org.freedesktop.DBus.Properties"
+#define DBUS_ERROR_NAME_HAS_NO_OWNER "org.freedesktop.DBus.Error.NameHasNoOwner"
 
 struct filter_data;
 
@@ -123,6 +124,51 @@ static struct connection_index *index_of(DBusConnection *connection)
         return nullptr;
     return static_cast<struct connection_index *>(
         dbus_connection_get_data(connection, filter_slot));
+}
+
+static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
+                               struct filter_data *data);
+
+// The owners of well-known names as this connection last learned them from
+// the bus (GetNameOwner answers, the bus's NameOwnerChanged); "" means the
+// name has none. An entry is kept only while a NameOwnerChanged match for
+// the name keeps it current, and the table ends with the connection.
+static dbus_int32_t owner_slot = -1;
+
+static GHashTable *owner_table(DBusConnection *connection, bool create)
+{
+    if (owner_slot < 0 && (!create || !dbus_connection_allocate_data_slot(&owner_slot)))
+        return nullptr;
+    auto *table = static_cast<GHashTable *>(dbus_connection_get_data(connection, owner_slot));
+    if (table || !create)
+        return table;
+    table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+    if (!dbus_connection_set_data(connection, owner_slot, table,
+                                  reinterpret_cast<DBusFreeFunction>(g_hash_table_destroy))) {
+        g_hash_table_destroy(table);
+        return nullptr;
+    }
+    return table;
+}
+
+static const char *cached_owner(DBusConnection *connection, const char *name)
+{
+    GHashTable *table = owner_table(connection, false);
+    return table ? static_cast<const char *>(g_hash_table_lookup(table, name)) : nullptr;
+}
+
+static void cache_owner(DBusConnection *connection, const char *name, const char *owner)
+{
+    GHashTable *table = owner_table(connection, true);
+    if (table)
+        g_hash_table_replace(table, g_strdup(name), g_strdup(owner));
+}
+
+static void forget_owner(DBusConnection *connection, const char *name)
+{
+    GHashTable *table = owner_table(connection, false);
+    if (table)
+        g_hash_table_remove(table, name);
 }
 
 static bool filter_installed(DBusConnection *connection)
@@ -457,15 +503,6 @@ static struct filter_data *filter_data_find(DBusConnection *connection, const ch
     return nullptr;
 }
 
-static struct filter_data *filter_data_find_name(const char *name)
-{
-    for (struct filter_data *data = listeners_head; data; data = data->next) {
-        if (g_strcmp0(data->name, name) == 0)
-            return data;
-    }
-    return nullptr;
-}
-
 static void release_name_keeper(DBusConnection *connection, const char *name);
 
 static void free_callback(struct filter_callback *cb)
@@ -485,6 +522,9 @@ static void filter_data_free(struct filter_data *data)
 
     if (data->name_watch > 0)
         release_name_keeper(data->connection, data->name);
+    // Nothing keeps the owner current any more.
+    if (data->handle_func == service_filter && data->argument)
+        forget_owner(data->connection, data->argument);
 
     g_free(data->name);
     g_free(data->owner);
@@ -624,13 +664,14 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
     return TRUE;
 }
 
-static void update_name_cache(const char *name, const char *owner)
+static void update_name_cache(DBusConnection *connection, const char *name, const char *owner)
 {
     // owner may point into one of the entries about to be replaced.
     char *copy = g_strdup(owner);
 
+    cache_owner(connection, name, copy);
     for (struct filter_data *data = listeners_head; data; data = data->next) {
-        if (g_strcmp0(data->name, name) != 0)
+        if (data->connection != connection || g_strcmp0(data->name, name) != 0)
             continue;
         g_free(data->owner);
         data->owner = g_strdup(copy);
@@ -639,14 +680,52 @@ static void update_name_cache(const char *name, const char *owner)
     g_free(copy);
 }
 
-static const char *check_name_cache(const char *name)
+static const char *check_name_cache(DBusConnection *connection, const char *name)
 {
-    struct filter_data *data = filter_data_find_name(name);
+    const char *owner = cached_owner(connection, name);
 
     // An empty owner means the name is known to have none.
-    if (data && data->owner && data->owner[0] != '\0')
-        return data->owner;
+    if (owner && owner[0] != '\0')
+        return owner;
     return nullptr;
+}
+
+// The owner of name from the cache, else asked of the bus (blocking, as
+// adding a match rule does); null when the bus could not say.
+static const char *known_owner(DBusConnection *connection, const char *name)
+{
+    const char *owner = cached_owner(connection, name);
+    if (owner)
+        return owner;
+
+    DBusMessage *message = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                        DBUS_INTERFACE_DBUS, "GetNameOwner");
+    if (!message)
+        return nullptr;
+    if (!dbus_message_append_args(message, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID)) {
+        dbus_message_unref(message);
+        return nullptr;
+    }
+    DBusError error;
+    dbus_error_init(&error);
+    DBusMessage *reply = dbus_connection_send_with_reply_and_block(connection, message, -1, &error);
+    dbus_message_unref(message);
+    if (reply) {
+        if (dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID))
+            cache_owner(connection, name, owner);
+        dbus_message_unref(reply);
+    } else if (dbus_error_has_name(&error, DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        cache_owner(connection, name, "");
+    }
+    dbus_error_free(&error);
+    return cached_owner(connection, name);
+}
+
+gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender)
+{
+    if (!connection || !name || !sender || sender[0] != ':' || !dbus_validate_utf8(name, nullptr))
+        return FALSE;
+    return g_strcmp0(known_owner(connection, name), sender) == 0;
 }
 
 static gboolean update_service(void *user_data)
@@ -661,7 +740,10 @@ static gboolean update_service(void *user_data)
     if (cb)
         cb->data = nullptr;
 
-    update_name_cache(data->name, data->owner);
+    // An owner taken from the cache goes back only if it came from the bus:
+    // a NameOwnerChanged handled meanwhile is newer than the idle source.
+    if (data->call)
+        update_name_cache(data->conn, data->name, data->owner);
     if (cb && cb->conn_func)
         cb->conn_func(data->conn, cb->user_data);
 
@@ -704,7 +786,7 @@ static void check_service(DBusConnection *connection, const char *name,
     data->callback = callback;
     callback->data = data;
 
-    const char *owner = check_name_cache(name);
+    const char *owner = check_name_cache(connection, name);
     if (owner) {
         data->owner = g_strdup(owner);
         data->id = g_idle_add(update_service, data);
@@ -763,11 +845,17 @@ static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
     const char *old_owner = nullptr;
     const char *new_owner = nullptr;
 
-    if (!dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
-                               &old_owner, DBUS_TYPE_STRING, &new_owner, DBUS_TYPE_INVALID))
+    // Only the bus itself reports owner changes; anyone may send a signal of
+    // that name. The callbacks wait unchanged for the next message.
+    if (g_strcmp0(dbus_message_get_sender(message), DBUS_SERVICE_DBUS) != 0 ||
+        !dbus_message_get_args(message, nullptr, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING,
+                               &old_owner, DBUS_TYPE_STRING, &new_owner, DBUS_TYPE_INVALID)) {
+        data->processed = g_slist_concat(data->callbacks, data->processed);
+        data->callbacks = nullptr;
         return TRUE;
+    }
 
-    update_name_cache(name, new_owner);
+    update_name_cache(connection, name, new_owner);
 
     while (data->callbacks) {
         auto *cb = static_cast<struct filter_callback *>(data->callbacks->data);
@@ -800,7 +888,8 @@ static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
 static bool match_passes(struct filter_data *data, const char *sender, const char *path,
                          const char *interface, const char *member, const char *arg)
 {
-    if (data->owner && g_strcmp0(sender, data->owner) != 0)
+    // A well-known sender passes nothing while its owner is unknown.
+    if ((data->owner || data->name) && g_strcmp0(sender, data->owner) != 0)
         return false;
     if (data->path && g_strcmp0(path, data->path) != 0)
         return false;
@@ -1029,9 +1118,12 @@ static guint add_signal_watch_full(DBusConnection *connection, const char *sende
     struct filter_callback *cb =
         filter_data_add_callback(data, nullptr, nullptr, function, destroy, user_data);
 
-    // Keeps the match's owner current while the well-known name moves.
+    // Keeps the match's owner current while the well-known name moves; the
+    // current owner is learned once that watch is in place.
     if (data->name && data->name_watch == 0)
         data->name_watch = acquire_name_keeper(connection, data->name);
+    if (data->name && !data->owner)
+        data->owner = g_strdup(known_owner(connection, data->name));
 
     return cb->id;
 }

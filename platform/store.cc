@@ -6,13 +6,21 @@
 // the same directory is written, flushed with fsync and renamed over the old
 // one, so that a power cut leaves either the old or the new settings. A
 // mutex serialises the callers of this process (the library calls the store
-// from the service thread and from the application's threads).
+// from the service thread and from the application's threads); a lock on the
+// directory serialises writers of different processes, which share the one
+// temporary name "<file>.tmp" (so an interrupted write leaves at most that
+// file behind, reused by the next write).
+//
+// The file is outside input: anything but a regular file is not opened for
+// reading (a FIFO would block), and a file too large or nested too deeply
+// for a settings object reads as corrupt.
 #include "platform/zelstorageclient.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +33,10 @@ namespace
 {
 
 const char kDefaultStorePath[] = "/var/lib/netmgr/settings.json";
+// Three small keys live here; anything much larger is not a store we wrote.
+const off_t kMaxStoreSize = 1024 * 1024;
+// The settings are a flat object: this depth bounds the parser's recursion.
+const int kMaxNesting = 64;
 
 std::mutex store_mutex;
 // The unparsable file already reported on stderr; it is reported once and
@@ -53,13 +65,27 @@ std::string parent_dir(const std::string &path)
     return path.substr(0, slash);
 }
 
-bool read_file(const std::string &path, std::string *content, bool *missing)
+enum class ReadResult { ok, missing, failed, oversized };
+
+ReadResult read_file(const std::string &path, std::string *content)
 {
-    *missing = false;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        *missing = (errno == ENOENT);
-        return false;
+    // Checked before opening, so that opening never blocks (FIFO) nor
+    // touches a device; checked again on the descriptor against a swap.
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return errno == ENOENT ? ReadResult::missing : ReadResult::failed;
+    if (!S_ISREG(st.st_mode))
+        return ReadResult::failed;
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT ? ReadResult::missing : ReadResult::failed;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return ReadResult::failed;
+    }
+    if (st.st_size > kMaxStoreSize) {
+        close(fd);
+        return ReadResult::oversized;
     }
     char buf[4096];
     for (;;) {
@@ -68,13 +94,37 @@ bool read_file(const std::string &path, std::string *content, bool *missing)
             continue;
         if (n < 0) {
             close(fd);
-            return false;
+            return ReadResult::failed;
         }
         if (n == 0)
             break;
         content->append(buf, static_cast<size_t>(n));
+        // It may grow while we read.
+        if (content->size() > static_cast<size_t>(kMaxStoreSize)) {
+            close(fd);
+            return ReadResult::oversized;
+        }
     }
     close(fd);
+    return ReadResult::ok;
+}
+
+bool parse_object(const std::string &content, Json::Value *root)
+{
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = kMaxNesting;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value parsed;
+    std::string errors;
+    try {
+        if (!reader->parse(content.data(), content.data() + content.size(), &parsed, &errors) ||
+            !parsed.isObject())
+            return false;
+    } catch (const std::exception &) {
+        // The reader throws past its nesting limit.
+        return false;
+    }
+    *root = parsed;
     return true;
 }
 
@@ -87,23 +137,16 @@ LoadResult load(const std::string &path, Json::Value *root)
 {
     *root = Json::Value(Json::objectValue);
     std::string content;
-    bool missing = false;
-    if (!read_file(path, &content, &missing))
-        return missing ? LoadResult::ok : LoadResult::failed;
+    ReadResult read = read_file(path, &content);
+    if (read == ReadResult::missing)
+        return LoadResult::ok;
+    if (read == ReadResult::failed)
+        return LoadResult::failed;
     // An empty file is what `touch` makes: no keys yet, nothing to report.
-    if (only_whitespace(content))
+    if (read == ReadResult::ok && only_whitespace(content))
         return LoadResult::ok;
-
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value parsed;
-    std::string errors;
-    bool parsed_ok =
-        reader->parse(content.data(), content.data() + content.size(), &parsed, &errors);
-    if (parsed_ok && parsed.isObject()) {
-        *root = parsed;
+    if (read == ReadResult::ok && parse_object(content, root))
         return LoadResult::ok;
-    }
     if (reported_corrupt_path != path) {
         fprintf(stderr,
                 "netmgr store: %s is not a JSON object; reading it as empty, it will be "
@@ -140,16 +183,6 @@ bool write_all(int fd, const std::string &data)
     return true;
 }
 
-// The rename itself is made durable by syncing the directory.
-void sync_dir(const std::string &dir)
-{
-    int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    fsync(fd);
-    close(fd);
-}
-
 bool replace_file(const std::string &path, const Json::Value &root)
 {
     Json::StreamWriterBuilder builder;
@@ -157,24 +190,34 @@ bool replace_file(const std::string &path, const Json::Value &root)
     std::string text = Json::writeString(builder, root) + "\n";
 
     std::string dir = parent_dir(path);
-    std::string tmp = path + ".XXXXXX";
-    int fd = mkstemp(&tmp[0]);
-    if (fd < 0 && errno == ENOENT && make_dirs(dir)) {
-        tmp = path + ".XXXXXX";
-        fd = mkstemp(&tmp[0]);
-    }
-    if (fd < 0)
+    if (!make_dirs(dir))
         return false;
-    bool ok = write_all(fd, text) && fsync(fd) == 0;
-    ok = (close(fd) == 0) && ok;
+    int dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir_fd < 0)
+        return false;
+    while (flock(dir_fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            close(dir_fd);
+            return false;
+        }
+    }
+    // Whatever an interrupted write left under the name goes first.
+    std::string tmp = path + ".tmp";
+    unlink(tmp.c_str());
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    bool ok = fd >= 0;
+    if (ok) {
+        ok = write_all(fd, text) && fsync(fd) == 0;
+        ok = (close(fd) == 0) && ok;
+    }
     if (ok)
         ok = rename(tmp.c_str(), path.c_str()) == 0;
-    if (!ok) {
+    if (ok)
+        fsync(dir_fd); // makes the rename itself durable
+    else
         unlink(tmp.c_str());
-        return false;
-    }
-    sync_dir(dir);
-    return true;
+    close(dir_fd); // ends the lock
+    return ok;
 }
 
 // Moves an unparsable store aside so that writing does not destroy what

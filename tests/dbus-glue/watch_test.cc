@@ -142,11 +142,11 @@ TEST_F(WatchTest, ServiceWatchAsksTheBusForAnExistingOwner)
     EXPECT_EQ(present.destroyed, 1);
 }
 
-TEST_F(WatchTest, WellKnownSenderIsTrackedThroughTheNameCache)
+TEST_F(WatchTest, WellKnownSenderPassesOnlyItsOwnerAsTheBusReportsIt)
 {
     start_monitor();
     DBusConnection *other = open_connection();
-    Watcher &broad = make(), &bound = make(), &service = make();
+    Watcher &broad = make(), &bound = make(), &late = make(), &service = make();
     watch_ping(broad);
     watch_ping(bound, "org.test.Cached");
     sync_monitor(conn);
@@ -157,21 +157,57 @@ TEST_F(WatchTest, WellKnownSenderIsTrackedThroughTheNameCache)
     EXPECT_EQ(bus_calls(conn, "AddMatch", owner_rule("org.test.Cached")), 1);
 
     ping(other);
-    EXPECT_EQ(bound.calls, 1) << "any sender passes while the owner is unknown";
+    EXPECT_EQ(bound.calls, 0) << "nothing passes while the name has no owner";
 
     ASSERT_TRUE(g_dbus_request_name(peer, "org.test.Cached", nullptr));
     sync_signals(peer, conn);
     ping(other);
     ping(peer);
     EXPECT_EQ(broad.calls, 3);
-    EXPECT_EQ(bound.calls, 2) << "only the owner passes once it is known";
+    EXPECT_EQ(bound.calls, 1) << "only the owner passes once it is known";
+
+    // Owner changes told by anyone but the bus change nothing.
+    Watcher &presence = make();
+    g_dbus_add_service_watch(conn, "org.test.Cached", nullptr, on_disconnect, &presence, nullptr);
+    const std::string thief = unique_name(other), owner = unique_name(peer);
+    auto forge = [&](const std::string &from, const std::string &to, const char *destination) {
+        DBusMessage *m = dbus_message_new_signal("/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                                 "NameOwnerChanged");
+        const char *name = "org.test.Cached", *old_owner = from.c_str(), *new_owner = to.c_str();
+        dbus_message_append_args(m, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &old_owner,
+                                 DBUS_TYPE_STRING, &new_owner, DBUS_TYPE_INVALID);
+        if (destination)
+            dbus_message_set_destination(m, destination);
+        dbus_connection_send(other, m, nullptr);
+        dbus_message_unref(m);
+        sync_signals(other, conn);
+    };
+    forge(owner, "", nullptr);
+    forge(owner, thief, unique_name(conn).c_str());
+    ping(other);
+    ping(peer);
+    EXPECT_EQ(presence.disconnects, 0);
+    EXPECT_EQ(bound.calls, 2) << "the forged owner gained nothing, the real one lost nothing";
+
+    // A watch made after the owner is known passes its signals from the start.
+    late.id = g_dbus_add_signal_watch(conn, "org.test.Cached", "/obj", "org.test.Iface", "Pong",
+                                      on_signal, &late, nullptr);
+    emit(other, "Pong");
+    sync_signals(other, conn);
+    emit(peer, "Pong");
+    sync_signals(peer, conn);
+    EXPECT_EQ(late.calls, 1);
 
     // The cached owner answers a new service watch without asking the bus.
+    sync_monitor(conn);
+    int asked = bus_calls(conn, "GetNameOwner", "org.test.Cached");
     g_dbus_add_service_watch(conn, "org.test.Cached", on_connect, nullptr, &service, nullptr);
     EXPECT_TRUE(run_loop_until(
         nullptr, [&] { return service.connects == 1; }, 5000));
     sync_monitor(conn);
-    EXPECT_EQ(bus_calls(conn, "GetNameOwner", "org.test.Cached"), 0);
+    EXPECT_EQ(bus_calls(conn, "GetNameOwner", "org.test.Cached"), asked);
+    EXPECT_TRUE(g_dbus_is_name_owner(conn, "org.test.Cached", owner.c_str()));
+    EXPECT_FALSE(g_dbus_is_name_owner(conn, "org.test.Cached", thief.c_str()));
     close_connection(other);
 }
 

@@ -1,6 +1,8 @@
 // The settings store stand-in on real files in a temporary directory.
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -162,4 +164,73 @@ TEST_F(StoreTest, ConcurrentWritersLoseNoKey)
             EXPECT_EQ(out.asInt(), i);
         }
     }
+}
+
+TEST_F(StoreTest, HostileFilesReadAsNoKeysWithoutAbortOrBlock)
+{
+    Json::Value out;
+    int saved = dup(2);
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 2);
+    close(devnull);
+
+    // Nested far deeper than any settings object: no keys, no stack overflow.
+    std::ofstream(file_) << std::string(100000, '[') << std::string(100000, ']');
+    bool read_deep = ZL_Storage_GetItem(type_, &out);
+    std::ofstream(file_) << "{\"netmgr:type\": 1, \"pad\": \"" << std::string(2 << 20, 'x')
+                         << "\"}";
+    bool read_big = ZL_Storage_GetItem(type_, &out);
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+    EXPECT_FALSE(read_deep);
+    EXPECT_FALSE(read_big) << "an oversized file holds no keys";
+
+    // Neither a FIFO nor a device is opened: a reader would wait for a writer
+    // for ever, or read without end.
+    std::filesystem::remove(file_);
+    ASSERT_EQ(mkfifo(file_.c_str(), 0600), 0);
+    EXPECT_EQ(ZL_Storage_GetItem(type_, &out), 0);
+    EXPECT_EQ(ZL_Storage_SetItem(type_, Json::Value(1)), 0);
+    std::filesystem::remove(file_);
+    std::filesystem::create_symlink("/dev/zero", file_);
+    EXPECT_EQ(ZL_Storage_GetItem(type_, &out), 0);
+    EXPECT_EQ(ZL_Storage_RemoveItem(type_), 0);
+}
+
+TEST_F(StoreTest, WritersKilledAtAnyInstantLeaveOldOrNewAndOneTemporaryAtMost)
+{
+    ASSERT_NE(ZL_Storage_SetItem(type_, Json::Value(0)), 0);
+    std::string big(256 * 1024, 'x');
+    int last_written = 0;
+    for (int round = 1; round <= 30; round++) {
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            for (int i = round * 1000;; i++) {
+                ZL_Storage_SetItem(last_, Json::Value(big));
+                ZL_Storage_SetItem(type_, Json::Value(i));
+            }
+        }
+        // Kill it somewhere inside a write: after a varying amount of work.
+        usleep(1000 + (round * 7919) % 20000);
+        kill(child, SIGKILL);
+        int status = 0;
+        waitpid(child, &status, 0);
+
+        std::string text = read_text(file_);
+        ASSERT_TRUE(parses_as_object(text)) << "round " << round;
+        Json::Value out;
+        ASSERT_NE(ZL_Storage_GetItem(type_, &out), 0);
+        int value = out.asInt();
+        EXPECT_TRUE(value == last_written ||
+                    (value >= round * 1000 && value < round * 1000 + 1000000))
+            << value;
+        last_written = value;
+        EXPECT_LE(std::distance(std::filesystem::directory_iterator(dir_), {}), 2)
+            << "the store and at most one temporary file";
+    }
+    ASSERT_NE(ZL_Storage_SetItem(type_, Json::Value(1)), 0);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_), {}), 1)
+        << "the next write leaves no temporary file";
 }

@@ -1,6 +1,11 @@
 // Factory and test operations against the simulator.
-#include <chrono>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <fstream>
+
+#include "core/internal.h"
 #include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 
@@ -109,10 +114,39 @@ TEST_F(FactoryTest, ScanStartsTwoSecondsLaterAndCountryCodesAreApplied)
 
     EXPECT_TRUE(NetMgr_setWifiChannelRange("DE"));
     EXPECT_TRUE(NetMgr_setWifiChannelRange(""));
-    // A code too long for the 100-byte command buffer is cut to fit.
-    EXPECT_TRUE(NetMgr_setWifiChannelRange(std::string(200, 'X')));
     const std::string prefix = "iwpriv wlan0 common country_code,";
+    // The longest code that fits the 100-byte command buffer whole.
+    const std::string longest(99 - prefix.size(), 'X');
+    EXPECT_TRUE(NetMgr_setWifiChannelRange(longest));
+    EXPECT_TRUE(NetMgr_setWifiChannelRange("US"));
+
+    // Codes the shell would read as more than a word run nothing, are
+    // logged as errors and leave the code in force.
+    const std::vector<std::string> refused = {"JP; touch /tmp/x", "$(reboot)",   "`reboot`",
+                                              "JP\nreboot",       longest + "X", "J P",
+                                              "\xc3\x85"};
+    char log[] = "/tmp/netmgr-log-XXXXXX";
+    fflush(stderr);
+    int saved = dup(2);
+    int fd = mkstemp(log);
+    ASSERT_GE(fd, 0);
+    dup2(fd, 2);
+    close(fd);
+    for (const std::string &code : refused)
+        EXPECT_TRUE(NetMgr_setWifiChannelRange(code)) << code;
+    fflush(stderr);
+    dup2(saved, 2);
+    close(saved);
+
     std::vector<std::string> expected = {"wpa_cli scan", prefix + "DE", prefix + "JP",
-                                         prefix + std::string(99 - prefix.size(), 'X')};
+                                         prefix + longest, prefix + "US"};
     EXPECT_EQ(commands(), expected);
+    EXPECT_EQ(netmgr_country_code(), "US");
+    std::ifstream in(log);
+    std::string line;
+    size_t errors = 0;
+    while (std::getline(in, line))
+        errors += line.rfind("[NETMGR][Error][NetMgr_setWifiChannelRange:2300]", 0) == 0;
+    unlink(log);
+    EXPECT_EQ(errors, refused.size());
 }
