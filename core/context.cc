@@ -93,7 +93,7 @@ void connman_down(void *)
 // watches now share one broader rule and still see every change.
 static void rule_fallback_cb(const char *broader_rule)
 {
-    NETMGR_LOG(NETMGR_WARNING, 2300, "## match rule limit reached, receiving through %s",
+    NETMGR_LOG(NETMGR_WARNING, 2301, "## match rule limit reached, receiving through %s",
                netmgr_text(broader_rule));
 }
 
