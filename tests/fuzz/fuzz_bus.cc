@@ -39,7 +39,8 @@ const char *volatile dropped_because;
 bool write_all(int fd, const char *data, size_t size)
 {
     while (size > 0) {
-        ssize_t n = write(fd, data, size);
+        // A client gone away must not end the process with SIGPIPE.
+        ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
         if (n <= 0)
             return false;
         data += n;
@@ -347,8 +348,12 @@ DBusMessage *message_from(const uint8_t *data, size_t size)
     if (dbus_message_demarshal_bytes_needed(bytes, length) != length)
         return nullptr;
     DBusMessage *message = dbus_message_demarshal(bytes, length, nullptr);
-    // Descriptors cannot travel over the stand-in bus.
-    if (message && strchr(dbus_message_get_signature(message), DBUS_TYPE_UNIX_FD)) {
+    // Descriptors cannot travel over the stand-in bus, and the bus daemon
+    // refuses to route anything on the reserved local path or interface (a
+    // "Disconnected" from a peer would end any libdbus program).
+    if (message && (strchr(dbus_message_get_signature(message), DBUS_TYPE_UNIX_FD) ||
+                    dbus_message_has_path(message, DBUS_PATH_LOCAL) ||
+                    dbus_message_has_interface(message, DBUS_INTERFACE_LOCAL))) {
         dbus_message_unref(message);
         return nullptr;
     }
