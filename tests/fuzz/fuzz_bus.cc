@@ -33,11 +33,14 @@ std::map<std::string, DBusMessage *> connman_replies;
 dbus_uint32_t next_serial = 1;
 int next_client = 1;
 std::atomic<unsigned> calls_seen{0};
+// Why the last client was dropped, for the debugger or the core file.
+const char *volatile dropped_because;
 
 bool write_all(int fd, const char *data, size_t size)
 {
     while (size > 0) {
-        ssize_t n = write(fd, data, size);
+        // A client gone away must not end the process with SIGPIPE.
+        ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
         if (n <= 0)
             return false;
         data += n;
@@ -190,22 +193,28 @@ bool serve(Client &client)
 {
     char buf[65536];
     ssize_t n = read(client.fd, buf, sizeof(buf));
-    if (n <= 0)
+    if (n <= 0) {
+        dropped_because = "the client closed its connection";
         return false;
+    }
     client.in.append(buf, static_cast<size_t>(n));
     if (!client.authed && !authenticate(client))
         return false;
     while (client.authed && client.in.size() >= 16) {
         int needed = dbus_message_demarshal_bytes_needed(client.in.data(),
                                                          static_cast<int>(client.in.size()));
-        if (needed <= 0)
+        if (needed <= 0) {
+            dropped_because = "the client sent bytes that are no message";
             return false;
+        }
         if (static_cast<size_t>(needed) > client.in.size())
             break;
         DBusMessage *message = dbus_message_demarshal(client.in.data(), needed, nullptr);
         client.in.erase(0, static_cast<size_t>(needed));
-        if (!message)
+        if (!message) {
+            dropped_because = "the client sent a message libdbus refuses";
             return false;
+        }
         handle(client, message);
         dbus_message_unref(message);
     }
@@ -240,6 +249,10 @@ bool serve(Client &client)
                 if (it->fd != fds[i].fd)
                     continue;
                 if (!serve(*it)) {
+                    // The library's connection would end the process quietly
+                    // (libdbus exits on disconnect): make it a finding instead.
+                    if (it->authed)
+                        abort();
                     close(it->fd);
                     clients.erase(it);
                 }
@@ -300,6 +313,10 @@ bool inject(DBusConnection *to, DBusMessage *message, const char *sender)
 
 void settle(DBusConnection *connection)
 {
+    // A disconnect is a finding, not a quiet exit of the whole fuzzer.
+    dbus_connection_set_exit_on_disconnect(connection, FALSE);
+    if (!dbus_connection_get_is_connected(connection))
+        abort();
     // Each round answers the library's calls of the round before; a round in
     // which only our own ping reached the bus ends it.
     for (int round = 0; round < 16; round++) {
@@ -331,8 +348,12 @@ DBusMessage *message_from(const uint8_t *data, size_t size)
     if (dbus_message_demarshal_bytes_needed(bytes, length) != length)
         return nullptr;
     DBusMessage *message = dbus_message_demarshal(bytes, length, nullptr);
-    // Descriptors cannot travel over the stand-in bus.
-    if (message && strchr(dbus_message_get_signature(message), DBUS_TYPE_UNIX_FD)) {
+    // Descriptors cannot travel over the stand-in bus, and the bus daemon
+    // refuses to route anything on the reserved local path or interface (a
+    // "Disconnected" from a peer would end any libdbus program).
+    if (message && (strchr(dbus_message_get_signature(message), DBUS_TYPE_UNIX_FD) ||
+                    dbus_message_has_path(message, DBUS_PATH_LOCAL) ||
+                    dbus_message_has_interface(message, DBUS_INTERFACE_LOCAL))) {
         dbus_message_unref(message);
         return nullptr;
     }
