@@ -12,6 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "dbus-glue/valid.h"
+
 const char *map_basic_to_signature(int type)
 {
     switch (type) {
@@ -74,35 +76,19 @@ static const char *map_array_to_signature(int type)
     }
 }
 
-bool cui_dbus_string_is_valid(int type, const char *value)
-{
-    if (!value)
-        return false;
-    switch (type) {
-    case DBUS_TYPE_STRING:
-        return dbus_validate_utf8(value, nullptr);
-    case DBUS_TYPE_OBJECT_PATH:
-        return dbus_validate_path(value, nullptr);
-    case DBUS_TYPE_SIGNATURE:
-        return dbus_signature_validate(value, nullptr);
-    default:
-        return false;
-    }
-}
-
 // True when libdbus will accept value as a plain basic argument of type.
 static bool basic_value_is_valid(int type, const void *value)
 {
     if (!value || !dbus_type_is_basic(type) || type == DBUS_TYPE_UNIX_FD)
         return false;
     if (type == DBUS_TYPE_STRING || type == DBUS_TYPE_OBJECT_PATH || type == DBUS_TYPE_SIGNATURE)
-        return cui_dbus_string_is_valid(type, *static_cast<const char *const *>(value));
+        return g_dbus_valid_string(*static_cast<const char *const *>(value), type);
     return true;
 }
 
 static bool key_is_valid(const char *key)
 {
-    return cui_dbus_string_is_valid(DBUS_TYPE_STRING, key);
+    return g_dbus_valid_string(key);
 }
 
 // Variant and array element signatures must be one complete type; libdbus
