@@ -12,8 +12,7 @@
 #include "dbus-glue/gdbus.h"
 #include "dbus-glue/scoped.h"
 
-#define AGENT_REFUSED "net.connman.Error.Canceled"
-#define AGENT_ACCESS_DENIED "org.freedesktop.DBus.Error.AccessDenied"
+static const char kAgentRefused[] = "net.connman.Error.Canceled";
 
 struct connman_agent_interface {
     DBusConnection *connection;
@@ -52,7 +51,7 @@ static void keep_pending(DBusMessage *message)
 
 static DBusMessage *refuse(DBusMessage *message)
 {
-    return dbus_message_new_error(message, AGENT_REFUSED, nullptr);
+    return dbus_message_new_error(message, kAgentRefused, nullptr);
 }
 
 // Only the daemon that owns "net.connman" right now may use the agent: on a
@@ -65,7 +64,7 @@ static bool from_connman(DBusConnection *connection, DBusMessage *message)
 
 static DBusMessage *deny(DBusMessage *message)
 {
-    return dbus_message_new_error(message, AGENT_ACCESS_DENIED, "Not the ConnMan daemon");
+    return dbus_message_new_error(message, DBUS_ERROR_ACCESS_DENIED, "Not the ConnMan daemon");
 }
 
 // Reads two leading arguments: an object path and a string.

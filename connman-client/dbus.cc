@@ -45,7 +45,9 @@ const char *map_basic_to_signature(int type)
 }
 
 // Signature of the variant that wraps an array of the given element type.
-// Byte arrays get "aa"; that pairing is this program's own and is kept.
+// Kept: byte arrays get "aa", which is no complete type, so a keyed byte
+// array is never written (libdbus would abort on it); pinned by
+// ValueWriters.WritesNothingLibdbusWouldAbortOn.
 static const char *map_array_to_signature(int type)
 {
     switch (type) {
@@ -348,8 +350,9 @@ int cui_dbus_get_array(DBusMessageIter *iter, int type, int *out_count, void **o
     }
     slots[n] = nullptr;
     *out_array = slots;
-    // The count is one less than the number of elements; callers walk the
-    // buffer to its null terminator.
+    // Kept: the count is one less than the number of elements; callers walk
+    // the buffer to its null terminator. Pinned by
+    // ValueReaders.ArraysAreNullTerminatedWithCountOneShort.
     *out_count = n - 1;
     return 0;
 }
@@ -420,8 +423,9 @@ static int get_dict_entry_cb(DBusMessageIter *iter, void *user_data)
     const char *key = nullptr;
     if (cui_dbus_get_basic(iter, DBUS_TYPE_STRING, &key) < 0)
         return 0;
-    // Compared over the wanted key's length only: "Name" also finds
-    // "Nameservers" when that entry comes first.
+    // Kept: compared over the wanted key's length only, so "Name" also finds
+    // "Nameservers" when that entry comes first; pinned by
+    // ValueReaders.DictAndStructLookups.
     if (strncmp(key, lookup->key, strlen(lookup->key)) != 0)
         return 0;
 

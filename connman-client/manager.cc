@@ -20,7 +20,7 @@ enum {
     MANAGER_PROPERTY_COUNT = 2,
 };
 
-static const char *const Manager_updatable_properties[MANAGER_PROPERTY_COUNT] = {
+static const char *const kManagerProperties[MANAGER_PROPERTY_COUNT] = {
     "State",
     "OfflineMode",
 };
@@ -97,7 +97,7 @@ static int send_with_reply(DBusMessage *message, DBusPendingCall **slot,
 static void notify_manager_property(void *data)
 {
     if (manager && manager->property_cb)
-        manager->property_cb(nullptr, Manager_updatable_properties[GPOINTER_TO_INT(data)],
+        manager->property_cb(nullptr, kManagerProperties[GPOINTER_TO_INT(data)],
                              manager->user_data);
 }
 

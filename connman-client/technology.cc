@@ -24,7 +24,7 @@ enum {
     TECHNOLOGY_PROPERTY_NONE = TECHNOLOGY_PROPERTY_COUNT,
 };
 
-static const char *const Technology_updatable_properties[TECHNOLOGY_PROPERTY_COUNT] = {
+static const char *const kTechnologyProperties[TECHNOLOGY_PROPERTY_COUNT] = {
     "Powered", "Connected", "Tethering", "TetheringIdentifier", "TetheringPassphrase",
 };
 
@@ -143,7 +143,7 @@ static void schedule_notification(struct connman_technology *technology, int ind
     if (!notification)
         return;
     notification->path = g_strdup(technology->path);
-    notification->name = Technology_updatable_properties[index];
+    notification->name = kTechnologyProperties[index];
     notification->error = error;
     cui_notify_later(error ? &technology->error_notification[index]
                            : &technology->change_notification[index],
@@ -167,8 +167,9 @@ static int update_technology_property(DBusMessageIter *iter, void *user_data)
         return 0;
     dbus_message_iter_next(iter);
 
-    // "Name", "Type" and unknown names report under the index of the
-    // property handled just before them; a signal starts with "none".
+    // Kept: "Name", "Type" and unknown names report under the index of the
+    // property handled just before them, and a signal starts with "none";
+    // pinned by TechnologyTest.ReportsUnderTheLastHandledProperty.
     if (strcmp(name, "Name") == 0) {
         replace_string(&technology->name, iter);
     } else if (strcmp(name, "Type") == 0) {
@@ -472,6 +473,8 @@ static void set_property_cb(DBusPendingCall *call, void *user_data)
     // A success reports nothing: the new value arrives with PropertyChanged.
     scoped_dbus_error error;
     if (reply && technology->error_cb && dbus_set_error_from_message(error.get(), reply.get())) {
+        // Kept: the one line this module prints; pinned by
+        // TechnologyTest.FailedSetPropertyReachesErrorCallback.
         printf("SetProperty Error: %s\n", error.error.message ? error.error.message : "");
         fflush(stdout);
         schedule_notification(technology, index, -1);
@@ -492,7 +495,7 @@ static int set_technology_property(struct connman_technology *technology, int in
 
     DBusMessageIter iter;
     dbus_message_iter_init_append(message.get(), &iter);
-    cui_dbus_append_basic(&iter, Technology_updatable_properties[index], type, value);
+    cui_dbus_append_basic(&iter, kTechnologyProperties[index], type, value);
     return cui_send_with_reply(tech_if->connection, message.release(), set_property_cb, context,
                                g_free, &technology->set_property_call[index]);
 }

@@ -177,7 +177,8 @@ static void timeout_handler_free(void *data)
     g_free(handler);
 }
 
-// One shot on purpose: libdbus re-enables the timeout when it wants another.
+// Kept: one shot, although a libdbus timeout repeats until it is removed;
+// libdbus re-enables it when it wants another. No test pins it.
 static gboolean timeout_handler_dispatch(void *data)
 {
     auto *handler = static_cast<struct timeout_handler *>(data);

@@ -10,8 +10,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define DBUS_INTERFACE_PROPERTIES_NAME "org.freedesktop.DBus.Properties"
-
 #define INTROSPECT_DOCTYPE                                                                         \
     "<!DOCTYPE node PUBLIC \"-//freedesktop//DTD D-BUS Object Introspection 1.0//EN\"\n"           \
     "\"http://www.freedesktop.org/standards/dbus/1.0/introspect.dtd\">\n"
@@ -188,8 +186,10 @@ static void print_properties(GString *gstr, const struct property_entry *propert
                                property->name, property->type, property->get ? "read" : "",
                                property->set ? "write" : "");
 
-        // A deprecated property is left without its closing tag; that is
-        // how this layer has always written it.
+        // Kept: a deprecated property is left without its closing tag. The
+        // introspection text is part of what bus clients see, and tools that
+        // compare it byte for byte must keep seeing the same; pinned by
+        // ObjectTest.IntrospectionTextAndChildNodes.
         if (property->flags & G_DBUS_PROPERTY_FLAG_DEPRECATED)
             g_string_append(gstr, ">\n" DEPRECATED_ANNOTATION);
         else
@@ -471,7 +471,7 @@ static void object_path_unref(DBusConnection *connection, const char *path)
         return;
 
     remove_interface(object, DBUS_INTERFACE_INTROSPECTABLE);
-    remove_interface(object, DBUS_INTERFACE_PROPERTIES_NAME);
+    remove_interface(object, DBUS_INTERFACE_PROPERTIES);
 
     invalidate_parent_data(connection, path);
 
@@ -503,9 +503,9 @@ gboolean g_dbus_register_interface(DBusConnection *connection, const char *path,
         return FALSE;
     }
 
-    if (properties && !find_interface(object->interfaces, DBUS_INTERFACE_PROPERTIES_NAME))
-        add_interface(object, DBUS_INTERFACE_PROPERTIES_NAME, properties_methods,
-                      properties_signals, nullptr, object, nullptr);
+    if (properties && !find_interface(object->interfaces, DBUS_INTERFACE_PROPERTIES))
+        add_interface(object, DBUS_INTERFACE_PROPERTIES, properties_methods, properties_signals,
+                      nullptr, object, nullptr);
 
     g_free(object->introspect);
     object->introspect = nullptr;
