@@ -10,10 +10,9 @@
 #include "connman-client/interface.h"
 #include "connman-client/manager.h"
 #include "dbus-glue/gdbus.h"
+#include "dbus-glue/scoped.h"
 
-#define AGENT_REFUSED "net.connman.Error.Canceled"
-#define AGENT_ACCESS_DENIED "org.freedesktop.DBus.Error.AccessDenied"
-#define CONNMAN_SERVICE "net.connman"
+static const char kAgentRefused[] = "net.connman.Error.Canceled";
 
 struct connman_agent_interface {
     DBusConnection *connection;
@@ -52,7 +51,7 @@ static void keep_pending(DBusMessage *message)
 
 static DBusMessage *refuse(DBusMessage *message)
 {
-    return dbus_message_new_error(message, AGENT_REFUSED, nullptr);
+    return dbus_message_new_error(message, kAgentRefused, nullptr);
 }
 
 // Only the daemon that owns "net.connman" right now may use the agent: on a
@@ -65,7 +64,7 @@ static bool from_connman(DBusConnection *connection, DBusMessage *message)
 
 static DBusMessage *deny(DBusMessage *message)
 {
-    return dbus_message_new_error(message, AGENT_ACCESS_DENIED, "Not the ConnMan daemon");
+    return dbus_message_new_error(message, DBUS_ERROR_ACCESS_DENIED, "Not the ConnMan daemon");
 }
 
 // Reads two leading arguments: an object path and a string.
@@ -347,13 +346,12 @@ struct input_value {
 // Answers the pending RequestInput with the given string entries.
 static int reply_inputs(const struct input_value *values, size_t count)
 {
-    DBusMessage *reply = dbus_message_new_method_return(agent_if->pending);
+    scoped_message reply(dbus_message_new_method_return(agent_if->pending));
     if (!reply)
         return -ENOMEM;
     DBusMessageIter iter, dict;
-    dbus_message_iter_init_append(reply, &iter);
+    dbus_message_iter_init_append(reply.get(), &iter);
     if (!dbus_message_iter_open_container(&iter, DBUS_TYPE_ARRAY, "{sv}", &dict)) {
-        dbus_message_unref(reply);
         release_pending();
         return -ENOMEM;
     }
@@ -364,15 +362,9 @@ static int reply_inputs(const struct input_value *values, size_t count)
                                        0, nullptr, &value);
     }
     dbus_message_iter_close_container(&iter, &dict);
-    g_dbus_send_message(agent_if->connection, reply);
+    g_dbus_send_message(agent_if->connection, reply.release());
     release_pending();
     return 0;
-}
-
-// Texts from the application must be valid UTF-8 before libdbus sees them.
-static bool valid_text(const char *text)
-{
-    return !text || dbus_validate_utf8(text, nullptr);
 }
 
 int connman_agent_reply_passphrase(const char *name, const char *passphrase, bool wps,
@@ -382,7 +374,8 @@ int connman_agent_reply_passphrase(const char *name, const char *passphrase, boo
         return 0;
     if (!wps && !name && !passphrase)
         return -EINVAL;
-    if (!valid_text(name) || !valid_text(passphrase) || !valid_text(wps_pin))
+    if (!g_dbus_valid_string_or_null(name) || !g_dbus_valid_string_or_null(passphrase) ||
+        !g_dbus_valid_string_or_null(wps_pin))
         return -EINVAL;
     // Without a passphrase, WPS answers with the PIN, or "" for push-button.
     const char *wps_value = nullptr;
@@ -400,7 +393,7 @@ int connman_agent_reply_identity(const char *identity, const char *passphrase)
 {
     if (!has_pending())
         return 0;
-    if (!identity || !passphrase || !valid_text(identity) || !valid_text(passphrase))
+    if (!g_dbus_valid_string(identity) || !g_dbus_valid_string(passphrase))
         return -EINVAL;
     const struct input_value values[] = {
         {"Identity", identity},
@@ -414,7 +407,8 @@ int connman_agent_reply_login(const char *username, const char *password)
     if (!has_pending())
         return 0;
     // Unlike the identity, either half of a login may be missing.
-    if ((!username && !password) || !valid_text(username) || !valid_text(password))
+    if ((!username && !password) || !g_dbus_valid_string_or_null(username) ||
+        !g_dbus_valid_string_or_null(password))
         return -EINVAL;
     const struct input_value values[] = {
         {"Username", username},

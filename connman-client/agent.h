@@ -4,8 +4,7 @@
 
 #include <stdbool.h>
 
-#define CONNMAN_AGENT_PATH "/net/connman/agent/gaskaidra"
-#define CONNMAN_AGENT_INTERFACE "net.connman.Agent"
+#include "connman-client/names.h"
 
 typedef void (*connman_agent_error_cb_t)(const char *path, const char *error);
 typedef void (*connman_agent_browser_cb_t)(const char *path, const char *url);

@@ -12,6 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "dbus-glue/valid.h"
+
 const char *map_basic_to_signature(int type)
 {
     switch (type) {
@@ -43,7 +45,9 @@ const char *map_basic_to_signature(int type)
 }
 
 // Signature of the variant that wraps an array of the given element type.
-// Byte arrays get "aa"; that pairing is this program's own and is kept.
+// Kept: byte arrays get "aa", which is no complete type, so a keyed byte
+// array is never written (libdbus would abort on it); pinned by
+// ValueWriters.WritesNothingLibdbusWouldAbortOn.
 static const char *map_array_to_signature(int type)
 {
     switch (type) {
@@ -74,35 +78,19 @@ static const char *map_array_to_signature(int type)
     }
 }
 
-bool cui_dbus_string_is_valid(int type, const char *value)
-{
-    if (!value)
-        return false;
-    switch (type) {
-    case DBUS_TYPE_STRING:
-        return dbus_validate_utf8(value, nullptr);
-    case DBUS_TYPE_OBJECT_PATH:
-        return dbus_validate_path(value, nullptr);
-    case DBUS_TYPE_SIGNATURE:
-        return dbus_signature_validate(value, nullptr);
-    default:
-        return false;
-    }
-}
-
 // True when libdbus will accept value as a plain basic argument of type.
 static bool basic_value_is_valid(int type, const void *value)
 {
     if (!value || !dbus_type_is_basic(type) || type == DBUS_TYPE_UNIX_FD)
         return false;
     if (type == DBUS_TYPE_STRING || type == DBUS_TYPE_OBJECT_PATH || type == DBUS_TYPE_SIGNATURE)
-        return cui_dbus_string_is_valid(type, *static_cast<const char *const *>(value));
+        return g_dbus_valid_string(*static_cast<const char *const *>(value), type);
     return true;
 }
 
 static bool key_is_valid(const char *key)
 {
-    return cui_dbus_string_is_valid(DBUS_TYPE_STRING, key);
+    return g_dbus_valid_string(key);
 }
 
 // Variant and array element signatures must be one complete type; libdbus
@@ -362,8 +350,9 @@ int cui_dbus_get_array(DBusMessageIter *iter, int type, int *out_count, void **o
     }
     slots[n] = nullptr;
     *out_array = slots;
-    // The count is one less than the number of elements; callers walk the
-    // buffer to its null terminator.
+    // Kept: the count is one less than the number of elements; callers walk
+    // the buffer to its null terminator. Pinned by
+    // ValueReaders.ArraysAreNullTerminatedWithCountOneShort.
     *out_count = n - 1;
     return 0;
 }
@@ -434,8 +423,9 @@ static int get_dict_entry_cb(DBusMessageIter *iter, void *user_data)
     const char *key = nullptr;
     if (cui_dbus_get_basic(iter, DBUS_TYPE_STRING, &key) < 0)
         return 0;
-    // Compared over the wanted key's length only: "Name" also finds
-    // "Nameservers" when that entry comes first.
+    // Kept: compared over the wanted key's length only, so "Name" also finds
+    // "Nameservers" when that entry comes first; pinned by
+    // ValueReaders.DictAndStructLookups.
     if (strncmp(key, lookup->key, strlen(lookup->key)) != 0)
         return 0;
 

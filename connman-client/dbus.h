@@ -18,11 +18,6 @@ typedef int (*cui_dbus_dict_entry_cb_t)(DBusMessageIter *iter, void *user_data);
 
 const char *map_basic_to_signature(int type);
 
-// True when value is a valid string of the given type ('s' UTF-8, 'o' object
-// path, 'g' signature); libdbus aborts the process on invalid ones, so
-// strings from outside are checked with this before they are appended.
-bool cui_dbus_string_is_valid(int type, const char *value);
-
 void cui_dbus_append_basic(DBusMessageIter *iter, const char *key, int type, const void *value);
 void cui_dbus_append_array(DBusMessageIter *iter, const char *key, int type,
                            cui_dbus_append_cb_t append_fn, void *user_data);

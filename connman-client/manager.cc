@@ -9,11 +9,10 @@
 
 #include "connman-client/dbus.h"
 #include "connman-client/interface.h"
+#include "connman-client/names.h"
+#include "connman-client/pending.h"
 #include "dbus-glue/gdbus.h"
-
-#define CONNMAN_SERVICE "net.connman"
-#define CONNMAN_MANAGER_PATH "/"
-#define CONNMAN_MANAGER_INTERFACE "net.connman.Manager"
+#include "dbus-glue/scoped.h"
 
 enum {
     MANAGER_PROPERTY_STATE = 0,
@@ -21,7 +20,7 @@ enum {
     MANAGER_PROPERTY_COUNT = 2,
 };
 
-static const char *const Manager_updatable_properties[MANAGER_PROPERTY_COUNT] = {
+static const char *const kManagerProperties[MANAGER_PROPERTY_COUNT] = {
     "State",
     "OfflineMode",
 };
@@ -34,7 +33,7 @@ struct connman_manager {
     void *user_data;
     unsigned int state;
     dbus_bool_t offlinemode;
-    guint property_source[MANAGER_PROPERTY_COUNT];
+    struct cui_notification *property_notification[MANAGER_PROPERTY_COUNT];
     DBusPendingCall *technologies_call;
     guint technology_added_watch;
     guint technology_removed_watch;
@@ -45,13 +44,6 @@ struct connman_manager {
     guint services_changed_watch;
     connman_iter_cb_t services_cb;
     connman_iter_cb_t services_changed_cb;
-};
-
-struct manager_notification {
-    int index;
-    const char *path; // always null: the manager has no path of its own
-    const char *name;
-    guint source; // the source carrying this notification
 };
 
 static struct connman_manager *manager;
@@ -79,15 +71,6 @@ static DBusMessage *new_manager_call(const char *member)
                                         CONNMAN_MANAGER_INTERFACE, member);
 }
 
-static void cancel_call(DBusPendingCall **call)
-{
-    if (!*call)
-        return;
-    dbus_pending_call_cancel(*call);
-    dbus_pending_call_unref(*call);
-    *call = nullptr;
-}
-
 static void remove_watch(guint *id)
 {
     if (*id == 0)
@@ -107,54 +90,23 @@ static guint add_manager_watch(const char *member, g_dbus_signal_function_t hand
 static int send_with_reply(DBusMessage *message, DBusPendingCall **slot,
                            DBusPendingCallNotifyFunction notify)
 {
-    DBusPendingCall *call = nullptr;
-    dbus_bool_t sent = dbus_connection_send_with_reply(manager->connection, message, &call, -1);
-    dbus_message_unref(message);
-    if (!sent || !call)
-        return -EINVAL;
-    if (!dbus_pending_call_set_notify(call, notify, nullptr, nullptr)) {
-        dbus_pending_call_cancel(call);
-        dbus_pending_call_unref(call);
-        return -EINVAL;
-    }
-    *slot = call;
-    return 0;
+    return cui_send_with_reply(manager->connection, message, notify, nullptr, nullptr, slot);
 }
 
-static gboolean notify_manager_property(void *data)
+// data is the property's index. The manager has no path of its own.
+static void notify_manager_property(void *data)
 {
-    auto *notification = static_cast<struct manager_notification *>(data);
     if (manager && manager->property_cb)
-        manager->property_cb(nullptr, notification->name, manager->user_data);
-    return FALSE;
+        manager->property_cb(nullptr, kManagerProperties[GPOINTER_TO_INT(data)],
+                             manager->user_data);
 }
 
-static void free_manager_notification(void *data)
-{
-    auto *notification = static_cast<struct manager_notification *>(data);
-    // The slot may already carry a newer notification for the same property.
-    if (manager && manager->property_source[notification->index] == notification->source)
-        manager->property_source[notification->index] = 0;
-    g_free(notification);
-}
-
-// Reports a property change from a 0 ms timeout; changes arriving within one
-// main-loop turn collapse into one report, and the callback reads the latest
-// value through the getters.
+// Reports a property change coalesced per property; the callback reads the
+// latest value through the getters.
 static void update_manager_property(int index)
 {
-    struct manager_notification *notification = g_try_new0(struct manager_notification, 1);
-    if (!notification)
-        return;
-    if (manager->property_source[index]) {
-        g_source_remove(manager->property_source[index]);
-        manager->property_source[index] = 0;
-    }
-    notification->index = index;
-    notification->name = Manager_updatable_properties[index];
-    notification->source = g_timeout_add_full(G_PRIORITY_DEFAULT, 0, notify_manager_property,
-                                              notification, free_manager_notification);
-    manager->property_source[index] = notification->source;
+    cui_notify_later(&manager->property_notification[index], notify_manager_property,
+                     GINT_TO_POINTER(index), nullptr);
 }
 
 static void set_state(const char *state)
@@ -174,12 +126,13 @@ static void get_properties_reply(DBusPendingCall *call, void *user_data)
     (void)user_data;
     if (!dbus_pending_call_get_completed(call))
         return;
+    scoped_pending_call owned(call);
     if (manager && manager->properties_call == call)
         manager->properties_call = nullptr;
 
-    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    scoped_message reply(dbus_pending_call_steal_reply(call));
     DBusMessageIter iter;
-    if (manager && reply && dbus_message_iter_init(reply, &iter)) {
+    if (manager && reply && dbus_message_iter_init(reply.get(), &iter)) {
         const char *state = nullptr;
         if (cui_dbus_get_dict_entry(&iter, "State", CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING, nullptr,
                                     &state) == 0)
@@ -189,9 +142,6 @@ static void get_properties_reply(DBusPendingCall *call, void *user_data)
                                     nullptr, &offline) == 0)
             set_offlinemode(offline);
     }
-    if (reply)
-        dbus_message_unref(reply);
-    dbus_pending_call_unref(call);
 }
 
 static gboolean manager_property_changed(DBusConnection *connection, DBusMessage *message,
@@ -238,18 +188,14 @@ void connman_manager_finalize(void)
         return;
 
     manager->property_cb = nullptr;
-    for (guint &source : manager->property_source) {
-        if (source) {
-            g_source_remove(source);
-            source = 0;
-        }
-    }
-    cancel_call(&manager->properties_call);
+    for (struct cui_notification *&notification : manager->property_notification)
+        cui_notify_cancel(&notification);
+    cui_cancel_call(&manager->properties_call);
     remove_watch(&manager->properties_watch);
-    cancel_call(&manager->technologies_call);
+    cui_cancel_call(&manager->technologies_call);
     remove_watch(&manager->technology_added_watch);
     remove_watch(&manager->technology_removed_watch);
-    cancel_call(&manager->services_call);
+    cui_cancel_call(&manager->services_call);
     // The ServicesChanged watch belongs to the service client, which
     // unregisters it in its own finalize.
 
@@ -270,7 +216,7 @@ int connman_manager_get_properties(connman_property_cb_t property_cb, void *user
     if (!message)
         return -ENOMEM;
     // A newer request makes an older answer pointless.
-    cancel_call(&manager->properties_call);
+    cui_cancel_call(&manager->properties_call);
     int err = send_with_reply(message, &manager->properties_call, get_properties_reply);
     if (err < 0)
         return err;
@@ -311,17 +257,12 @@ int connman_manager_set_offlinemode(bool offline)
 
 static void send_agent_call(const char *member, const char *object_path)
 {
-    if (!manager || !cui_dbus_string_is_valid(DBUS_TYPE_OBJECT_PATH, object_path))
+    if (!manager || !g_dbus_valid_string(object_path, DBUS_TYPE_OBJECT_PATH))
         return;
-    DBusMessage *message = new_manager_call(member);
-    if (!message)
-        return;
-    if (!dbus_message_append_args(message, DBUS_TYPE_OBJECT_PATH, &object_path,
-                                  DBUS_TYPE_INVALID)) {
-        dbus_message_unref(message);
-        return;
-    }
-    g_dbus_send_message(manager->connection, message);
+    scoped_message message(new_manager_call(member));
+    if (message && dbus_message_append_args(message.get(), DBUS_TYPE_OBJECT_PATH, &object_path,
+                                            DBUS_TYPE_INVALID))
+        g_dbus_send_message(manager->connection, message.release());
 }
 
 void connman_manager_register_agent(const char *object_path)
@@ -341,6 +282,7 @@ static void deliver_list_reply(DBusPendingCall *call, DBusPendingCall **slot,
 {
     if (!dbus_pending_call_get_completed(call))
         return;
+    scoped_pending_call owned(call);
     connman_iter_cb_t callback = nullptr;
     if (manager && *slot == call) {
         *slot = nullptr;
@@ -348,13 +290,10 @@ static void deliver_list_reply(DBusPendingCall *call, DBusPendingCall **slot,
         *stored_cb = nullptr;
     }
 
-    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    scoped_message reply(dbus_pending_call_steal_reply(call));
     DBusMessageIter iter;
-    if (reply && dbus_message_iter_init(reply, &iter) && callback)
+    if (reply && dbus_message_iter_init(reply.get(), &iter) && callback)
         callback(&iter);
-    if (reply)
-        dbus_message_unref(reply);
-    dbus_pending_call_unref(call);
 }
 
 static void get_technologies_reply(DBusPendingCall *call, void *user_data)
@@ -382,7 +321,7 @@ static void get_services_reply(DBusPendingCall *call, void *user_data)
 static int request_list(const char *member, DBusPendingCall **slot, connman_iter_cb_t *stored_cb,
                         connman_iter_cb_t callback, DBusPendingCallNotifyFunction notify)
 {
-    cancel_call(slot);
+    cui_cancel_call(slot);
     *stored_cb = nullptr;
     if (!callback)
         return 0;

@@ -9,6 +9,7 @@
 #include "core/bridge.h"
 #include "core/internal.h"
 #include "core/log.h"
+#include "dbus-glue/valid.h"
 #include "platform/zelstorageclient.h"
 
 // Ticks of connected_timer_cb before it gives up on a connection whose
@@ -19,11 +20,6 @@ static bool is_selected(const char *path)
 {
     const char *selected = connman_service_get_selected();
     return selected != nullptr && path != nullptr && strcmp(selected, path) == 0;
-}
-
-static bool valid_text(const std::string &text)
-{
-    return dbus_validate_utf8(text.c_str(), nullptr);
 }
 
 static void connect_return(DBusMessageIter *, int error, const char *error_message, void *user_data)
@@ -307,7 +303,7 @@ bool NetMgr_SetWifiPassword(std::string path, std::string password)
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
         PasswordRecord *record = static_cast<PasswordRecord *>(data);
         bool answered = false;
-        if (is_selected(record->path.c_str()) && valid_text(record->password)) {
+        if (is_selected(record->path.c_str()) && g_dbus_valid_string(record->password.c_str())) {
             connman_agent_reply_passphrase(nullptr, record->password.c_str(), false, "");
             answered = true;
         }
@@ -322,7 +318,7 @@ bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::
 {
     if (!is_selected(path.c_str()))
         return false;
-    if (!valid_text(ssid) || !valid_text(password))
+    if (!g_dbus_valid_string(ssid.c_str()) || !g_dbus_valid_string(password.c_str()))
         return false;
     if (password.empty())
         connman_agent_reply_passphrase(ssid.c_str(), nullptr, false, "");

@@ -99,8 +99,10 @@ bool NetMgr_Factory_Wifi_AutotestResult()
         return result;
     }
 
-    // The reset runs while the test may still be pending on the service
-    // thread; the order is intended.
+    // Kept: the reset is started before the strong-signal test has run on
+    // the service thread, so the two may run in either order. No
+    // test pins this order: the autotest cases start on Ethernet and take
+    // the branch above.
     std::promise<bool> promise;
     std::future<bool> future = promise.get_future();
     BridgeRecord<bool> record{&promise};

@@ -10,6 +10,7 @@
 #include "connman-client/service.h"
 #include "core/bridge.h"
 #include "core/internal.h"
+#include "dbus-glue/valid.h"
 #include "platform/zelstorageclient.h"
 
 namespace
@@ -30,7 +31,7 @@ struct IPv6Record {
 bool valid_utf8(std::initializer_list<const std::string *> texts)
 {
     for (const std::string *text : texts) {
-        if (!dbus_validate_utf8(text->c_str(), nullptr))
+        if (!g_dbus_valid_string(text->c_str()))
             return false;
     }
     return true;

@@ -20,11 +20,9 @@
 
 #include "connman-client/interface.h"
 #include "connman-client/manager.h"
+#include "connman-client/names.h"
 #include "core/internal.h"
 #include "dbus-glue/gdbus.h"
-
-#define OBSERVE_PATH "/net/connman/gaskaidra"
-#define OBSERVE_INTERFACE "net.connman.Gaskaidra.State"
 
 namespace
 {
@@ -44,7 +42,7 @@ DBusConnection *observe_connection;
 bool append_text(DBusMessageIter *iter, const std::string &text)
 {
     const char *value = text.c_str();
-    if (text.size() != strlen(value) || !dbus_validate_utf8(value, nullptr))
+    if (text.size() != strlen(value) || !g_dbus_valid_string(value))
         value = "";
     return dbus_message_iter_append_basic(iter, DBUS_TYPE_STRING, &value);
 }
@@ -244,8 +242,9 @@ void netmgr_observe_init()
     DBusConnection *connection = connman_interface_get_session_connection();
     if (!connection)
         return;
-    if (g_dbus_register_interface(connection, OBSERVE_PATH, OBSERVE_INTERFACE, observe_methods,
-                                  observe_signals, observe_properties, nullptr, nullptr))
+    if (g_dbus_register_interface(connection, NETMGR_STATE_PATH, NETMGR_STATE_INTERFACE,
+                                  observe_methods, observe_signals, observe_properties, nullptr,
+                                  nullptr))
         observe_connection = connection;
 }
 
@@ -253,7 +252,8 @@ void netmgr_observe_event(NetMgrEvent event, const void *arg)
 {
     if (watcher_count.load(std::memory_order_relaxed) == 0 || !observe_connection)
         return;
-    DBusMessage *signal = dbus_message_new_signal(OBSERVE_PATH, OBSERVE_INTERFACE, "Event");
+    DBusMessage *signal =
+        dbus_message_new_signal(NETMGR_STATE_PATH, NETMGR_STATE_INTERFACE, "Event");
     if (!signal)
         return;
     DBusMessageIter iter;

@@ -8,6 +8,8 @@
 #include <stdarg.h>
 #include <stdint.h>
 
+#include "dbus-glue/valid.h"
+
 // ---- bus connection and main-loop integration (mainloop.cc) ----
 
 typedef void (*g_dbus_watch_function_t)(DBusConnection *connection, void *user_data);

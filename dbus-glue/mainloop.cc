@@ -3,6 +3,7 @@
 // and queued messages are drained from zero-delay GLib sources.
 
 #include "dbus-glue/gdbus.h"
+#include "dbus-glue/scoped.h"
 
 struct watch_info {
     guint id;
@@ -49,12 +50,10 @@ static struct dispatch_sources *dispatch_sources_of(DBusConnection *conn)
     if (sources)
         return sources;
 
-    sources = static_cast<struct dispatch_sources *>(g_malloc0(sizeof(*sources)));
-    if (!dbus_connection_set_data(conn, dispatch_slot, sources, dispatch_sources_free)) {
-        g_free(sources);
+    scoped_gmem<struct dispatch_sources> fresh(g_new0(struct dispatch_sources, 1));
+    if (!dbus_connection_set_data(conn, dispatch_slot, fresh.get(), dispatch_sources_free))
         return nullptr;
-    }
-    return sources;
+    return fresh.release();
 }
 
 static gboolean message_dispatch(void *data)
@@ -178,7 +177,8 @@ static void timeout_handler_free(void *data)
     g_free(handler);
 }
 
-// One shot on purpose: libdbus re-enables the timeout when it wants another.
+// Kept: one shot, although a libdbus timeout repeats until it is removed;
+// libdbus re-enables it when it wants another. No test pins it.
 static gboolean timeout_handler_dispatch(void *data)
 {
     auto *handler = static_cast<struct timeout_handler *>(data);
@@ -335,19 +335,16 @@ gboolean g_dbus_set_disconnect_function(DBusConnection *connection,
     if (!connection || !function)
         return FALSE;
 
-    auto *dc_data =
-        static_cast<struct disconnect_data *>(g_malloc0(sizeof(struct disconnect_data)));
+    scoped_gmem<struct disconnect_data> dc_data(g_new0(struct disconnect_data, 1));
     dc_data->function = function;
     dc_data->user_data = user_data;
 
     dbus_connection_set_exit_on_disconnect(connection, FALSE);
 
-    guint id = g_dbus_add_signal_watch(connection, nullptr, nullptr, DBUS_INTERFACE_LOCAL,
-                                       "Disconnected", disconnected_signal, dc_data, g_free);
-    if (id == 0) {
-        g_free(dc_data);
+    // A watch that was not added keeps nothing of its data.
+    if (g_dbus_add_signal_watch(connection, nullptr, nullptr, DBUS_INTERFACE_LOCAL, "Disconnected",
+                                disconnected_signal, dc_data.get(), g_free) == 0)
         return FALSE;
-    }
-
+    dc_data.release();
     return TRUE;
 }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "connman-client/dbus.h"
+#include "dbus-glue/valid.h"
 
 namespace
 {
@@ -145,8 +146,8 @@ TEST(ValueWriters, WritesNothingLibdbusWouldAbortOn)
     cui_dbus_append_basic(&m.out, bad, DBUS_TYPE_STRING, &good);
     cui_dbus_append_basic(&m.out, nullptr, DBUS_TYPE_STRING, &bad);
     EXPECT_EQ("", m.signature());
-    EXPECT_FALSE(cui_dbus_string_is_valid(DBUS_TYPE_OBJECT_PATH, "net/connman"));
-    EXPECT_FALSE(cui_dbus_string_is_valid(DBUS_TYPE_STRING, nullptr));
+    EXPECT_FALSE(g_dbus_valid_string("net/connman", DBUS_TYPE_OBJECT_PATH));
+    EXPECT_FALSE(g_dbus_valid_string(nullptr));
 }
 
 TEST(ValueReaders, ArraysAreNullTerminatedWithCountOneShort)

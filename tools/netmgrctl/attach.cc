@@ -141,11 +141,11 @@ int read_state(State &state)
     Bus session(DBUS_BUS_SESSION);
     if (!session.conn)
         return fail(EXIT_FAILED, "cannot reach the D-Bus session bus: %s", session.error.c_str());
-    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, LIBRARY_STATE_PATH,
+    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, NETMGR_STATE_PATH,
                                                      DBUS_INTERFACE_PROPERTIES, "GetAll");
     if (!call)
         return fail(EXIT_FAILED, "out of memory");
-    const char *interface = LIBRARY_STATE_INTERFACE;
+    const char *interface = NETMGR_STATE_INTERFACE;
     DBusError err;
     dbus_error_init(&err);
     DBusMessage *reply = nullptr;
@@ -317,7 +317,7 @@ int attached_monitor(Ctx &ctx, double count, Clock::time_point end)
     DBusError err;
     dbus_error_init(&err);
     std::string rule = std::string("type='signal',sender='") + kLibraryBusName +
-                       "',path='" LIBRARY_STATE_PATH "',interface='" LIBRARY_STATE_INTERFACE
+                       "',path='" NETMGR_STATE_PATH "',interface='" NETMGR_STATE_INTERFACE
                        "',member='Event'";
     dbus_bus_add_match(session.conn, rule.c_str(), &err);
     std::string gone =
@@ -326,8 +326,8 @@ int attached_monitor(Ctx &ctx, double count, Clock::time_point end)
         kLibraryBusName + "'";
     if (!dbus_error_is_set(&err))
         dbus_bus_add_match(session.conn, gone.c_str(), &err);
-    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, LIBRARY_STATE_PATH,
-                                                     LIBRARY_STATE_INTERFACE, "WatchEvents");
+    DBusMessage *call = dbus_message_new_method_call(kLibraryBusName, NETMGR_STATE_PATH,
+                                                     NETMGR_STATE_INTERFACE, "WatchEvents");
     DBusMessage *reply = nullptr;
     if (!dbus_error_is_set(&err) && call)
         reply = dbus_connection_send_with_reply_and_block(session.conn, call, 2000, &err);
@@ -351,7 +351,7 @@ int attached_monitor(Ctx &ctx, double count, Clock::time_point end)
                 return fail(EXIT_FAILED, "the session bus went away");
             continue;
         }
-        if (dbus_message_is_signal(message, LIBRARY_STATE_INTERFACE, "Event")) {
+        if (dbus_message_is_signal(message, NETMGR_STATE_INTERFACE, "Event")) {
             print_event(ctx, event_from_signal(message));
             printed++;
         } else if (dbus_message_is_signal(message, DBUS_INTERFACE_DBUS, "NameOwnerChanged")) {

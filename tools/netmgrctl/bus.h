@@ -6,13 +6,13 @@
 
 #include <string>
 
+#include "connman-client/names.h"
+
 namespace netmgrctl
 {
 
 // The library's bus name on the session bus and its read-only state object.
 extern const char kLibraryBusName[];
-#define LIBRARY_STATE_PATH "/net/connman/gaskaidra"
-#define LIBRARY_STATE_INTERFACE "net.connman.Gaskaidra.State"
 
 struct Bus {
     DBusConnection *conn = nullptr;

@@ -7,6 +7,7 @@
 
 #include <dbus/dbus.h>
 
+#include "dbus-glue/valid.h"
 #include "tools/netmgrctl/cli.h"
 
 namespace netmgrctl
@@ -177,12 +178,12 @@ const Command *find_command(const std::string &name)
 
 bool valid_text(const std::string &text)
 {
-    return text.find('\0') == std::string::npos && dbus_validate_utf8(text.c_str(), nullptr);
+    return text.find('\0') == std::string::npos && g_dbus_valid_string(text.c_str());
 }
 
 bool valid_object_path(const std::string &path)
 {
-    return valid_text(path) && dbus_validate_path(path.c_str(), nullptr);
+    return valid_text(path) && g_dbus_valid_string(path.c_str(), DBUS_TYPE_OBJECT_PATH);
 }
 
 int check_args(Ctx &ctx, size_t min, size_t max)

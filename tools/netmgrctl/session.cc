@@ -11,7 +11,7 @@ namespace netmgrctl
 
 // The library owns this name on the session bus; a second client cannot
 // start (its service thread ends and every bridged call would hang).
-const char kLibraryBusName[] = "net.connman.Gaskaidra";
+const char kLibraryBusName[] = NETMGR_BUS_NAME;
 static const char kConnmanBusName[] = "net.connman";
 
 // How long ConnMan may stay quiet before a rebuilt Wi-Fi list counts as
