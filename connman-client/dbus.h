@@ -22,6 +22,10 @@ const char *map_basic_to_signature(int type);
 // path, 'g' signature); libdbus aborts the process on invalid ones, so
 // strings from outside are checked with this before they are appended.
 bool cui_dbus_string_is_valid(int type, const char *value);
+// A method call to the ConnMan object at path, or null when no bus would
+// route it: the bus daemon drops a connection that uses a path under the
+// reserved local one, and paths come from ConnMan's answers.
+DBusMessage *cui_dbus_new_connman_call(const char *path, const char *interface, const char *member);
 
 void cui_dbus_append_basic(DBusMessageIter *iter, const char *key, int type, const void *value);
 void cui_dbus_append_array(DBusMessageIter *iter, const char *key, int type,
