@@ -78,6 +78,14 @@ static const char *map_array_to_signature(int type)
     }
 }
 
+DBusMessage *cui_dbus_new_connman_call(const char *path, const char *interface, const char *member)
+{
+    // libdbus refuses, on receipt, every path that begins with it.
+    if (!path || strncmp(path, DBUS_PATH_LOCAL, strlen(DBUS_PATH_LOCAL)) == 0)
+        return nullptr;
+    return dbus_message_new_method_call(CONNMAN_SERVICE, path, interface, member);
+}
+
 // True when libdbus will accept value as a plain basic argument of type.
 static bool basic_value_is_valid(int type, const void *value)
 {

@@ -18,6 +18,11 @@ typedef int (*cui_dbus_dict_entry_cb_t)(DBusMessageIter *iter, void *user_data);
 
 const char *map_basic_to_signature(int type);
 
+// A method call to the ConnMan object at path, or null when no bus would
+// route it: the bus daemon drops a connection that uses a path under the
+// reserved local one, and paths come from ConnMan's answers.
+DBusMessage *cui_dbus_new_connman_call(const char *path, const char *interface, const char *member);
+
 void cui_dbus_append_basic(DBusMessageIter *iter, const char *key, int type, const void *value);
 void cui_dbus_append_array(DBusMessageIter *iter, const char *key, int type,
                            cui_dbus_append_cb_t append_fn, void *user_data);

@@ -865,8 +865,7 @@ static void set_property_reply(DBusPendingCall *call, void *user_data)
 
 static DBusMessage *new_service_call(const struct connman_service *service, const char *method)
 {
-    return dbus_message_new_method_call(CONNMAN_SERVICE, service->path, CONNMAN_SERVICE_INTERFACE,
-                                        method);
+    return cui_dbus_new_connman_call(service->path, CONNMAN_SERVICE_INTERFACE, method);
 }
 
 static void append_property_value(DBusMessageIter *iter, unsigned int index, int type,

@@ -416,8 +416,7 @@ const char *connman_technology_get_tethering_passphrase(const char *path)
 static DBusMessage *new_technology_call(const struct connman_technology *technology,
                                         const char *member)
 {
-    return dbus_message_new_method_call(CONNMAN_SERVICE, technology->path,
-                                        CONNMAN_TECHNOLOGY_INTERFACE, member);
+    return cui_dbus_new_connman_call(technology->path, CONNMAN_TECHNOLOGY_INTERFACE, member);
 }
 
 // The notify data is a copy of the path, not the record: a scan started

@@ -209,7 +209,17 @@ bool serve(Client &client)
         }
         if (static_cast<size_t>(needed) > client.in.size())
             break;
-        DBusMessage *message = dbus_message_demarshal(client.in.data(), needed, nullptr);
+        DBusError error;
+        dbus_error_init(&error);
+        DBusMessage *message = dbus_message_demarshal(client.in.data(), needed, &error);
+        if (!message) {
+            fprintf(stderr, "stand-in bus: %s\n", error.message);
+            std::string text;
+            for (char c : client.in.substr(0, needed))
+                text += (c >= 32 && c < 127) ? c : '.';
+            fprintf(stderr, "stand-in bus: %s\n", text.c_str());
+        }
+        dbus_error_free(&error);
         client.in.erase(0, static_cast<size_t>(needed));
         if (!message) {
             dropped_because = "the client sent a message libdbus refuses";
@@ -251,8 +261,10 @@ bool serve(Client &client)
                 if (!serve(*it)) {
                     // The library's connection would end the process quietly
                     // (libdbus exits on disconnect): make it a finding instead.
-                    if (it->authed)
+                    if (it->authed) {
+                        fprintf(stderr, "stand-in bus: %s\n", dropped_because);
                         abort();
+                    }
                     close(it->fd);
                     clients.erase(it);
                 }
