@@ -12,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "connman-client/names.h"
 #include "dbus-glue/valid.h"
 
 const char *map_basic_to_signature(int type)
