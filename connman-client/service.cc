@@ -342,18 +342,19 @@ static void report(const struct service_report *entry)
         return;
     reports->ticket[entry->error][entry->index] = 0;
 
-    // A copy: the callbacks may free the record and its path.
+    // A live record is the one its path finds (listed or selected). The
+    // path is copied: the callbacks may free the record.
     char *path = g_strdup(owner->path);
     const char *name = Service_updatable_properties[entry->index];
-    struct connman_service *service = lookup_service(path);
-    if (service && entry->error) {
-        if (service->error_cb)
-            service->error_cb(path, name, -1, service->error_user_data);
-    } else if (service) {
+    if (entry->error) {
+        if (owner->error_cb)
+            owner->error_cb(path, name, -1, owner->error_user_data);
+    } else {
         if (service_if->property_cb)
             service_if->property_cb(path, name, service_if->property_user_data);
         // The global callback may have dropped the service.
-        service = lookup_service(path);
+        struct connman_service *service =
+            reports->service ? reports->service : lookup_service(path);
         if (service && service->property_cb)
             service->property_cb(path, name, service->property_user_data);
     }
