@@ -177,17 +177,24 @@ static bool valid_text(const char *text)
     return !text || dbus_validate_utf8(text, nullptr);
 }
 
+// The record found last. Readers of the list ask several getters in a row
+// with the path the list handed out, which is the record's own string; a
+// live record is always the one its path finds, listed or selected.
+static struct connman_service *last_found;
+
 static struct connman_service *lookup_service(const char *path)
 {
     if (!service_if || !path)
         return nullptr;
+    if (last_found && last_found->path == path)
+        return last_found;
     auto *service =
         static_cast<struct connman_service *>(g_hash_table_lookup(service_if->services, path));
+    if (!service && service_if->selected && strcmp(service_if->selected->path, path) == 0)
+        service = service_if->selected;
     if (service)
-        return service;
-    if (service_if->selected && strcmp(service_if->selected->path, path) == 0)
-        return service_if->selected;
-    return nullptr;
+        last_found = service;
+    return service;
 }
 
 static void ipv4_free(struct connman_ipv4 *ipv4)
@@ -247,6 +254,8 @@ static void ethernet_free(struct connman_ethernet *ethernet)
 
 static void service_destroy(struct connman_service *service)
 {
+    if (service == last_found)
+        last_found = nullptr;
     if (service->watch_id && service_if)
         g_dbus_remove_watch(service_if->connection, service->watch_id);
     // Its queued reports find the record gone and are dropped.
