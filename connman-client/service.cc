@@ -86,7 +86,7 @@ struct connman_service {
     void *error_user_data;
     // Both only while something is pending: a list of hundreds of services
     // must not cost a slot per property in every record.
-    struct service_reports *reports;
+    guint reports_table;        // 1 + its index in the report tables, or 0
     DBusPendingCall **set_call; // PROP_COUNT slots
 };
 
@@ -108,8 +108,8 @@ struct connman_service_interface {
 static struct connman_service_interface *service_if;
 
 // The reports a record has waiting: per property and kind (change, failed
-// write) the ticket of the one queued report that still counts. Shared
-// with the queued reports, so it outlives a record freed meanwhile.
+// write) the ticket of the one queued report that still counts. Found
+// through the queued reports too, so it outlives a record freed meanwhile.
 struct service_reports {
     struct connman_service *service; // null once the record is gone
     guint32 ticket[2][PROP_COUNT];
@@ -119,7 +119,7 @@ struct service_reports {
 // A change (error 0) or a failed SetProperty (error -1) waiting for the
 // next main-loop turn.
 struct service_report {
-    struct service_reports *reports;
+    guint table;
     guint32 ticket;
     uint8_t index;
     uint8_t error;
@@ -133,6 +133,17 @@ struct report_batch {
     GArray *reports;
     guint source;
 };
+
+// The ticket tables of records with reports queued, in one array (and the
+// indices of its unused entries) that goes away whole once nothing is
+// queued: after a long list no scattered small blocks stay behind.
+static GArray *report_tables;
+static GArray *free_tables;
+
+static struct service_reports *report_table(guint table)
+{
+    return &g_array_index(report_tables, struct service_reports, table);
+}
 
 struct set_property_context {
     struct connman_service *service;
@@ -259,8 +270,8 @@ static void service_destroy(struct connman_service *service)
     if (service->watch_id && service_if)
         g_dbus_remove_watch(service_if->connection, service->watch_id);
     // Its queued reports find the record gone and are dropped.
-    if (service->reports)
-        service->reports->service = nullptr;
+    if (service->reports_table)
+        report_table(service->reports_table - 1)->service = nullptr;
     if (service->set_call) {
         for (int i = 0; i < PROP_COUNT; i++)
             cancel_call(&service->set_call[i]);
@@ -334,18 +345,49 @@ static void check_report_batch(void)
         end_report_batch();
 }
 
-static void release_report(struct service_reports *reports)
+static void release_report(guint table)
 {
+    struct service_reports *reports = report_table(table);
     if (--reports->queued > 0)
         return;
     if (reports->service)
-        reports->service->reports = nullptr;
-    g_free(reports);
+        reports->service->reports_table = 0;
+    reports->service = nullptr;
+    g_array_append_val(free_tables, table);
+    // Nothing queued any more: the tables go as one block.
+    if (free_tables->len == report_tables->len) {
+        g_array_free(report_tables, TRUE);
+        g_array_free(free_tables, TRUE);
+        report_tables = nullptr;
+        free_tables = nullptr;
+    }
+}
+
+// The record's ticket table, taken from the free ones or added.
+static guint take_report_table(struct connman_service *service)
+{
+    if (!report_tables) {
+        report_tables = g_array_new(FALSE, TRUE, sizeof(struct service_reports));
+        free_tables = g_array_new(FALSE, FALSE, sizeof(guint));
+    }
+    guint table;
+    if (free_tables->len > 0) {
+        table = g_array_index(free_tables, guint, free_tables->len - 1);
+        g_array_set_size(free_tables, free_tables->len - 1);
+        memset(report_table(table), 0, sizeof(struct service_reports));
+    } else {
+        table = report_tables->len;
+        g_array_set_size(report_tables, table + 1);
+    }
+    report_table(table)->service = service;
+    service->reports_table = table + 1;
+    return table;
 }
 
 static void report(const struct service_report *entry)
 {
-    struct service_reports *reports = entry->reports;
+    // Callbacks may add tables and move them: looked up afresh each time.
+    struct service_reports *reports = report_table(entry->table);
     struct connman_service *owner = reports->service;
     if (!owner || reports->ticket[entry->error][entry->index] != entry->ticket)
         return;
@@ -362,8 +404,8 @@ static void report(const struct service_report *entry)
         if (service_if->property_cb)
             service_if->property_cb(path, name, service_if->property_user_data);
         // The global callback may have dropped the service.
-        struct connman_service *service =
-            reports->service ? reports->service : lookup_service(path);
+        struct connman_service *alive = report_table(entry->table)->service;
+        struct connman_service *service = alive ? alive : lookup_service(path);
         if (service && service->property_cb)
             service->property_cb(path, name, service->property_user_data);
     }
@@ -382,7 +424,7 @@ static gboolean dispatch_batch(gpointer data)
             &g_array_index(batch->reports, struct service_report, i);
         if (service_if)
             report(entry);
-        release_report(entry->reports);
+        release_report(entry->table);
     }
     g_array_set_size(batch->reports, 0);
     return FALSE;
@@ -395,7 +437,7 @@ static void free_batch(gpointer data)
         end_report_batch();
     // Removed before it ran (the loop going away): drop what it held.
     for (guint i = 0; i < batch->reports->len; i++)
-        release_report(g_array_index(batch->reports, struct service_report, i).reports);
+        release_report(g_array_index(batch->reports, struct service_report, i).table);
     g_array_free(batch->reports, TRUE);
     g_free(batch);
 }
@@ -404,12 +446,7 @@ static void free_batch(gpointer data)
 // notification; the callbacks read the latest value through the getters.
 static void schedule_notification(struct connman_service *service, unsigned int index, int error)
 {
-    if (!service->reports) {
-        service->reports = g_try_new0(struct service_reports, 1);
-        if (!service->reports)
-            return;
-        service->reports->service = service;
-    }
+    guint table = service->reports_table ? service->reports_table - 1 : take_report_table(service);
     if (!open_batch) {
         auto *batch = g_new0(struct report_batch, 1);
         batch->reports = g_array_new(FALSE, FALSE, sizeof(struct service_report));
@@ -422,13 +459,13 @@ static void schedule_notification(struct connman_service *service, unsigned int 
     if (++report_tickets == 0)
         report_tickets = 1;
     struct service_report entry;
-    entry.reports = service->reports;
+    entry.table = table;
     entry.ticket = report_tickets;
     entry.index = static_cast<uint8_t>(index);
     entry.error = error ? 1 : 0;
     // A report still queued for the same property no longer counts.
-    service->reports->ticket[entry.error][index] = entry.ticket;
-    service->reports->queued++;
+    report_table(table)->ticket[entry.error][index] = entry.ticket;
+    report_table(table)->queued++;
     g_array_append_val(open_batch->reports, entry);
 }
 
