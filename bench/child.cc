@@ -175,6 +175,30 @@ Memory memory_now()
     return {bench_rss_anon_kib(), info.uordblks};
 }
 
+// Waits until the service thread has nothing left to do, low-priority idle
+// work included.
+void wait_service_thread_idle()
+{
+    std::promise<bool> promise;
+    std::future<bool> done = promise.get_future();
+    g_idle_add_full(G_PRIORITY_LOW + 1, set_true, &promise, nullptr);
+    done.get();
+}
+
+Memory settled_memory()
+{
+    Memory last = {-1, 0};
+    for (int i = 0; i < 40; i++) {
+        wait_service_thread_idle();
+        Memory now = memory_now();
+        if (now.rss_anon_kib == last.rss_anon_kib)
+            return now;
+        last = now;
+        usleep(50000);
+    }
+    return last;
+}
+
 } // namespace
 
 int bench_library_child(const std::string &mode, const std::string &connect_path)
@@ -202,9 +226,11 @@ int bench_library_child(const std::string &mode, const std::string &connect_path
 
     if (!NetMgr_ConnectWifi(connect_path) || !wait_event(NETMGR_EVT_WIFI_CONNECTED, 60000))
         return 1;
-    // A bridged call drains what the service thread had queued.
-    NetMgr_GetWifiListCount();
-    Memory after = memory_now();
+    // Resident memory once the library has settled: what the service thread
+    // had queued is done, its idle-time heap trim included (freed pages that
+    // are about to go back would otherwise count), and the figure holds still
+    // over two turns of the loop 50 ms apart.
+    Memory after = settled_memory();
     bench_send("mem " + std::to_string(after.rss_anon_kib - before.rss_anon_kib) + " " +
                std::to_string(static_cast<long>(after.allocated - before.allocated)));
     serve_commands();

@@ -118,6 +118,17 @@ class Child
             dup2(down[0], 4);
             std::vector<char *> argv;
             std::string exe = self_exe();
+            // NETMGR_BENCH_WRAP="heaptrack" (or "valgrind --tool=massif") runs
+            // the library's process under a profiler; the floors stay bare.
+            const char *wrap = getenv("NETMGR_BENCH_WRAP");
+            std::vector<std::string> words;
+            if (wrap && args.size() > 1 && args[1] == "library") {
+                std::istringstream split(wrap);
+                for (std::string w; split >> w;)
+                    words.push_back(w);
+            }
+            for (std::string &w : words)
+                argv.push_back(const_cast<char *>(w.c_str()));
             argv.push_back(const_cast<char *>(exe.c_str()));
             for (const std::string &a : args)
                 argv.push_back(const_cast<char *>(a.c_str()));
@@ -127,7 +138,7 @@ class Child
                 int null = open("/dev/null", O_WRONLY);
                 dup2(null, 2);
             }
-            execv(exe.c_str(), argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         close(up[1]);

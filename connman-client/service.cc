@@ -80,13 +80,14 @@ struct connman_service {
     struct connman_ethernet *ethernet;
     unsigned int last_index;
     guint watch_id;
-    guint change_source[PROP_COUNT];
     connman_property_cb_t property_cb;
     void *property_user_data;
-    DBusPendingCall *set_call[PROP_COUNT];
-    guint error_source[PROP_COUNT];
     connman_property_error_cb_t error_cb;
     void *error_user_data;
+    // Both only while something is pending: a list of hundreds of services
+    // must not cost a slot per property in every record.
+    guint reports_table;        // 1 + its index in the report tables, or 0
+    DBusPendingCall **set_call; // PROP_COUNT slots
 };
 
 struct connman_service_interface {
@@ -106,16 +107,43 @@ struct connman_service_interface {
 
 static struct connman_service_interface *service_if;
 
-// A change (error 0) or a failed SetProperty (error -1) waiting for the next
-// main-loop turn. The owner is the record whose source slot it occupies; a
-// record removes its sources before it is freed, so the owner outlives it.
-struct service_notification {
-    unsigned int index;
-    char *path;
-    const char *name;
-    int error;
-    struct connman_service *owner;
+// The reports a record has waiting: per property and kind (change, failed
+// write) the ticket of the one queued report that still counts. Found
+// through the queued reports too, so it outlives a record freed meanwhile.
+struct service_reports {
+    struct connman_service *service; // null once the record is gone
+    guint32 ticket[2][PROP_COUNT];
+    guint queued;
 };
+
+// A change (error 0) or a failed SetProperty (error -1) waiting for the
+// next main-loop turn.
+struct service_report {
+    guint table;
+    guint32 ticket;
+    uint8_t index;
+    uint8_t error;
+};
+
+// Reports queued by one handler behind one 0 ms timeout. Dispatched in
+// queue order, they come out exactly as one timeout per report would: the
+// batch takes reports only while no other source was added after it, and
+// a report queued again later lands at the end, as a new timeout would.
+struct report_batch {
+    GArray *reports;
+    guint source;
+};
+
+// The ticket tables of records with reports queued, in one array (and the
+// indices of its unused entries) that goes away whole once nothing is
+// queued: after a long list no scattered small blocks stay behind.
+static GArray *report_tables;
+static GArray *free_tables;
+
+static struct service_reports *report_table(guint table)
+{
+    return &g_array_index(report_tables, struct service_reports, table);
+}
 
 struct set_property_context {
     struct connman_service *service;
@@ -160,17 +188,24 @@ static bool valid_text(const char *text)
     return !text || dbus_validate_utf8(text, nullptr);
 }
 
+// The record found last. Readers of the list ask several getters in a row
+// with the path the list handed out, which is the record's own string; a
+// live record is always the one its path finds, listed or selected.
+static struct connman_service *last_found;
+
 static struct connman_service *lookup_service(const char *path)
 {
     if (!service_if || !path)
         return nullptr;
+    if (last_found && last_found->path == path)
+        return last_found;
     auto *service =
         static_cast<struct connman_service *>(g_hash_table_lookup(service_if->services, path));
+    if (!service && service_if->selected && strcmp(service_if->selected->path, path) == 0)
+        service = service_if->selected;
     if (service)
-        return service;
-    if (service_if->selected && strcmp(service_if->selected->path, path) == 0)
-        return service_if->selected;
-    return nullptr;
+        last_found = service;
+    return service;
 }
 
 static void ipv4_free(struct connman_ipv4 *ipv4)
@@ -230,12 +265,17 @@ static void ethernet_free(struct connman_ethernet *ethernet)
 
 static void service_destroy(struct connman_service *service)
 {
+    if (service == last_found)
+        last_found = nullptr;
     if (service->watch_id && service_if)
         g_dbus_remove_watch(service_if->connection, service->watch_id);
-    for (int i = 0; i < PROP_COUNT; i++) {
-        remove_source(&service->change_source[i]);
-        remove_source(&service->error_source[i]);
-        cancel_call(&service->set_call[i]);
+    // Its queued reports find the record gone and are dropped.
+    if (service->reports_table)
+        report_table(service->reports_table - 1)->service = nullptr;
+    if (service->set_call) {
+        for (int i = 0; i < PROP_COUNT; i++)
+            cancel_call(&service->set_call[i]);
+        g_free(service->set_call);
     }
     g_free(service->path);
     g_free(service->error);
@@ -271,58 +311,162 @@ static void service_free(gpointer data)
 
 // ---- notifications ----
 
-static gboolean notify_property(gpointer data)
-{
-    auto *notification = static_cast<struct service_notification *>(data);
-    struct connman_service *owner = notification->owner;
-    if (notification->error)
-        owner->error_source[notification->index] = 0;
-    else
-        owner->change_source[notification->index] = 0;
+static struct report_batch *open_batch;
+static guint open_batch_last_id;
+static guint32 report_tickets;
 
-    struct connman_service *service = lookup_service(notification->path);
-    if (!service)
-        return FALSE;
-    if (notification->error) {
-        if (service->error_cb)
-            service->error_cb(notification->path, notification->name, notification->error,
-                              service->error_user_data);
-        return FALSE;
+// The id the next source of the thread's context will get: ids are handed
+// out in sequence, so a gap since the last probe means another source came.
+static guint probe_source_id(void)
+{
+    GSource *probe = g_idle_source_new();
+    guint id = g_source_attach(probe, nullptr);
+    g_source_destroy(probe);
+    g_source_unref(probe);
+    return id;
+}
+
+// Ends the open batch: later reports go behind whatever came since.
+static void end_report_batch(void)
+{
+    open_batch = nullptr;
+}
+
+// After calling out of this module while a batch is open: the batch stays
+// open only if nothing added a source meanwhile.
+static void check_report_batch(void)
+{
+    if (!open_batch)
+        return;
+    guint id = probe_source_id();
+    if (id == open_batch_last_id + 1)
+        open_batch_last_id = id;
+    else
+        end_report_batch();
+}
+
+static void release_report(guint table)
+{
+    struct service_reports *reports = report_table(table);
+    if (--reports->queued > 0)
+        return;
+    if (reports->service)
+        reports->service->reports_table = 0;
+    reports->service = nullptr;
+    g_array_append_val(free_tables, table);
+    // Nothing queued any more: the tables go as one block.
+    if (free_tables->len == report_tables->len) {
+        g_array_free(report_tables, TRUE);
+        g_array_free(free_tables, TRUE);
+        report_tables = nullptr;
+        free_tables = nullptr;
     }
-    if (service_if->property_cb)
-        service_if->property_cb(notification->path, notification->name,
-                                service_if->property_user_data);
-    // The global callback may have dropped the service.
-    service = lookup_service(notification->path);
-    if (service && service->property_cb)
-        service->property_cb(notification->path, notification->name, service->property_user_data);
+}
+
+// The record's ticket table, taken from the free ones or added.
+static guint take_report_table(struct connman_service *service)
+{
+    if (!report_tables) {
+        report_tables = g_array_new(FALSE, TRUE, sizeof(struct service_reports));
+        free_tables = g_array_new(FALSE, FALSE, sizeof(guint));
+    }
+    guint table;
+    if (free_tables->len > 0) {
+        table = g_array_index(free_tables, guint, free_tables->len - 1);
+        g_array_set_size(free_tables, free_tables->len - 1);
+        memset(report_table(table), 0, sizeof(struct service_reports));
+    } else {
+        table = report_tables->len;
+        g_array_set_size(report_tables, table + 1);
+    }
+    report_table(table)->service = service;
+    service->reports_table = table + 1;
+    return table;
+}
+
+static void report(const struct service_report *entry)
+{
+    // Callbacks may add tables and move them: looked up afresh each time.
+    struct service_reports *reports = report_table(entry->table);
+    struct connman_service *owner = reports->service;
+    if (!owner || reports->ticket[entry->error][entry->index] != entry->ticket)
+        return;
+    reports->ticket[entry->error][entry->index] = 0;
+
+    // A live record is the one its path finds (listed or selected). The
+    // path is copied: the callbacks may free the record.
+    char *path = g_strdup(owner->path);
+    const char *name = Service_updatable_properties[entry->index];
+    if (entry->error) {
+        if (owner->error_cb)
+            owner->error_cb(path, name, -1, owner->error_user_data);
+    } else {
+        if (service_if->property_cb)
+            service_if->property_cb(path, name, service_if->property_user_data);
+        // The global callback may have dropped the service.
+        struct connman_service *alive = report_table(entry->table)->service;
+        struct connman_service *service = alive ? alive : lookup_service(path);
+        if (service && service->property_cb)
+            service->property_cb(path, name, service->property_user_data);
+    }
+    g_free(path);
+}
+
+static gboolean dispatch_batch(gpointer data)
+{
+    auto *batch = static_cast<struct report_batch *>(data);
+    if (batch == open_batch)
+        end_report_batch();
+    // Reports queued by the callbacks go to a new batch, so this one holds
+    // still; each entry's reports stay alive until it has been looked at.
+    for (guint i = 0; i < batch->reports->len; i++) {
+        const struct service_report *entry =
+            &g_array_index(batch->reports, struct service_report, i);
+        if (service_if)
+            report(entry);
+        release_report(entry->table);
+    }
+    g_array_set_size(batch->reports, 0);
     return FALSE;
 }
 
-static void free_notification(gpointer data)
+static void free_batch(gpointer data)
 {
-    auto *notification = static_cast<struct service_notification *>(data);
-    g_free(notification->path);
-    g_free(notification);
+    auto *batch = static_cast<struct report_batch *>(data);
+    if (batch == open_batch)
+        end_report_batch();
+    // Removed before it ran (the loop going away): drop what it held.
+    for (guint i = 0; i < batch->reports->len; i++)
+        release_report(g_array_index(batch->reports, struct service_report, i).table);
+    g_array_free(batch->reports, TRUE);
+    g_free(batch);
 }
 
 // Several changes of one property within a main-loop turn give one
 // notification; the callbacks read the latest value through the getters.
 static void schedule_notification(struct connman_service *service, unsigned int index, int error)
 {
-    auto *notification = g_try_new0(struct service_notification, 1);
-    if (!notification)
-        return;
-    notification->index = index;
-    notification->path = g_strdup(service->path);
-    notification->name = Service_updatable_properties[index];
-    notification->error = error;
-    notification->owner = service;
+    guint table = service->reports_table ? service->reports_table - 1 : take_report_table(service);
+    if (!open_batch) {
+        auto *batch = g_new0(struct report_batch, 1);
+        batch->reports = g_array_new(FALSE, FALSE, sizeof(struct service_report));
+        batch->source =
+            g_timeout_add_full(G_PRIORITY_DEFAULT, 0, dispatch_batch, batch, free_batch);
+        open_batch = batch;
+        open_batch_last_id = batch->source;
+    }
 
-    guint *slot = error ? &service->error_source[index] : &service->change_source[index];
-    remove_source(slot);
-    *slot =
-        g_timeout_add_full(G_PRIORITY_DEFAULT, 0, notify_property, notification, free_notification);
+    if (++report_tickets == 0)
+        report_tickets = 1;
+    struct service_report entry;
+    entry.table = table;
+    entry.ticket = report_tickets;
+    entry.index = static_cast<uint8_t>(index);
+    entry.error = error ? 1 : 0;
+    // A report still queued for the same property no longer counts.
+    report_table(table)->ticket[entry.error][index] = entry.ticket;
+    report_table(table)->queued++;
+    g_array_append_val(open_batch->reports, entry);
 }
 
 static gboolean run_refresh_cb(gpointer)
@@ -644,6 +788,7 @@ static gboolean service_property_changed(DBusConnection *, DBusMessage *message,
     DBusMessageIter iter;
     if (dbus_message_iter_init(message, &iter))
         update_service_property(&iter, user_data);
+    end_report_batch();
     return TRUE;
 }
 
@@ -658,6 +803,7 @@ static struct connman_service *create_service(const char *path)
     service->watch_id = g_dbus_add_signal_watch(service_if->connection, CONNMAN_SERVICE, path,
                                                 CONNMAN_SERVICE_INTERFACE, "PropertyChanged",
                                                 service_property_changed, service, nullptr);
+    check_report_batch();
     return service;
 }
 
@@ -719,6 +865,7 @@ static void update_services_from(DBusMessageIter *array)
         dbus_message_iter_next(&entry);
     }
     service_if->ordered_services = g_slist_reverse(service_if->ordered_services);
+    end_report_batch();
     if (count >= 100)
         schedule_trim();
 }
@@ -730,6 +877,7 @@ static void remove_service(const char *path)
         return;
     service_if->ordered_services = g_slist_remove_all(service_if->ordered_services, key);
     g_hash_table_remove(service_if->services, path);
+    end_report_batch();
     if (service_if->removed_cb)
         service_if->removed_cb(path);
 }
@@ -853,12 +1001,14 @@ static void set_property_reply(DBusPendingCall *call, void *user_data)
         return;
 
     DBusMessage *reply = dbus_pending_call_steal_reply(call);
-    if (service->set_call[index] == call) {
+    if (service->set_call && service->set_call[index] == call) {
         service->set_call[index] = nullptr;
         dbus_pending_call_unref(call);
     }
-    if (reply && service->error_cb && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR)
+    if (reply && service->error_cb && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR) {
         schedule_notification(service, index, -1);
+        end_report_batch();
+    }
     if (reply)
         dbus_message_unref(reply);
 }
@@ -923,6 +1073,8 @@ static int set_service_property(struct connman_service *service, unsigned int in
         g_free(context);
         return -EINVAL;
     }
+    if (!service->set_call)
+        service->set_call = g_new0(DBusPendingCall *, PROP_COUNT);
     service->set_call[index] = call;
     dbus_message_unref(message);
     return 0;
@@ -933,7 +1085,8 @@ static int set_service_property(struct connman_service *service, unsigned int in
 static struct connman_service *writable_service(const char *path, unsigned int index)
 {
     struct connman_service *service = lookup_service(path);
-    if (!service || !connman_interface_get_connection() || service->set_call[index])
+    if (!service || !connman_interface_get_connection() ||
+        (service->set_call && service->set_call[index]))
         return nullptr;
     return service;
 }

@@ -526,12 +526,8 @@ static void filter_data_free(struct filter_data *data)
     if (data->handle_func == service_filter && data->argument)
         forget_owner(data->connection, data->argument);
 
-    g_free(data->name);
+    // The other strings live in the match's own block.
     g_free(data->owner);
-    g_free(data->path);
-    g_free(data->interface);
-    g_free(data->member);
-    g_free(data->argument);
     dbus_connection_unref(data->connection);
     g_free(data);
 }
@@ -567,14 +563,25 @@ static struct filter_data *filter_data_get(DBusConnection *connection, filter_ha
     if (data)
         return data;
 
-    data = static_cast<struct filter_data *>(g_malloc0(sizeof(struct filter_data)));
+    // One block for the match and the strings that never change: with a
+    // match per service, separate copies would cost more than the record.
+    const char *fixed[] = {name, path, interface, member, argument};
+    size_t size = sizeof(struct filter_data);
+    for (const char *text : fixed)
+        size += text ? strlen(text) + 1 : 0;
+    data = static_cast<struct filter_data *>(g_malloc0(size));
+    char *store = reinterpret_cast<char *>(data + 1);
+    char **fields[] = {&data->name, &data->path, &data->interface, &data->member, &data->argument};
+    for (size_t i = 0; i < G_N_ELEMENTS(fixed); i++) {
+        if (!fixed[i])
+            continue;
+        size_t length = strlen(fixed[i]) + 1;
+        memcpy(store, fixed[i], length);
+        *fields[i] = store;
+        store += length;
+    }
     data->connection = dbus_connection_ref(connection);
-    data->name = g_strdup(name);
     data->owner = g_strdup(owner);
-    data->path = g_strdup(path);
-    data->interface = g_strdup(interface);
-    data->member = g_strdup(member);
-    data->argument = g_strdup(argument);
 
     if (!add_match(data, filter)) {
         filter_data_free(data);

@@ -234,6 +234,80 @@ TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
     EXPECT_EQ(heard.notifications.size(), 2u);
 }
 
+// Reports of one main-loop turn come out as if each had its own 0 ms
+// timeout: behind another module's report queued in between, a change of
+// the same property again moves to the end, and a service dropped before
+// its turn reports nothing.
+TEST_F(ServiceProperties, ReportsOfOneTurnKeepTheirPlaceAmongOtherModules)
+{
+    ClientStack stack;
+    start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
+    connman_service_set_global_property_callback(
+        [](const char *path, const char *name, void *) {
+            heard.notifications.push_back(std::string(path) + " " + name);
+        },
+        nullptr);
+    connman_technology_set_global_property_callback(
+        [](const char *path, const char *name, void *) {
+            heard.notifications.push_back(std::string(path) + " " + name);
+        },
+        nullptr);
+    ASSERT_TRUE(stack.barrier());
+    heard.notifications.clear();
+
+    const std::string service = "net.connman.Service";
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
+    ASSERT_NO_FATAL_FAILURE(stack.emit_unread(kWifiTechnology, "net.connman.Technology",
+                                              "PropertyChanged", "('Connected', <true>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kB, service, "PropertyChanged", "('State', <'association'>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 61>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread("/", "net.connman.Manager", "ServicesChanged",
+                          "([" + entry(kA, "") + "], [objectpath '" + kB + "'])"));
+    ASSERT_TRUE(stack.barrier());
+    EXPECT_EQ(heard.notifications,
+              (std::vector<std::string>{std::string(kWifiTechnology) + " Connected", kA + " State",
+                                        kA + " Strength"}));
+    EXPECT_EQ(connman_service_get_strength(kA.c_str()), 61);
+}
+
+// A callback that drops the whole list silences the reports still queued
+// for it, its own and those of other services.
+TEST_F(ServiceProperties, ReportsQueuedForAFreedListAreDropped)
+{
+    ClientStack stack;
+    start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
+    connman_service_set_global_property_callback(
+        [](const char *path, const char *name, void *) {
+            heard.notifications.push_back(std::string("global ") + path + " " + name);
+            connman_service_free_services_list();
+        },
+        nullptr);
+    for (const std::string *path : {&kA, &kB})
+        connman_service_set_property_changed_callback(
+            path->c_str(),
+            [](const char *path, const char *name, void *) {
+                heard.notifications.push_back(std::string("own ") + path + " " + name);
+            },
+            nullptr);
+
+    const std::string service = "net.connman.Service";
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kB, service, "PropertyChanged", "('Strength', <byte 61>)"));
+    ASSERT_NO_FATAL_FAILURE(
+        stack.emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
+    ASSERT_TRUE(stack.barrier());
+    EXPECT_EQ(heard.notifications, std::vector<std::string>{"global " + kA + " Strength"});
+    EXPECT_EQ(connman_service_get_services_count(), 0);
+}
+
 TEST_F(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
 {
     ClientStack stack;
