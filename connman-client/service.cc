@@ -9,10 +9,10 @@
 
 #include "connman-client/dbus.h"
 #include "connman-client/interface.h"
+#include "connman-client/names.h"
+#include "connman-client/pending.h"
 #include "dbus-glue/gdbus.h"
-
-#define CONNMAN_SERVICE "net.connman"
-#define CONNMAN_SERVICE_INTERFACE "net.connman.Service"
+#include "dbus-glue/scoped.h"
 
 enum {
     PROP_STATE = 0,
@@ -39,7 +39,7 @@ enum {
     PROP_NONE = PROP_COUNT,
 };
 
-static const char *const Service_updatable_properties[PROP_COUNT] = {
+static const char *const kServiceProperties[PROP_COUNT] = {
     "State",       "Error",
     "Strength",    "Favorite",
     "AutoConnect", "Roaming",
@@ -125,6 +125,8 @@ struct service_report {
     uint8_t error;
 };
 
+// Services do not use cui_notify_later's one timeout per property: a list of
+// a thousand services would arm some fifteen thousand sources at once.
 // Reports queued by one handler behind one 0 ms timeout. Dispatched in
 // queue order, they come out exactly as one timeout per report would: the
 // batch takes reports only while no other source was added after it, and
@@ -157,35 +159,10 @@ struct call_return_context {
 
 // ---- small helpers ----
 
-static void remove_source(guint *slot)
-{
-    if (*slot) {
-        guint id = *slot;
-        *slot = 0;
-        g_source_remove(id);
-    }
-}
-
-static void cancel_call(DBusPendingCall **slot)
-{
-    if (*slot) {
-        DBusPendingCall *call = *slot;
-        *slot = nullptr;
-        dbus_pending_call_cancel(call);
-        dbus_pending_call_unref(call);
-    }
-}
-
 static void replace_string(char **field, const char *value)
 {
     g_free(*field);
     *field = g_strdup(value);
-}
-
-// Strings from the application must be valid UTF-8 before libdbus sees them.
-static bool valid_text(const char *text)
-{
-    return !text || dbus_validate_utf8(text, nullptr);
 }
 
 // The record found last. Readers of the list ask several getters in a row
@@ -274,7 +251,7 @@ static void service_destroy(struct connman_service *service)
         report_table(service->reports_table - 1)->service = nullptr;
     if (service->set_call) {
         for (int i = 0; i < PROP_COUNT; i++)
-            cancel_call(&service->set_call[i]);
+            cui_cancel_call(&service->set_call[i]);
         g_free(service->set_call);
     }
     g_free(service->path);
@@ -396,7 +373,7 @@ static void report(const struct service_report *entry)
     // A live record is the one its path finds (listed or selected). The
     // path is copied: the callbacks may free the record.
     char *path = g_strdup(owner->path);
-    const char *name = Service_updatable_properties[entry->index];
+    const char *name = kServiceProperties[entry->index];
     if (entry->error) {
         if (owner->error_cb)
             owner->error_cb(path, name, -1, owner->error_user_data);
@@ -481,7 +458,7 @@ static void schedule_refresh_cb(void)
 {
     if (!service_if->refresh_cb)
         return;
-    remove_source(&service_if->refresh_source);
+    cui_remove_source(&service_if->refresh_source);
     service_if->refresh_source =
         g_timeout_add_full(G_PRIORITY_DEFAULT, 0, run_refresh_cb, nullptr, nullptr);
 }
@@ -588,7 +565,8 @@ static struct connman_ipv6 *parse_ipv6(DBusMessageIter *variant, struct connman_
     if (enter_variant_dict(variant, &dict)) {
         found += dict_string(&dict, "Method", &ipv6->method);
         found += dict_string(&dict, "Address", &ipv6->address);
-        // Read as 16 bits under "Prefix", kept in 8.
+        // Kept: read as 16 bits under "Prefix" and kept in 8, so ConnMan's own
+        // "PrefixLength" byte is never taken (ServiceProperties.MirrorsConnmanValues).
         uint16_t prefix = ipv6->prefix_length;
         if (dict_uint16(&dict, "Prefix", &prefix)) {
             ipv6->prefix_length = static_cast<uint8_t>(prefix);
@@ -663,7 +641,7 @@ static struct connman_ethernet *parse_ethernet(DBusMessageIter *variant,
 static int property_index(const char *name)
 {
     for (int i = 0; i < PROP_COUNT; i++) {
-        if (strcmp(name, Service_updatable_properties[i]) == 0)
+        if (strcmp(name, kServiceProperties[i]) == 0)
             return i;
     }
     return -1;
@@ -969,8 +947,9 @@ static void append_ipv4(DBusMessageIter *dict, void *user_data)
     append_string_entry(dict, "Gateway", ipv4->gateway);
 }
 
-// Written as "PrefixLength", a byte, although ConnMan's value is read back
-// under "Prefix".
+// Kept: written as "PrefixLength", a byte, although the reader takes the
+// value under "Prefix"
+// (ServiceWrites.EqualConfigurationSendsNothingAndOthersAreSentAsLists).
 static void append_ipv6(DBusMessageIter *dict, void *user_data)
 {
     auto *ipv6 = static_cast<const struct connman_ipv6 *>(user_data);
@@ -1000,17 +979,16 @@ static void set_property_reply(DBusPendingCall *call, void *user_data)
     if (!dbus_pending_call_get_completed(call))
         return;
 
-    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    scoped_message reply(dbus_pending_call_steal_reply(call));
     if (service->set_call && service->set_call[index] == call) {
         service->set_call[index] = nullptr;
         dbus_pending_call_unref(call);
     }
-    if (reply && service->error_cb && dbus_message_get_type(reply) == DBUS_MESSAGE_TYPE_ERROR) {
+    if (reply && service->error_cb &&
+        dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR) {
         schedule_notification(service, index, -1);
         end_report_batch();
     }
-    if (reply)
-        dbus_message_unref(reply);
 }
 
 static DBusMessage *new_service_call(const struct connman_service *service, const char *method)
@@ -1021,7 +999,7 @@ static DBusMessage *new_service_call(const struct connman_service *service, cons
 static void append_property_value(DBusMessageIter *iter, unsigned int index, int type,
                                   const void *value)
 {
-    const char *name = Service_updatable_properties[index];
+    const char *name = kServiceProperties[index];
     void *data = const_cast<void *>(value);
     switch (index) {
     case PROP_NAMESERVERS_CONFIG:
@@ -1047,36 +1025,27 @@ static void append_property_value(DBusMessageIter *iter, unsigned int index, int
 static int set_service_property(struct connman_service *service, unsigned int index, int type,
                                 const void *value)
 {
-    DBusMessage *message = new_service_call(service, "SetProperty");
-    if (!message)
-        return -ENOMEM;
+    scoped_message message(new_service_call(service, "SetProperty"));
     auto *context = g_try_new0(struct set_property_context, 1);
-    if (!context) {
-        dbus_message_unref(message);
+    if (!message || !context) {
+        g_free(context);
         return -ENOMEM;
     }
     context->service = service;
     context->index = index;
 
     DBusMessageIter iter;
-    dbus_message_iter_init_append(message, &iter);
+    dbus_message_iter_init_append(message.get(), &iter);
     append_property_value(&iter, index, type, value);
 
     DBusPendingCall *call = nullptr;
-    if (!dbus_connection_send_with_reply(service_if->connection, message, &call, -1) || !call ||
-        !dbus_pending_call_set_notify(call, set_property_reply, context, g_free)) {
-        if (call) {
-            dbus_pending_call_cancel(call);
-            dbus_pending_call_unref(call);
-        }
-        dbus_message_unref(message);
-        g_free(context);
-        return -EINVAL;
-    }
+    int err = cui_send_with_reply(service_if->connection, message.release(), set_property_reply,
+                                  context, g_free, &call);
+    if (err < 0)
+        return err;
     if (!service->set_call)
         service->set_call = g_new0(DBusPendingCall *, PROP_COUNT);
     service->set_call[index] = call;
-    dbus_message_unref(message);
     return 0;
 }
 
@@ -1106,12 +1075,12 @@ static char **joined_config_field(struct connman_service *service, unsigned int 
 static int set_joined_config(const char *path, unsigned int index, const char *text)
 {
     struct connman_service *service = writable_service(path, index);
-    if (!service || !valid_text(text))
+    if (!service || !g_dbus_valid_string_or_null(text))
         return -EINVAL;
     if (g_strcmp0(*joined_config_field(service, index), text) == 0)
         return 0;
     if (!text)
-        return -ENOMEM; // a null list cannot be split
+        return -ENOMEM; // Kept: a null list cannot be split, reported as -ENOMEM (no test pins it)
     char **list = g_strsplit(text, ";", -1);
     if (!list)
         return -ENOMEM;
@@ -1139,20 +1108,18 @@ static int map_call_error(const char *name)
 static void call_return(DBusPendingCall *call, void *user_data)
 {
     auto *context = static_cast<struct call_return_context *>(user_data);
-    DBusMessage *reply = dbus_pending_call_steal_reply(call);
+    scoped_message reply(dbus_pending_call_steal_reply(call));
     if (!reply)
         return;
-    DBusError error;
-    dbus_error_init(&error);
-    if (dbus_set_error_from_message(&error, reply)) {
-        context->cb(nullptr, map_call_error(error.name), error.message, context->user_data);
-        dbus_error_free(&error);
+    scoped_dbus_error error;
+    if (dbus_set_error_from_message(error.get(), reply.get())) {
+        context->cb(nullptr, map_call_error(error.error.name), error.error.message,
+                    context->user_data);
     } else {
         DBusMessageIter iter;
-        dbus_message_iter_init(reply, &iter);
+        dbus_message_iter_init(reply.get(), &iter);
         context->cb(&iter, 0, nullptr, context->user_data);
     }
-    dbus_message_unref(reply);
 }
 
 static int call_service_with_return(const char *path, const char *method,
@@ -1161,36 +1128,28 @@ static int call_service_with_return(const char *path, const char *method,
     struct connman_service *service = lookup_service(path);
     if (!service)
         return -EINVAL;
-    DBusMessage *message = new_service_call(service, method);
+    scoped_message message(new_service_call(service, method));
     if (!message)
         return -ENOMEM;
-    if (!cb) {
-        dbus_bool_t sent = dbus_connection_send(service_if->connection, message, nullptr);
-        dbus_message_unref(message);
-        return sent ? 0 : -EINVAL;
-    }
-    auto *context = g_try_new0(struct call_return_context, 1);
-    if (!context) {
-        dbus_message_unref(message);
+    if (!cb)
+        return dbus_connection_send(service_if->connection, message.get(), nullptr) ? 0 : -EINVAL;
+    scoped_gmem<struct call_return_context> context(g_try_new0(struct call_return_context, 1));
+    if (!context)
         return -ENOMEM;
-    }
     context->cb = cb;
     context->user_data = user_data;
 
-    DBusPendingCall *call = nullptr;
-    dbus_bool_t sent =
-        dbus_connection_send_with_reply(service_if->connection, message, &call, INT_MAX);
-    dbus_message_unref(message);
-    if (!sent || !call || !dbus_pending_call_set_notify(call, call_return, context, g_free)) {
-        if (call) {
-            dbus_pending_call_cancel(call);
-            dbus_pending_call_unref(call);
-        }
-        g_free(context);
+    // Waits for ConnMan's answer without a time limit.
+    DBusPendingCall *sent = nullptr;
+    if (!dbus_connection_send_with_reply(service_if->connection, message.get(), &sent, INT_MAX) ||
+        !sent)
         return -EINVAL;
-    }
+    scoped_sent_call call(sent);
+    if (!dbus_pending_call_set_notify(sent, call_return, context.get(), g_free))
+        return -EINVAL;
+    context.release();
     // The connection keeps the call alive until the reply is handled.
-    dbus_pending_call_unref(call);
+    dbus_pending_call_unref(call.release());
     return 0;
 }
 
@@ -1232,7 +1191,7 @@ void connman_service_finalize(void)
     if (!service_if)
         return;
     __connman_manager_register_service_signal(nullptr);
-    remove_source(&service_if->refresh_source);
+    cui_remove_source(&service_if->refresh_source);
     connman_service_deselect();
     free_ordered_list();
     // Emptied first, so that a lookup made while records go away sees a
@@ -1329,6 +1288,9 @@ void connman_service_set_property_error_callback(const char *path, connman_prope
     service->error_user_data = user_data;
 }
 
+// Kept: the selected record outlives ConnMan dropping the service, until
+// deselected
+// (ServiceList.FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected).
 int connman_service_select(const char *path)
 {
     struct connman_service *service = lookup_service(path);
@@ -1550,8 +1512,9 @@ int connman_service_set_autoconnectable(const char *path, bool autoconnect)
 int connman_service_set_ipv4_config(const char *path, const struct connman_ipv4 *ipv4)
 {
     struct connman_service *service = writable_service(path, PROP_IPV4_CONFIG);
-    if (!service || !ipv4 || !valid_text(ipv4->method) || !valid_text(ipv4->address) ||
-        !valid_text(ipv4->netmask) || !valid_text(ipv4->gateway))
+    if (!service || !ipv4 || !g_dbus_valid_string_or_null(ipv4->method) ||
+        !g_dbus_valid_string_or_null(ipv4->address) ||
+        !g_dbus_valid_string_or_null(ipv4->netmask) || !g_dbus_valid_string_or_null(ipv4->gateway))
         return -EINVAL;
     return set_service_property(service, PROP_IPV4_CONFIG, DBUS_TYPE_ARRAY, ipv4);
 }
@@ -1559,8 +1522,9 @@ int connman_service_set_ipv4_config(const char *path, const struct connman_ipv4 
 int connman_service_set_ipv6_config(const char *path, const struct connman_ipv6 *ipv6)
 {
     struct connman_service *service = writable_service(path, PROP_IPV6_CONFIG);
-    if (!service || !ipv6 || !valid_text(ipv6->method) || !valid_text(ipv6->address) ||
-        !valid_text(ipv6->gateway) || !valid_text(ipv6->privacy))
+    if (!service || !ipv6 || !g_dbus_valid_string_or_null(ipv6->method) ||
+        !g_dbus_valid_string_or_null(ipv6->address) ||
+        !g_dbus_valid_string_or_null(ipv6->gateway) || !g_dbus_valid_string_or_null(ipv6->privacy))
         return -EINVAL;
     return set_service_property(service, PROP_IPV6_CONFIG, DBUS_TYPE_ARRAY, ipv6);
 }
@@ -1574,8 +1538,9 @@ static bool proxy_equal(const struct connman_proxy *a, const struct connman_prox
 int connman_service_set_proxy_config(const char *path, const struct connman_proxy *proxy)
 {
     struct connman_service *service = writable_service(path, PROP_PROXY_CONFIG);
-    if (!service || !proxy || !valid_text(proxy->method) || !valid_text(proxy->url) ||
-        !valid_text(proxy->servers) || !valid_text(proxy->excludes))
+    if (!service || !proxy || !g_dbus_valid_string_or_null(proxy->method) ||
+        !g_dbus_valid_string_or_null(proxy->url) || !g_dbus_valid_string_or_null(proxy->servers) ||
+        !g_dbus_valid_string_or_null(proxy->excludes))
         return -EINVAL;
     if (proxy_equal(service->proxy_config, proxy))
         return 0;
