@@ -3,6 +3,7 @@
 // owner cache that maps watched well-known names to their unique owners.
 
 #include "dbus-glue/gdbus.h"
+#include "dbus-glue/scoped.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -309,11 +310,6 @@ static void unlist_match(struct filter_data *data)
     release_cover(data);
 }
 
-static bool valid_utf8_or_null(const char *str)
-{
-    return !str || dbus_validate_utf8(str, nullptr);
-}
-
 static void format_rule(struct filter_data *data, bool with_path, char *rule, size_t size)
 {
     int offset = snprintf(rule, size, "type='signal'");
@@ -342,18 +338,15 @@ static gboolean send_rule(DBusConnection *connection, const char *rule,
                           void (*bus_call)(DBusConnection *, const char *, DBusError *),
                           bool *limits_exceeded = nullptr)
 {
-    DBusError error;
-
     // A cut rule may end inside a character; libdbus aborts on such text.
-    if (!dbus_validate_utf8(rule, nullptr))
+    if (!g_dbus_valid_string(rule))
         return FALSE;
 
-    dbus_error_init(&error);
-    bus_call(connection, rule, &error);
-    if (dbus_error_is_set(&error)) {
+    scoped_dbus_error error;
+    bus_call(connection, rule, error.get());
+    if (error.is_set()) {
         if (limits_exceeded)
-            *limits_exceeded = dbus_error_has_name(&error, DBUS_ERROR_LIMITS_EXCEEDED);
-        dbus_error_free(&error);
+            *limits_exceeded = dbus_error_has_name(error.get(), DBUS_ERROR_LIMITS_EXCEEDED);
         return FALSE;
     }
     return TRUE;
@@ -674,17 +667,15 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
 static void update_name_cache(DBusConnection *connection, const char *name, const char *owner)
 {
     // owner may point into one of the entries about to be replaced.
-    char *copy = g_strdup(owner);
+    scoped_gmem<char> copy(g_strdup(owner));
 
-    cache_owner(connection, name, copy);
+    cache_owner(connection, name, copy.get());
     for (struct filter_data *data = listeners_head; data; data = data->next) {
         if (data->connection != connection || g_strcmp0(data->name, name) != 0)
             continue;
         g_free(data->owner);
-        data->owner = g_strdup(copy);
+        data->owner = g_strdup(copy.get());
     }
-
-    g_free(copy);
 }
 
 static const char *check_name_cache(DBusConnection *connection, const char *name)
@@ -697,6 +688,17 @@ static const char *check_name_cache(DBusConnection *connection, const char *name
     return nullptr;
 }
 
+// The bus's GetNameOwner call for name, or null.
+static DBusMessage *new_get_name_owner(const char *name)
+{
+    scoped_message message(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                        DBUS_INTERFACE_DBUS, "GetNameOwner"));
+    if (!message ||
+        !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID))
+        return nullptr;
+    return message.release();
+}
+
 // The owner of name from the cache, else asked of the bus (blocking, as
 // adding a match rule does); null when the bus could not say.
 static const char *known_owner(DBusConnection *connection, const char *name)
@@ -705,32 +707,25 @@ static const char *known_owner(DBusConnection *connection, const char *name)
     if (owner)
         return owner;
 
-    DBusMessage *message = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                        DBUS_INTERFACE_DBUS, "GetNameOwner");
+    scoped_message message(new_get_name_owner(name));
     if (!message)
         return nullptr;
-    if (!dbus_message_append_args(message, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID)) {
-        dbus_message_unref(message);
-        return nullptr;
-    }
-    DBusError error;
-    dbus_error_init(&error);
-    DBusMessage *reply = dbus_connection_send_with_reply_and_block(connection, message, -1, &error);
-    dbus_message_unref(message);
+    scoped_dbus_error error;
+    scoped_message reply(
+        dbus_connection_send_with_reply_and_block(connection, message.get(), -1, error.get()));
     if (reply) {
-        if (dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID))
+        if (dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &owner,
+                                  DBUS_TYPE_INVALID))
             cache_owner(connection, name, owner);
-        dbus_message_unref(reply);
-    } else if (dbus_error_has_name(&error, DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+    } else if (dbus_error_has_name(error.get(), DBUS_ERROR_NAME_HAS_NO_OWNER)) {
         cache_owner(connection, name, "");
     }
-    dbus_error_free(&error);
     return cached_owner(connection, name);
 }
 
 gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender)
 {
-    if (!connection || !name || !sender || sender[0] != ':' || !dbus_validate_utf8(name, nullptr))
+    if (!connection || !sender || sender[0] != ':' || !g_dbus_valid_string(name))
         return FALSE;
     return g_strcmp0(known_owner(connection, name), sender) == 0;
 }
@@ -761,24 +756,21 @@ static gboolean update_service(void *user_data)
 static void service_reply(DBusPendingCall *call, void *user_data)
 {
     auto *data = static_cast<struct service_data *>(user_data);
-    DBusMessage *reply = dbus_pending_call_steal_reply(call);
-    DBusError error;
+    scoped_message reply(dbus_pending_call_steal_reply(call));
     const char *owner = nullptr;
 
     if (!reply)
         return;
 
-    dbus_error_init(&error);
-    if (dbus_set_error_from_message(&error, reply) ||
-        !dbus_message_get_args(reply, &error, DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID)) {
-        dbus_error_free(&error);
+    scoped_dbus_error error;
+    if (dbus_set_error_from_message(error.get(), reply.get()) ||
+        !dbus_message_get_args(reply.get(), error.get(), DBUS_TYPE_STRING, &owner,
+                               DBUS_TYPE_INVALID)) {
         service_data_free(data);
     } else {
         data->owner = g_strdup(owner);
         update_service(data);
     }
-
-    dbus_message_unref(reply);
 }
 
 static void check_service(DBusConnection *connection, const char *name,
@@ -800,22 +792,13 @@ static void check_service(DBusConnection *connection, const char *name,
         return;
     }
 
-    DBusMessage *message = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                        DBUS_INTERFACE_DBUS, "GetNameOwner");
-    if (!message) {
+    scoped_message message(new_get_name_owner(name));
+    if (!message || !dbus_connection_send_with_reply(connection, message.get(), &data->call, -1) ||
+        !data->call) {
         service_data_free(data);
         return;
     }
-    dbus_message_append_args(message, DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID);
-
-    if (!dbus_connection_send_with_reply(connection, message, &data->call, -1) || !data->call) {
-        dbus_message_unref(message);
-        service_data_free(data);
-        return;
-    }
-
     dbus_pending_call_set_notify(data->call, service_reply, data, nullptr);
-    dbus_message_unref(message);
 }
 
 static gboolean signal_filter(DBusConnection *connection, DBusMessage *message,
@@ -1033,7 +1016,7 @@ guint g_dbus_add_service_watch(DBusConnection *connection, const char *name,
                                g_dbus_watch_function_t connect, g_dbus_watch_function_t disconnect,
                                void *user_data, GDestroyNotify destroy)
 {
-    if (!connection || !name || !dbus_validate_utf8(name, nullptr))
+    if (!connection || !g_dbus_valid_string(name))
         return 0;
 
     struct filter_data *data = filter_data_get(connection, service_filter, nullptr, nullptr,
@@ -1112,9 +1095,9 @@ static guint add_signal_watch_full(DBusConnection *connection, const char *sende
 {
     if (!connection)
         return 0;
-    if (!valid_utf8_or_null(sender) || !valid_utf8_or_null(path) ||
-        !valid_utf8_or_null(interface) || !valid_utf8_or_null(member) ||
-        !valid_utf8_or_null(argument))
+    if (!g_dbus_valid_string_or_null(sender) || !g_dbus_valid_string_or_null(path) ||
+        !g_dbus_valid_string_or_null(interface) || !g_dbus_valid_string_or_null(member) ||
+        !g_dbus_valid_string_or_null(argument))
         return 0;
 
     struct filter_data *data =
