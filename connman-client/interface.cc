@@ -7,6 +7,8 @@
 #include <glib.h>
 #include <stdio.h>
 
+#include <memory>
+
 #include "connman-client/names.h"
 #include "dbus-glue/gdbus.h"
 #include "dbus-glue/scoped.h"
@@ -75,42 +77,30 @@ int connman_interface_init(connman_presence_cb_t connected, connman_presence_cb_
     if (!connected || !disconnected)
         return -EINVAL;
 
-    DBusConnection *system = g_dbus_setup_bus(DBUS_BUS_SYSTEM, nullptr, nullptr);
+    using scoped_bus = std::unique_ptr<DBusConnection, void (*)(DBusConnection *)>;
+    scoped_bus system(g_dbus_setup_bus(DBUS_BUS_SYSTEM, nullptr, nullptr), release_connection);
     if (!system)
         return -ENOMEM;
-    dbus_cnx_session = g_dbus_setup_bus(DBUS_BUS_SESSION, nullptr, nullptr);
-    if (!dbus_cnx_session) {
-        release_connection(system);
+    scoped_bus session(g_dbus_setup_bus(DBUS_BUS_SESSION, nullptr, nullptr), release_connection);
+    if (!session)
         return -ENOMEM;
-    }
-
-    int err = request_session_name(dbus_cnx_session);
-    if (err == 0) {
-        connman = g_try_new0(struct connman_interface, 1);
-        if (!connman)
-            err = -ENOMEM;
-    }
-    if (err < 0) {
-        release_connection(system);
-        release_connection(dbus_cnx_session);
-        dbus_cnx_session = nullptr;
+    int err = request_session_name(session.get());
+    if (err < 0)
         return err;
-    }
+    scoped_gmem<struct connman_interface> record(g_try_new0(struct connman_interface, 1));
+    if (!record)
+        return -ENOMEM;
+    record->watch_id =
+        g_dbus_add_service_watch(system.get(), CONNMAN_SERVICE, connman_watch_interface_connected,
+                                 connman_watch_interface_disconnected, nullptr, nullptr);
+    if (record->watch_id == 0)
+        return -EINVAL;
 
-    connman->connection = system;
+    connman = record.release();
+    connman->connection = system.release();
     connman->connected = connected;
     connman->disconnected = disconnected;
-    connman->watch_id =
-        g_dbus_add_service_watch(system, CONNMAN_SERVICE, connman_watch_interface_connected,
-                                 connman_watch_interface_disconnected, nullptr, nullptr);
-    if (connman->watch_id == 0) {
-        release_connection(system);
-        release_connection(dbus_cnx_session);
-        dbus_cnx_session = nullptr;
-        g_free(connman);
-        connman = nullptr;
-        return -EINVAL;
-    }
+    dbus_cnx_session = session.release();
 
     // The watch reports a present owner from the main loop only, so the
     // user data is in place before the first callback.
