@@ -12,17 +12,8 @@
 namespace
 {
 
-bool connman_present;
 int requests;
 
-void on_up(void *)
-{
-    connman_present = true;
-}
-void on_down(void *)
-{
-    connman_present = false;
-}
 void on_input(const char *path, int, int, int, const char *previous, int, const char *pin, int)
 {
     // What ConnMan offered earlier is never handed on.
@@ -47,12 +38,8 @@ void on_cancel() {}
 DBusConnection *connection()
 {
     static DBusConnection *system = [] {
-        fuzz::start_bus();
-        if (connman_interface_init(on_up, on_down, nullptr) != 0)
-            abort();
-        DBusConnection *c = connman_interface_get_connection();
-        fuzz::settle(c);
-        if (!connman_present || connman_manager_init() != 0)
+        DBusConnection *c = fuzz::library_connection();
+        if (connman_manager_init() != 0)
             abort();
         return c;
     }();

@@ -1,5 +1,7 @@
 #include "tests/fuzz/fuzz_bus.h"
 
+#include "connman-client/interface.h"
+
 #include <glib.h>
 #include <poll.h>
 #include <stdio.h>
@@ -398,6 +400,23 @@ void release(std::vector<Chunk> &chunks)
     for (Chunk &chunk : chunks)
         dbus_message_unref(chunk.message);
     chunks.clear();
+}
+
+DBusConnection *library_connection()
+{
+    static bool present;
+    static DBusConnection *system = [] {
+        start_bus();
+        if (connman_interface_init([](void *) { present = true; }, [](void *) { present = false; },
+                                   nullptr) != 0)
+            abort();
+        DBusConnection *c = connman_interface_get_connection();
+        settle(c);
+        if (!present)
+            abort();
+        return c;
+    }();
+    return system;
 }
 
 } // namespace fuzz

@@ -21,6 +21,11 @@ constexpr const char *kStranger = ":1.9";
 // DBUS_SESSION_BUS_ADDRESS at it.
 void start_bus();
 
+// Starts the bus and the library's ConnMan connections on it once per
+// process, waits until ConnMan is seen present and returns the system
+// connection; aborts when any of that fails.
+DBusConnection *library_connection();
+
 // The body of reply is copied into the answers to later calls of member to
 // "net.connman" (null: an empty answer again).
 void set_connman_reply(const char *member, DBusMessage *reply);

@@ -24,32 +24,12 @@ enum {
     kKinds = 5,
 };
 
-bool connman_present;
-
-void on_up(void *)
-{
-    connman_present = true;
-}
-void on_down(void *)
-{
-    connman_present = false;
-}
 void on_property(const char *, const char *, void *) {}
 void on_list(void *) {}
 
 DBusConnection *connection()
 {
-    static DBusConnection *system = [] {
-        fuzz::start_bus();
-        if (connman_interface_init(on_up, on_down, nullptr) != 0)
-            abort();
-        DBusConnection *c = connman_interface_get_connection();
-        fuzz::settle(c);
-        if (!connman_present)
-            abort();
-        return c;
-    }();
-    return system;
+    return fuzz::library_connection();
 }
 
 // Touches every mirrored value, so that whatever a reply left there is read.
