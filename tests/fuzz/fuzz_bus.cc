@@ -71,15 +71,19 @@ bool send_to(Client &client, DBusMessage *message, const char *sender)
     return ok;
 }
 
-// Appends everything from `from` on to `to`, container by container.
-void copy_args(DBusMessageIter *from, DBusMessageIter *to)
+// Appends everything from `from` on to `to`, container by container. False
+// when libdbus refuses a value: a descriptor index (a variant may hold one)
+// cannot be appended without a descriptor, and the message left behind would
+// be corrupt.
+bool copy_args(DBusMessageIter *from, DBusMessageIter *to)
 {
     for (int type; (type = dbus_message_iter_get_arg_type(from)) != DBUS_TYPE_INVALID;
          dbus_message_iter_next(from)) {
         if (dbus_type_is_basic(type)) {
             DBusBasicValue value;
             dbus_message_iter_get_basic(from, &value);
-            dbus_message_iter_append_basic(to, type, &value);
+            if (type == DBUS_TYPE_UNIX_FD || !dbus_message_iter_append_basic(to, type, &value))
+                return false;
             continue;
         }
         DBusMessageIter sub_from, sub_to;
@@ -94,11 +98,19 @@ void copy_args(DBusMessageIter *from, DBusMessageIter *to)
             signature = g_strdup(inner);
             dbus_free(inner);
         }
-        dbus_message_iter_open_container(to, type, signature, &sub_to);
-        copy_args(&sub_from, &sub_to);
-        dbus_message_iter_close_container(to, &sub_to);
+        bool ok = dbus_message_iter_open_container(to, type, signature, &sub_to);
         g_free(signature);
+        if (!ok)
+            return false;
+        ok = copy_args(&sub_from, &sub_to);
+        if (!ok) {
+            dbus_message_iter_abandon_container(to, &sub_to);
+            return false;
+        }
+        if (!dbus_message_iter_close_container(to, &sub_to))
+            return false;
     }
+    return true;
 }
 
 DBusMessage *bus_answer(Client &client, DBusMessage *call)
@@ -135,14 +147,15 @@ DBusMessage *bus_answer(Client &client, DBusMessage *call)
 
 DBusMessage *connman_answer(DBusMessage *call)
 {
-    DBusMessage *reply = dbus_message_new_method_return(call);
     auto it = connman_replies.find(dbus_message_get_member(call));
-    if (reply && it != connman_replies.end()) {
-        DBusMessageIter from, to;
-        dbus_message_iter_init_append(reply, &to);
-        if (dbus_message_iter_init(it->second, &from))
-            copy_args(&from, &to);
-    }
+    if (it == connman_replies.end())
+        return dbus_message_new_method_return(call);
+    DBusMessage *reply = dbus_message_new_method_return(call);
+    DBusMessageIter from, to;
+    dbus_message_iter_init_append(reply, &to);
+    // set_connman_reply keeps only bodies that copy.
+    if (dbus_message_iter_init(it->second, &from) && !copy_args(&from, &to))
+        abort();
     return reply;
 }
 
@@ -315,7 +328,17 @@ void set_connman_reply(const char *member, DBusMessage *reply)
         dbus_message_unref(it->second);
         connman_replies.erase(it);
     }
-    if (reply)
+    if (!reply)
+        return;
+    // A body that cannot be copied into a reply (a descriptor in a variant)
+    // would reach the library as a corrupt message and cost it its
+    // connection; a real peer cannot send that, so answer it empty instead.
+    DBusMessage *scratch = dbus_message_new_signal("/", "fuzz.Check", "Copy");
+    DBusMessageIter from, to;
+    dbus_message_iter_init_append(scratch, &to);
+    bool copyable = !dbus_message_iter_init(reply, &from) || copy_args(&from, &to);
+    dbus_message_unref(scratch);
+    if (copyable)
         connman_replies[member] = dbus_message_ref(reply);
 }
 
