@@ -831,16 +831,21 @@ static void update_services_from(DBusMessageIter *array)
     guint count = 0;
     DBusMessageIter entry;
     dbus_message_iter_recurse(array, &entry);
-    while (dbus_message_iter_get_arg_type(&entry) == DBUS_TYPE_STRUCT) {
-        DBusMessageIter fields;
-        const char *path = nullptr;
-        dbus_message_iter_recurse(&entry, &fields);
-        if (cui_dbus_get_basic(&fields, DBUS_TYPE_OBJECT_PATH, &path) == 0) {
-            dbus_message_iter_next(&fields);
-            update_or_create_service(path, &fields);
-            count++;
+    {
+        // New services' rules go to the bus together; all are in place once
+        // the list has been read.
+        scoped_match_batch batch(service_if->connection);
+        while (dbus_message_iter_get_arg_type(&entry) == DBUS_TYPE_STRUCT) {
+            DBusMessageIter fields;
+            const char *path = nullptr;
+            dbus_message_iter_recurse(&entry, &fields);
+            if (cui_dbus_get_basic(&fields, DBUS_TYPE_OBJECT_PATH, &path) == 0) {
+                dbus_message_iter_next(&fields);
+                update_or_create_service(path, &fields);
+                count++;
+            }
+            dbus_message_iter_next(&entry);
         }
-        dbus_message_iter_next(&entry);
     }
     service_if->ordered_services = g_slist_reverse(service_if->ordered_services);
     end_report_batch();

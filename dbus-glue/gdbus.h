@@ -53,6 +53,15 @@ void g_dbus_remove_all_watches(DBusConnection *connection);
 // the connection's owner cache knows it (or the bus, when nothing is cached).
 gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender);
 
+// Between begin and end, new per-path signal watches on the connection send
+// their rules without waiting for each answer; end returns once the bus has
+// answered them all, so the rules are in place as after separate adds. A rule
+// the bus refuses leaves its watch without one (it receives nothing the bus
+// does not route here anyway); a refusal for the rule limit falls back as
+// below. Batches nest; only one connection batches at a time.
+void g_dbus_match_batch_begin(DBusConnection *connection);
+void g_dbus_match_batch_end(DBusConnection *connection);
+
 // Called once each time the bus refuses a per-path rule for its rule limit
 // and the broader rule (the same without path) is put in its place; the
 // watches keep working. The layer logs nothing itself.

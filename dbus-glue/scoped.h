@@ -8,6 +8,8 @@
 
 #include <memory>
 
+#include "dbus-glue/gdbus.h"
+
 struct scoped_message_unref {
     void operator()(DBusMessage *message) const { dbus_message_unref(message); }
 };
@@ -48,4 +50,20 @@ struct scoped_dbus_error {
 
     DBusError *get() { return &error; }
     bool is_set() const { return dbus_error_is_set(&error); }
+};
+
+// A match batch open for the scope (see g_dbus_match_batch_begin).
+class scoped_match_batch
+{
+  public:
+    explicit scoped_match_batch(DBusConnection *connection) : connection_(connection)
+    {
+        g_dbus_match_batch_begin(connection_);
+    }
+    ~scoped_match_batch() { g_dbus_match_batch_end(connection_); }
+    scoped_match_batch(const scoped_match_batch &) = delete;
+    scoped_match_batch &operator=(const scoped_match_batch &) = delete;
+
+  private:
+    DBusConnection *connection_;
 };

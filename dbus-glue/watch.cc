@@ -50,6 +50,8 @@ struct filter_data {
     guint holds;
     // The broader rule this match relies on after the bus refused its own.
     struct rule_cover *cover;
+    // The bus's answer to this match's AddMatch, while a batch waits for it.
+    DBusPendingCall *pending_rule;
 };
 
 struct service_data;
@@ -109,6 +111,17 @@ static guint64 match_seq = 0;
 static GHashTable *callbacks_by_id = nullptr;
 static GSList *name_keepers = nullptr;
 static g_dbus_rule_fallback_function_t fallback_function = nullptr;
+
+// An open match batch: per-path rules of its connection go to the bus without
+// waiting, at most kBatchWindow at a time, oldest first in `waiting`. A long
+// service list then costs a few round trips instead of one per service.
+enum { kBatchWindow = 16 };
+static struct {
+    DBusConnection *connection;
+    guint depth;
+    guint count;
+    struct filter_data *waiting[kBatchWindow];
+} batch;
 
 // The slot holds the connection's index while its message filter is
 // installed, so the filter is never added twice nor removed when absent
@@ -270,8 +283,25 @@ static void list_match(struct filter_data *data)
     data->listed = true;
 }
 
+static void forget_pending_rule(struct filter_data *data)
+{
+    if (!data->pending_rule)
+        return;
+    for (guint i = 0; i < batch.count; i++) {
+        if (batch.waiting[i] != data)
+            continue;
+        memmove(&batch.waiting[i], &batch.waiting[i + 1],
+                (batch.count - i - 1) * sizeof(batch.waiting[0]));
+        batch.count--;
+        break;
+    }
+    scoped_sent_call call(data->pending_rule);
+    data->pending_rule = nullptr;
+}
+
 static void unlist_match(struct filter_data *data)
 {
+    forget_pending_rule(data);
     if (!data->listed)
         return;
     struct connection_index *index = index_of(data->connection);
@@ -392,7 +422,8 @@ static struct rule_cover *make_cover(struct filter_data *data, const char *broad
 
     if (!send_rule(data->connection, broad, dbus_bus_add_match)) {
         for (struct filter_data *m = listeners_head; m && !evicted; m = m->next) {
-            if (m->connection != data->connection || !m->registered || !m->path || m->cover)
+            if (m->connection != data->connection || !m->registered || !m->path || m->cover ||
+                m->pending_rule)
                 continue;
             format_rule(m, false, rule, sizeof(rule));
             if (strcmp(rule, broad) == 0)
@@ -423,6 +454,57 @@ static struct rule_cover *make_cover(struct filter_data *data, const char *broad
     return cover;
 }
 
+static bool batching(DBusConnection *connection)
+{
+    return batch.depth > 0 && batch.connection == connection;
+}
+
+// Waits for the answers of the batch's rules in the order they were sent. A
+// rule refused for the bus's limit falls back to the broader rule as a
+// blocking add would; one refused otherwise leaves its match without a rule.
+static void settle_rules()
+{
+    while (batch.count > 0) {
+        struct filter_data *data = batch.waiting[0];
+        memmove(&batch.waiting[0], &batch.waiting[1], --batch.count * sizeof(batch.waiting[0]));
+        scoped_pending_call call(data->pending_rule);
+        data->pending_rule = nullptr;
+        dbus_pending_call_block(call.get());
+        scoped_message reply(dbus_pending_call_steal_reply(call.get()));
+        if (reply && dbus_message_get_type(reply.get()) != DBUS_MESSAGE_TYPE_ERROR)
+            continue;
+        data->registered = FALSE;
+        if (!reply || !dbus_message_is_error(reply.get(), DBUS_ERROR_LIMITS_EXCEEDED))
+            continue;
+        char broad[1024];
+        format_rule(data, false, broad, sizeof(broad));
+        struct rule_cover *cover = find_cover(index_of(data->connection), broad);
+        if (!cover)
+            cover = make_cover(data, broad);
+        if (cover) {
+            cover->users++;
+            data->cover = cover;
+        }
+    }
+}
+
+// Sends AddMatch for the match of an open batch without waiting.
+static gboolean send_rule_later(struct filter_data *data, const char *rule)
+{
+    if (!g_dbus_valid_string(rule))
+        return FALSE;
+    scoped_message call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                     DBUS_INTERFACE_DBUS, "AddMatch"));
+    if (!call || !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &rule, DBUS_TYPE_INVALID))
+        return FALSE;
+    DBusPendingCall *pending = nullptr;
+    if (!dbus_connection_send_with_reply(data->connection, call.get(), &pending, -1) || !pending)
+        return FALSE;
+    data->pending_rule = pending;
+    batch.waiting[batch.count++] = data;
+    return TRUE;
+}
+
 static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
 {
     char rule[1024];
@@ -430,7 +512,11 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
     bool limited = false;
     struct connection_index *index = index_of(data->connection);
     struct rule_cover *cover = nullptr;
+    bool later = data->path && batching(data->connection);
 
+    // A full window is settled first: that may put a broader rule in place.
+    if (later && batch.count == kBatchWindow)
+        settle_rules();
     // While a broader rule is in place, more rules of its kind would only
     // be refused again: use it instead of asking the bus.
     if (data->path) {
@@ -439,6 +525,13 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
     }
     if (!cover) {
         format_rule(data, true, rule, sizeof(rule));
+        if (later) {
+            if (!send_rule_later(data, rule))
+                return FALSE;
+            data->handle_func = filter;
+            data->registered = TRUE;
+            return TRUE;
+        }
         if (send_rule(data->connection, rule, dbus_bus_add_match, &limited)) {
             data->handle_func = filter;
             data->registered = TRUE;
@@ -652,6 +745,9 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
     if (data->callbacks || data->lock)
         return TRUE;
 
+    // Whether the bus took the rule is known only once the batch has its answer.
+    if (data->pending_rule)
+        settle_rules();
     if (data->registered && !remove_match(data))
         return FALSE;
 
@@ -1184,6 +1280,21 @@ void g_dbus_remove_all_watches(DBusConnection *connection)
     }
 
     uninstall_filter(connection);
+}
+
+void g_dbus_match_batch_begin(DBusConnection *connection)
+{
+    if (batch.depth++ == 0)
+        batch.connection = connection;
+}
+
+void g_dbus_match_batch_end(DBusConnection *connection)
+{
+    (void)connection;
+    if (batch.depth == 0 || --batch.depth > 0)
+        return;
+    settle_rules();
+    batch.connection = nullptr;
 }
 
 void g_dbus_set_rule_fallback_function(g_dbus_rule_fallback_function_t function)

@@ -268,6 +268,41 @@ TEST_F(WatchTest, RemovalAndRefusedRegistrations)
     EXPECT_EQ(later.calls, 1);
 }
 
+// A batch sends its rules without waiting, more than one window of them: once
+// it ends, every rule is in place exactly once, and a watch removed while its
+// rule was still unanswered takes the rule away again.
+TEST_F(WatchTest, BatchedWatchesAreInPlaceWhenTheBatchEnds)
+{
+    constexpr int kPaths = 40;
+    start_monitor();
+    std::vector<std::string> paths;
+    std::vector<Watcher *> watchers;
+    g_dbus_match_batch_begin(conn);
+    for (int i = 0; i < kPaths; i++) {
+        paths.push_back("/obj/" + std::to_string(i));
+        Watcher &w = make();
+        w.id = g_dbus_add_signal_watch(conn, nullptr, paths.back().c_str(), "org.test.Iface",
+                                       "Ping", on_signal, &w, on_destroy);
+        ASSERT_NE(w.id, 0u);
+        watchers.push_back(&w);
+    }
+    EXPECT_TRUE(g_dbus_remove_watch(conn, watchers[5]->id));
+    g_dbus_match_batch_end(conn);
+
+    sync_monitor(conn);
+    for (int i = 0; i < kPaths; i++) {
+        std::string rule =
+            "type='signal',path='" + paths[i] + "',interface='org.test.Iface',member='Ping'";
+        EXPECT_EQ(bus_calls(conn, "AddMatch", rule), 1) << rule;
+        EXPECT_EQ(bus_calls(conn, "RemoveMatch", rule), i == 5 ? 1 : 0) << rule;
+    }
+    for (int i = 0; i < kPaths; i++)
+        emit(peer, "Ping", nullptr, nullptr, paths[i].c_str());
+    sync_signals(peer, conn);
+    for (int i = 0; i < kPaths; i++)
+        EXPECT_EQ(watchers[i]->calls, i == 5 ? 0 : 1) << paths[i];
+}
+
 namespace
 {
 
