@@ -223,6 +223,10 @@ int bench_library_child(const std::string &mode, const std::string &connect_path
     if (!wait_event(NETMGR_EVT_WIFI_LIST_UPDATED, 120000))
         return 1;
     bench_send("cold " + std::to_string(bench_now_ns() - t0));
+    if (mode == "cold") {
+        serve_commands();
+        return 0;
+    }
 
     if (!NetMgr_ConnectWifi(connect_path) || !wait_event(NETMGR_EVT_WIFI_CONNECTED, 60000))
         return 1;
