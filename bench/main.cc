@@ -25,6 +25,7 @@
 #include <stdexcept>
 
 #include "bench/bench.h"
+#include "bench/replay_peer.h"
 #include "connman_sim.h"
 #include "tests/support/private_bus.h"
 
@@ -281,12 +282,36 @@ void write_store(const std::string &file, int type)
     std::ofstream(file) << "{\"netmgr:type\": " << type << "}\n";
 }
 
+// The bus daemons inherit /dev/null as stderr while this lives: their
+// complaints (the floor's thousands of refused rules past the limit) would
+// bury the table.
+struct QuietStderr {
+    int saved = dup(2);
+    QuietStderr()
+    {
+        int null = open("/dev/null", O_WRONLY);
+        dup2(null, 2);
+        close(null);
+    }
+    void restore()
+    {
+        if (saved >= 0) {
+            dup2(saved, 2);
+            close(saved);
+            saved = -1;
+        }
+    }
+    ~QuietStderr() { restore(); }
+};
+
 struct Environment {
+    QuietStderr quiet;
     PrivateBus system{"system"};
     PrivateBus session{"session"};
     std::string store = system.dir() + "/store.json";
     Environment()
     {
+        quiet.restore();
         setenv("DBUS_SYSTEM_BUS_ADDRESS", system.address().c_str(), 1);
         setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
         setenv("NETMGR_STORE", store.c_str(), 1);
@@ -321,14 +346,13 @@ Json::Value run_size(int n, int k, bool bridge)
     }
     const std::string last = ident_of(n - 1);
 
-    std::vector<double> cold_ms, floor_ms;
     {
         Child lib({"--child", "library", path_of(n - 1)});
         std::string cold = lib.expect("cold ", 180000);
         std::string mem = lib.expect("mem ", 120000);
         if (cold.empty() || mem.empty())
             throw std::runtime_error("library child failed at " + std::to_string(n));
-        cold_ms.push_back(std::stoll(cold) / 1e6);
+        out["sim_cold_ms"] = std::stoll(cold) / 1e6;
         long rss_kib = 0, allocated = 0;
         std::istringstream(mem) >> rss_kib >> allocated;
         out["rss_kib_per_service"] = static_cast<double>(rss_kib) / n;
@@ -340,7 +364,7 @@ Json::Value run_size(int n, int k, bool bridge)
             std::string floor = raw.expect("coldfloor ", 180000);
             if (floor.empty())
                 throw std::runtime_error("raw child failed");
-            floor_ms.push_back(std::stoll(floor) / 1e6);
+            out["sim_cold_floor_ms"] = std::stoll(floor) / 1e6;
             interleaved_signals(sim, lib, raw, last, k, lib_run, raw_run);
         }
         out["cpu_us"] = lib_run.cpu_ns / 1000.0 / lib_run.sent;
@@ -368,27 +392,38 @@ Json::Value run_size(int n, int k, bool bridge)
         }
     }
 
-    // More cold starts, library and floor in turn, each in a fresh process;
-    // the medians go into the table.
+    // Cold starts against the replaying peer, library and floor in turn, each
+    // in a fresh process; the medians go into the table. The peer runs in this
+    // process, so this process's CPU time over a start is what it spent on it.
+    Environment replay_env;
+    write_store(replay_env.store, 1);
+    ReplayPeer peer(env.system.address(), replay_env.system.address());
     const int cold_runs = n >= 3000 ? 3 : 5;
-    for (int r = 1; r < cold_runs; r++) {
+    std::vector<double> cold_ms, floor_ms, peer_ms, floor_peer_ms;
+    for (int r = 0; r < cold_runs; r++) {
         {
+            int64_t cpu = bench_cpu_ns();
             Child lib({"--child", "cold", path_of(n - 1)});
             std::string cold = lib.expect("cold ", 180000);
             if (cold.empty())
                 throw std::runtime_error("library child failed at " + std::to_string(n));
             cold_ms.push_back(std::stoll(cold) / 1e6);
+            peer_ms.push_back((bench_cpu_ns() - cpu) / 1e6);
         }
         {
+            int64_t cpu = bench_cpu_ns();
             Child raw(raw_args(n));
             std::string floor = raw.expect("coldfloor ", 180000);
             if (floor.empty())
                 throw std::runtime_error("raw child failed");
             floor_ms.push_back(std::stoll(floor) / 1e6);
+            floor_peer_ms.push_back((bench_cpu_ns() - cpu) / 1e6);
         }
     }
     out["cold_ms"] = median(cold_ms);
     out["cold_floor_ms"] = median(floor_ms);
+    out["cold_peer_cpu_ms"] = median(peer_ms);
+    out["cold_floor_peer_cpu_ms"] = median(floor_peer_ms);
     out["services"] = n;
     return out;
 }
@@ -538,6 +573,13 @@ int main(int argc, char **argv)
     row("cold scan → event 14, library / floor (ms)", [](const Json::Value &r) {
         return fmt(r["cold_ms"].asDouble()) + " / " + fmt(r["cold_floor_ms"].asDouble());
     });
+    row("peer CPU during that cold start, library / floor (ms)", [](const Json::Value &r) {
+        return fmt(r["cold_peer_cpu_ms"].asDouble()) + " / " +
+               fmt(r["cold_floor_peer_cpu_ms"].asDouble());
+    });
+    row("cold scan against the simulator, once, library / floor (ms)", [](const Json::Value &r) {
+        return fmt(r["sim_cold_ms"].asDouble()) + " / " + fmt(r["sim_cold_floor_ms"].asDouble());
+    });
     row("resident memory per service, RssAnon / allocator (KiB)", [](const Json::Value &r) {
         return fmt(r["rss_kib_per_service"].asDouble(), 2) + " / " +
                fmt(r["allocated_kib_per_service"].asDouble(), 2);
@@ -553,6 +595,47 @@ int main(int argc, char **argv)
            first["bridge_p50_us"].asDouble(), first["bridge_floor_p50_us"].asDouble(),
            first["bridge_p50_us"].asDouble() / first["bridge_floor_p50_us"].asDouble());
     printf("idle wake-ups per second with Ethernet connected: %.1f\n",
+           results["idle_wakeups_per_s"].asDouble());
+
+    // The targets, each a ratio within this run.
+    auto at = [&](int n) -> const Json::Value * {
+        for (const Json::Value &r : rows)
+            if (r["services"].asInt() == n)
+                return &r;
+        return nullptr;
+    };
+    Json::Value &targets = results["targets"];
+    printf("\ntargets (ratios within this run):\n");
+    if (const Json::Value *a = at(10), *b = at(1000); a && b) {
+        double cpu = (*b)["cpu_us"].asDouble() / (*a)["cpu_us"].asDouble();
+        double floor = (*b)["floor_cpu_us"].asDouble() / (*a)["floor_cpu_us"].asDouble();
+        targets["cpu_1000_vs_10"] = cpu;
+        targets["cpu_1000_vs_10_over_floor_growth"] = cpu / floor;
+        printf("  CPU per signal, 1000 vs 10 services: %.2f (the floor's own: %.2f) [<= 1.3]\n",
+               cpu, floor);
+    }
+    for (auto [n, wanted] : {std::pair<int, double>{10, 1.3}, {1000, 1.5}}) {
+        if (const Json::Value *r = at(n)) {
+            double ratio = (*r)["p50_us"].asDouble() / (*r)["floor_p50_us"].asDouble();
+            targets["p50_vs_floor_" + std::to_string(n)] = ratio;
+            printf("  signal -> callback p50 vs floor at %d: %.2f [<= %.1f]\n", n, ratio, wanted);
+        }
+    }
+    for (int n : {500, 1000}) {
+        if (const Json::Value *r = at(n)) {
+            double ratio = (*r)["cold_ms"].asDouble() / (*r)["cold_floor_ms"].asDouble();
+            targets["cold_vs_floor_" + std::to_string(n)] = ratio;
+            printf("  cold scan vs floor at %d: %.2f [<= 1.3]\n", n, ratio);
+        }
+    }
+    if (const Json::Value *r = at(1000))
+        printf("  resident memory per service at 1000: %.2f KiB [<= 3]\n",
+               (*r)["rss_kib_per_service"].asDouble());
+    for (int n : {600, 1000, 3000})
+        if (const Json::Value *r = at(n))
+            printf("  lost changes at %d: %d [0]\n", n, (*r)["lost_changes"].asInt());
+    printf("  bridged call vs floor: %.2f [<= 1.1]; idle wake-ups: %.1f [0]\n",
+           first["bridge_p50_us"].asDouble() / first["bridge_floor_p50_us"].asDouble(),
            results["idle_wakeups_per_s"].asDouble());
 
     std::ofstream(json_file) << results;
