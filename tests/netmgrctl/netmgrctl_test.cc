@@ -15,12 +15,17 @@
 #include <sstream>
 
 #include <dbus/dbus.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "connman_sim.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/process.h"
+#include "tests/support/sim_networks.h"
 #include "tests/support/wait.h"
+
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace
 {
@@ -37,49 +42,37 @@ struct Outcome {
     std::string err;
 };
 
-std::string read_file(const char *name)
+// Runs argv with input on stdin and its output in temporary files (stdout
+// and stderr on one terminal, util-linux script, when terminal is set).
+// While it runs, react gets the output so far and returns what to type
+// next; SIGKILL when it runs longer than 30 s.
+Outcome run_child(std::vector<std::string> argv, const std::string &input, bool terminal,
+                  const std::function<std::string(const std::string &, pid_t)> &react)
 {
-    std::ifstream in(name);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// Runs netmgrctl with args, feeding input on stdin, and collects its output
-// through temporary files; sends SIGINT once its output satisfies
-// interrupt_when, SIGKILL when it runs longer than 30 s.
-Outcome run_ctl(const std::vector<std::string> &args, const std::string &input = "",
-                const std::function<bool(const std::string &)> &interrupt_when = nullptr)
-{
-    std::vector<std::string> copies(args);
-    copies.insert(copies.begin(), NETMGRCTL_PROGRAM);
-    std::vector<char *> argv;
-    for (std::string &arg : copies)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-
+    if (terminal) {
+        std::string command = "stty -onlcr; " NETMGRCTL_PROGRAM;
+        for (size_t i = 1; i < argv.size(); i++)
+            command += " '" + argv[i] + "'";
+        argv = {"script", "-qefc", command, "/dev/null"};
+    }
     char out_name[] = "/tmp/netmgrctl-out-XXXXXX", err_name[] = "/tmp/netmgrctl-err-XXXXXX";
     int out = mkostemp(out_name, O_CLOEXEC), err = mkostemp(err_name, O_CLOEXEC), in[2];
     Outcome run;
     if (out < 0 || err < 0 || pipe2(in, O_CLOEXEC) < 0)
         return run;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out, 1);
-        dup2(err, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
+    pid_t pid = spawn(argv, in[0], out, terminal ? out : err);
     close(in[0]);
     if (write(in[1], input.data(), input.size()) < 0)
         ADD_FAILURE() << "could not write the child's input";
-    close(in[1]);
+    if (!terminal)
+        close(in[1]);
 
     int status = 0;
-    bool interrupted = false;
     bool ended = wait_until(
         [&] {
-            if (interrupt_when && !interrupted && interrupt_when(read_file(out_name)))
-                interrupted = kill(pid, SIGINT) == 0;
+            std::string keys = react ? react(read_file(out_name), pid) : "";
+            if (!keys.empty() && write(in[1], keys.data(), keys.size()) < 0)
+                ADD_FAILURE() << "cannot type";
             return waitpid(pid, &status, WNOHANG) == pid;
         },
         30000);
@@ -87,6 +80,8 @@ Outcome run_ctl(const std::vector<std::string> &args, const std::string &input =
         kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
     }
+    if (terminal)
+        close(in[1]);
     run.code = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     run.out = read_file(out_name);
     run.err = read_file(err_name);
@@ -95,6 +90,21 @@ Outcome run_ctl(const std::vector<std::string> &args, const std::string &input =
     unlink(out_name);
     unlink(err_name);
     return run;
+}
+
+// netmgrctl with args and input; SIGINT once its output satisfies
+// interrupt_when.
+Outcome run_ctl(const std::vector<std::string> &args, const std::string &input = "",
+                const std::function<bool(const std::string &)> &interrupt_when = nullptr)
+{
+    std::vector<std::string> argv(args);
+    argv.insert(argv.begin(), NETMGRCTL_PROGRAM);
+    bool interrupted = false;
+    return run_child(argv, input, false, [&](const std::string &out, pid_t pid) {
+        if (interrupt_when && !interrupted && interrupt_when(out))
+            interrupted = kill(pid, SIGINT) == 0;
+        return std::string();
+    });
 }
 
 Json::Value parse_json(const std::string &text)
@@ -107,46 +117,19 @@ Json::Value parse_json(const std::string &text)
     return value;
 }
 
-std::string service_path(const char *ident)
-{
-    return std::string("/net/connman/service/") + ident;
-}
-
-connman_sim::Network network(const char *ident, const char *name, const char *security,
-                             const char *passphrase = "", uint8_t strength = 60)
-{
-    connman_sim::Network net;
-    net.ident = ident;
-    net.name = name;
-    net.security = {security};
-    net.passphrase = passphrase;
-    net.strength = strength;
-    return net;
-}
-
 connman_sim::Network home()
 {
-    return network(kHome, "home", "psk", kPassphrase, 70);
+    return wifi(kHome, "home", "psk", 70);
 }
 
 connman_sim::Network cafe()
 {
-    return network(kCafe, "cafe", "none", "", 40);
+    return wifi(kCafe, "cafe", "none", 40);
 }
 
-connman_sim::Network attic()
+connman_sim::Network wired(bool carrier = true)
 {
-    connman_sim::Network net = network(kAttic, "", "psk", "attic secret");
-    net.hidden = true;
-    net.hidden_name = "Attic";
-    return net;
-}
-
-connman_sim::Network cable()
-{
-    connman_sim::Network net = network(kCable, "Wired", "none");
-    net.type = "ethernet";
-    net.interface = "eth0";
+    connman_sim::Network net = cable(kCable, carrier);
     net.ipv4_address = "192.0.2.44";
     return net;
 }
@@ -220,14 +203,14 @@ TEST_F(NetmgrctlTest, BadArgumentsExitWithUsageErrors)
             line += arg + " ";
         Outcome run = run_ctl(args);
         EXPECT_EQ(run.code, 2) << line << run.err;
-        EXPECT_NE(run.err.find("netmgrctl: "), std::string::npos) << line << run.err;
-        EXPECT_NE(run.err.find("usage"), std::string::npos) << line << run.err;
+        EXPECT_THAT(run.err, HasSubstr("netmgrctl: ")) << line;
+        EXPECT_THAT(run.err, HasSubstr("usage")) << line;
         EXPECT_EQ(run.out, "") << line;
     }
 
     Outcome help = run_ctl({"wifi", "--help"});
     EXPECT_EQ(help.code, 0);
-    EXPECT_NE(help.out.find("wifi hidden --security psk|wep|none"), std::string::npos) << help.out;
+    EXPECT_THAT(help.out, HasSubstr("wifi hidden --security psk|wep|none"));
 }
 
 TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
@@ -236,11 +219,11 @@ TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
     // with --json the error is the result on stdout.
     Outcome missing = run_ctl({"--timeout", "30", "--json", "status"});
     EXPECT_EQ(missing.code, 4) << missing.err;
-    EXPECT_NE(missing.err.find("ConnMan is not running"), std::string::npos) << missing.err;
+    EXPECT_THAT(missing.err, HasSubstr("ConnMan is not running"));
     Json::Value error = parse_json(missing.out);
     EXPECT_FALSE(error["ok"].asBool()) << missing.out;
     EXPECT_EQ(error["code"].asInt(), 4);
-    EXPECT_NE(error["error"].asString().find("ConnMan is not running"), std::string::npos);
+    EXPECT_THAT(error["error"].asString(), HasSubstr("ConnMan is not running"));
     // The type needs no ConnMan.
     Outcome type = run_ctl({"--timeout", "30", "type"});
     EXPECT_EQ(type.code, 0) << type.err;
@@ -256,13 +239,10 @@ TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
     std::string pid = "pid " + std::to_string(getpid());
     Outcome read = run_ctl({"type"});
     EXPECT_EQ(read.code, 1) << read.err;
-    EXPECT_NE(read.err.find("cannot read the library state of " + pid), std::string::npos)
-        << read.err;
+    EXPECT_THAT(read.err, HasSubstr("cannot read the library state of " + pid));
     Outcome change = run_ctl({"ethernet", "on"});
     EXPECT_EQ(change.code, 5) << change.err;
-    EXPECT_NE(change.err.find("'ethernet on' refused: another process (" + pid + ") runs"),
-              std::string::npos)
-        << change.err;
+    EXPECT_THAT(change.err, HasSubstr("'ethernet on' refused: another process (" + pid + ") runs"));
     dbus_connection_close(other);
     dbus_connection_unref(other);
 }
@@ -298,7 +278,7 @@ TEST_F(NetmgrctlTest, ConnectAsksForThePassphraseOnStdin)
     EXPECT_EQ(run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1), "connected to home\n");
     EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
     EXPECT_EQ(sim_.request_input_count(), 1);
-    EXPECT_NE(sim_.last_agent_reply().find(kPassphrase), std::string::npos);
+    EXPECT_THAT(sim_.last_agent_reply(), HasSubstr(kPassphrase));
 
     // Connected already: no new passphrase request.
     Outcome again = run_ctl({"--json", "wifi", "connect", "home"});
@@ -312,16 +292,16 @@ TEST_F(NetmgrctlTest, ConnectFailuresAreReported)
     start_wifi_world();
     Outcome unknown = run_ctl({"wifi", "connect", "nowhere"});
     EXPECT_EQ(unknown.code, 1) << unknown.err;
-    EXPECT_NE(unknown.err.find("no network nowhere"), std::string::npos) << unknown.err;
+    EXPECT_THAT(unknown.err, HasSubstr("no network nowhere"));
 
     Outcome no_answer = run_ctl({"wifi", "connect", "home"}, "");
     EXPECT_EQ(no_answer.code, 1) << no_answer.err;
-    EXPECT_NE(no_answer.err.find("no passphrase given"), std::string::npos) << no_answer.err;
+    EXPECT_THAT(no_answer.err, HasSubstr("no passphrase given"));
 
     // Last: a rejected key makes the library remove the service.
     Outcome wrong = run_ctl({"wifi", "connect", "home", "--passphrase", "not the one"});
     EXPECT_EQ(wrong.code, 1) << wrong.err;
-    EXPECT_NE(wrong.err.find("passphrase for home was rejected"), std::string::npos) << wrong.err;
+    EXPECT_THAT(wrong.err, HasSubstr("passphrase for home was rejected"));
     EXPECT_FALSE(home_connected());
 }
 
@@ -329,7 +309,7 @@ TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
 {
     sim_.add_technology("ethernet", true);
     sim_.add_technology("wifi", false);
-    sim_.add_network(cable());
+    sim_.add_network(wired());
     ASSERT_TRUE(sim_.start(buses_.system.address()));
     ASSERT_TRUE(wait_until([this] { return sim_.service_state(kCable) == "ready"; }, 10000))
         << sim_.service_state(kCable);
@@ -353,25 +333,26 @@ TEST_F(NetmgrctlTest, HiddenNetworkTakesItsNameAndPassphrase)
 {
     store_type_wifi();
     sim_.add_technology("wifi", true);
-    sim_.add_network(attic());
+    connman_sim::Network attic = hidden_wifi(kAttic, "psk", "Attic");
+    attic.passphrase = "attic secret";
+    sim_.add_network(attic);
     ASSERT_TRUE(sim_.start(buses_.system.address()));
 
     Outcome wrong = run_ctl(
         {"wifi", "hidden", "--security", "psk", "--ssid", "Nope", "--passphrase", "attic secret"});
     EXPECT_EQ(wrong.code, 1) << wrong.err;
-    EXPECT_NE(wrong.err.find("connecting to Nope failed"), std::string::npos) << wrong.err;
+    EXPECT_THAT(wrong.err, HasSubstr("connecting to Nope failed"));
 
     Outcome wep = run_ctl({"wifi", "hidden", "--security", "wep", "--ssid", "Attic"});
     EXPECT_EQ(wep.code, 1) << wep.err;
-    EXPECT_NE(wep.err.find("no hidden wep network"), std::string::npos) << wep.err;
+    EXPECT_THAT(wep.err, HasSubstr("no hidden wep network"));
 
     Outcome right =
         run_ctl({"wifi", "hidden", "--security", "psk", "--ssid", "Attic"}, "attic secret\n");
     ASSERT_EQ(right.code, 0) << right.err;
     EXPECT_EQ(right.out, "connected to Attic\n");
     EXPECT_EQ(sim_.service_state(kAttic), "ready");
-    EXPECT_NE(sim_.last_agent_reply().find("'Attic'"), std::string::npos)
-        << sim_.last_agent_reply();
+    EXPECT_THAT(sim_.last_agent_reply(), HasSubstr("'Attic'"));
 }
 
 TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
@@ -408,7 +389,7 @@ TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
 TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
 {
     sim_.add_technology("ethernet", true);
-    sim_.add_network(cable());
+    sim_.add_network(wired());
     ASSERT_TRUE(sim_.start(buses_.system.address()));
 
     Outcome set = run_ctl(
@@ -426,7 +407,7 @@ TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
 
     Outcome ipv6 = run_ctl({"ipv6", "get"});
     EXPECT_EQ(ipv6.code, 1) << "IPv6 stays off until it is set";
-    EXPECT_NE(ipv6.err.find("no IPv6 configuration"), std::string::npos) << ipv6.err;
+    EXPECT_THAT(ipv6.err, HasSubstr("no IPv6 configuration"));
 }
 
 // ---- script: many commands in one running library ----
@@ -474,9 +455,9 @@ TEST_F(NetmgrctlScriptTest, ConnectsAndAnswersThePromptInOneLibrary)
     EXPECT_LT(command, asked);
     EXPECT_LT(asked, answered);
     EXPECT_LT(answered, connected);
-    EXPECT_EQ(run.out.find(kPassphrase), std::string::npos) << "the passphrase is never shown";
+    EXPECT_THAT(run.out, Not(HasSubstr(kPassphrase))) << "the passphrase is never shown";
     EXPECT_EQ(sim_.request_input_count(), 1);
-    EXPECT_NE(sim_.last_agent_reply().find(kPassphrase), std::string::npos);
+    EXPECT_THAT(sim_.last_agent_reply(), HasSubstr(kPassphrase));
 
     // The status after it comes from the same library: connected, with addresses.
     std::string last_line = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
@@ -491,9 +472,7 @@ TEST_F(NetmgrctlScriptTest, WaitsForEventsThatShellLinesCause)
     store_type_wifi();
     sim_.add_technology("wifi", true);
     sim_.add_technology("ethernet", true);
-    connman_sim::Network unplugged = cable();
-    unplugged.carrier = false;
-    sim_.add_network(unplugged);
+    sim_.add_network(wired(false));
     ASSERT_TRUE(sim_.start(buses_.system.address()));
 
     // The shell line tells the test to plug the cable. Wi-Fi goes off
@@ -537,13 +516,12 @@ TEST_F(NetmgrctlScriptTest, StopsAtTheFirstLineThatFails)
                                       "lisst wifi\n");
     Outcome bad = run_ctl({"script", script});
     EXPECT_EQ(bad.code, 2) << bad.err;
-    EXPECT_NE(bad.err.find("script line 3: unknown command 'lisst': lisst wifi"), std::string::npos)
-        << bad.err;
+    EXPECT_THAT(bad.err, HasSubstr("script line 3: unknown command 'lisst': lisst wifi"));
     EXPECT_FALSE(exists("ran"));
 
     Outcome nested = run_ctl({"script", "-"}, "monitor --count 1\n");
     EXPECT_EQ(nested.code, 2) << nested.err;
-    EXPECT_NE(nested.err.find("cannot run inside a script"), std::string::npos) << nested.err;
+    EXPECT_THAT(nested.err, HasSubstr("cannot run inside a script"));
 
     // Read from stdin line by line; a failing shell line ends it with code 1.
     Outcome shell = run_ctl({"script", "-"}, "echo 'one  two'\n"
@@ -552,8 +530,8 @@ TEST_F(NetmgrctlScriptTest, StopsAtTheFirstLineThatFails)
                                                  dir_ + "/ran-shell'\n");
     EXPECT_EQ(shell.code, 1) << shell.err;
     EXPECT_EQ(shell.out, "one  two\n> ! exit 4\n");
-    EXPECT_NE(shell.err.find("exited with status 4"), std::string::npos) << shell.err;
-    EXPECT_NE(shell.err.find("script stopped at line 2"), std::string::npos) << shell.err;
+    EXPECT_THAT(shell.err, HasSubstr("exited with status 4"));
+    EXPECT_THAT(shell.err, HasSubstr("script stopped at line 2"));
     EXPECT_FALSE(exists("ran-shell"));
 
     // No ConnMan: the event never comes, and the deadline ends the wait.
@@ -561,8 +539,7 @@ TEST_F(NetmgrctlScriptTest, StopsAtTheFirstLineThatFails)
                                                "! touch '" +
                                                    dir_ + "/ran-wait'\n");
     EXPECT_EQ(timeout.code, 3) << timeout.err;
-    EXPECT_NE(timeout.err.find("no NETMGR_EVT_WIFI_CONNECTED (7) within 0.3 s"), std::string::npos)
-        << timeout.err;
+    EXPECT_THAT(timeout.err, HasSubstr("no NETMGR_EVT_WIFI_CONNECTED (7) within 0.3 s"));
     EXPECT_FALSE(exists("ran-wait"));
 }
 
@@ -582,13 +559,7 @@ class Host
         out_name_ = name;
         if (out < 0 || pipe2(in, O_CLOEXEC) < 0)
             return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out, 1);
-            execl(ATTACH_HOST_PROGRAM, ATTACH_HOST_PROGRAM, nullptr);
-            _exit(127);
-        }
+        pid_ = spawn({ATTACH_HOST_PROGRAM}, in[0], out, -1);
         close(in[0]);
         close(out);
         input_ = in[1];
@@ -610,9 +581,8 @@ class Host
     }
     bool wait_output(const std::string &text, int timeout_ms = 15000)
     {
-        return wait_until(
-            [&] { return read_file(out_name_.c_str()).find(text) != std::string::npos; },
-            timeout_ms);
+        return wait_until([&] { return read_file(out_name_).find(text) != std::string::npos; },
+                          timeout_ms);
     }
     pid_t pid() const { return pid_; }
 
@@ -658,9 +628,8 @@ TEST_F(NetmgrctlTest, AttachedReadsTheRunningApplicationAndRefusesChanges)
          {std::vector<std::string>{"wifi", "disconnect"}, {"wifi", "scan"}, {"reset-db"}}) {
         Outcome refused = run_ctl(args);
         EXPECT_EQ(refused.code, 5) << args[0] << refused.err;
-        EXPECT_NE(refused.err.find("(pid " + std::to_string(host.pid()) + ") runs libnetmgr"),
-                  std::string::npos)
-            << refused.err;
+        EXPECT_THAT(refused.err,
+                    HasSubstr("(pid " + std::to_string(host.pid()) + ") runs libnetmgr"));
     }
     EXPECT_EQ(sim_.count_calls("Scan"), scans);
     EXPECT_TRUE(home_connected());
@@ -695,50 +664,14 @@ TEST_F(NetmgrctlTest, AttachedReadsTheRunningApplicationAndRefusesChanges)
 namespace
 {
 
-// Runs netmgrctl on a terminal (util-linux script); type() is called with
-// the output so far and returns what to type next.
+// netmgrctl on a terminal; type() gets the output so far and returns what
+// to type next.
 Outcome run_on_terminal(const std::vector<std::string> &args,
-                        const std::function<std::string(const std::string &)> &type = nullptr)
+                        const std::function<std::string(const std::string &)> &type)
 {
-    std::string command = NETMGRCTL_PROGRAM;
-    for (const std::string &arg : args)
-        command += " '" + arg + "'";
-    std::string terminal_command = "stty -onlcr; " + command;
-    char out_name[] = "/tmp/netmgrctl-tty-XXXXXX";
-    int out = mkostemp(out_name, O_CLOEXEC), in[2];
-    Outcome run;
-    if (out < 0 || pipe2(in, O_CLOEXEC) < 0)
-        return run;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        execlp("script", "script", "-qefc", terminal_command.c_str(), "/dev/null", nullptr);
-        _exit(127);
-    }
-    close(in[0]);
-    int status = 0;
-    bool ended = wait_until(
-        [&] {
-            if (type) {
-                std::string keys = type(read_file(out_name));
-                if (!keys.empty() && write(in[1], keys.data(), keys.size()) < 0)
-                    ADD_FAILURE() << "cannot type";
-            }
-            return waitpid(pid, &status, WNOHANG) == pid;
-        },
-        30000);
-    if (!ended) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &status, 0);
-    }
-    close(in[1]);
-    run.code = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.out = read_file(out_name);
-    close(out);
-    unlink(out_name);
-    return run;
+    std::vector<std::string> argv(args);
+    argv.insert(argv.begin(), NETMGRCTL_PROGRAM);
+    return run_child(argv, "", true, [&](const std::string &out, pid_t) { return type(out); });
 }
 
 } // namespace
@@ -747,10 +680,10 @@ TEST_F(NetmgrctlTest, TerminalShowsProgressAndEndsAnInterruptedPrompt)
 {
     start_wifi_world();
     // Progress says what is awaited and for how long, on a terminal only.
-    Outcome test = run_on_terminal({"factory", "wifi-test"});
+    Outcome test =
+        run_on_terminal({"factory", "wifi-test"}, [](const std::string &) { return ""; });
     EXPECT_EQ(test.code, 0) << test.out;
-    EXPECT_NE(test.out.find("netmgrctl: running the Wi-Fi test (0 s)"), std::string::npos)
-        << test.out;
+    EXPECT_THAT(test.out, HasSubstr("netmgrctl: running the Wi-Fi test (0 s)"));
     Outcome piped = run_ctl({"factory", "wifi-test"});
     EXPECT_EQ(piped.code, 0) << piped.err;
     EXPECT_EQ(piped.err.find(" s)"), std::string::npos) << piped.err;
@@ -762,13 +695,13 @@ TEST_F(NetmgrctlTest, TerminalShowsProgressAndEndsAnInterruptedPrompt)
         if (typed || out.find("Passphrase for \"home\": ") == std::string::npos)
             return std::string();
         typed = true;
-        return std::string("");
+        return std::string("\x03");
     });
     EXPECT_EQ(interrupted.code, 128 + SIGINT) << interrupted.out;
     size_t prompt = interrupted.out.rfind("Passphrase for \"home\": ");
     ASSERT_NE(prompt, std::string::npos) << interrupted.out;
     std::string after = interrupted.out.substr(prompt + strlen("Passphrase for \"home\": "));
-    EXPECT_NE(after.find('\n'), std::string::npos) << "the prompt's line was not ended";
+    EXPECT_THAT(after, HasSubstr("\n")) << "the prompt's line was not ended";
 }
 
 TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
@@ -777,17 +710,15 @@ TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
     sim_.add_technology("wifi", true);
     sim_.add_network(home());
     sim_.add_network(cafe());
-    sim_.add_network(network("wifi_020000000013_686f6d65_managed_none", "home", "none"));
+    sim_.add_network(wifi("wifi_020000000013_686f6d65_managed_none", "home"));
     ASSERT_TRUE(sim_.start(buses_.system.address()));
 
     for (const char *action : {"connect", "forget"}) {
         Outcome twice = run_ctl({"wifi", action, "home"});
         EXPECT_EQ(twice.code, 1) << twice.err;
-        EXPECT_NE(twice.err.find("2 networks are called home"), std::string::npos) << twice.err;
-        EXPECT_NE(twice.err.find(service_path(kHome)), std::string::npos) << twice.err;
-        EXPECT_NE(twice.err.find(service_path("wifi_020000000013_686f6d65_managed_none")),
-                  std::string::npos)
-            << twice.err;
+        EXPECT_THAT(twice.err, HasSubstr("2 networks are called home"));
+        EXPECT_THAT(twice.err, HasSubstr(service_path(kHome)));
+        EXPECT_THAT(twice.err, HasSubstr(service_path("wifi_020000000013_686f6d65_managed_none")));
     }
     EXPECT_EQ(sim_.count_calls("Connect"), 0);
     EXPECT_EQ(sim_.count_calls("Remove"), 0);
@@ -822,7 +753,7 @@ TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
     EXPECT_EQ(objects[0]["echo"].asString(), "hello there");
     EXPECT_EQ(objects[1]["code"].asInt(), 3);
     EXPECT_FALSE(objects[1]["ok"].asBool());
-    EXPECT_NE(script.err.find("from the shell"), std::string::npos) << script.err;
+    EXPECT_THAT(script.err, HasSubstr("from the shell"));
 
     // The manual page and the completion in the tree are what the program
     // generates, and they cover every command of --help.
@@ -831,7 +762,7 @@ TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
     for (const char *kind : {"man", "bash-completion"}) {
         std::string file =
             kind == std::string("man") ? "/netmgrctl.1" : "/netmgrctl.bash-completion";
-        EXPECT_EQ(run_ctl({"--generate", kind}).out, read_file((NETMGRCTL_DOCS_DIR + file).c_str()))
+        EXPECT_EQ(run_ctl({"--generate", kind}).out, read_file(NETMGRCTL_DOCS_DIR + file))
             << "regenerate with: netmgrctl --generate " << kind << " > tools/netmgrctl" << file;
     }
     for (size_t at; (at = man.find("\\-")) != std::string::npos;)
@@ -860,13 +791,13 @@ TEST_F(NetmgrctlTest, VersionJsonScriptsAndDocsFollowTheProgram)
             break;
         std::string name = line.substr(2, line.find(' ', 2) - 2);
         listed++;
-        EXPECT_NE(man.find(".SS " + name + "\n"), std::string::npos) << name;
-        EXPECT_NE(commands.find(" " + name + " "), std::string::npos) << name << commands;
+        EXPECT_THAT(man, HasSubstr(".SS " + name + "\n")) << name;
+        EXPECT_THAT(commands, HasSubstr(" " + name + " ")) << name;
     }
     EXPECT_GE(listed, 13) << help.out;
     std::string wifi = complete("netmgrctl wifi ''", 2);
     for (const char *action : {"on", "off", "scan", "list", "connect", "hidden", "forget",
                                "disconnect", "cancel", "--passphrase"})
-        EXPECT_NE(wifi.find(std::string(" ") + action + " "), std::string::npos) << wifi;
-    EXPECT_NE(man.find("netmgrctl wifi forget PATH|NAME"), std::string::npos);
+        EXPECT_THAT(wifi, HasSubstr(std::string(" ") + action + " "));
+    EXPECT_THAT(man, HasSubstr("netmgrctl wifi forget PATH|NAME"));
 }

@@ -289,39 +289,6 @@ void Scenario::release_service_thread()
     hold_cv.notify_all();
 }
 
-connman_sim::Network Scenario::wifi(const std::string &ident, const std::string &name,
-                                    const std::string &security, uint8_t strength)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.name = name;
-    network.security = {security};
-    network.strength = strength;
-    if (security != "none")
-        network.passphrase = "correct horse";
-    return network;
-}
-
-connman_sim::Network Scenario::hidden_wifi(const std::string &ident, const std::string &security,
-                                           const std::string &hidden_name, uint8_t strength)
-{
-    connman_sim::Network network = wifi(ident, "", security, strength);
-    network.hidden = true;
-    network.hidden_name = hidden_name;
-    return network;
-}
-
-connman_sim::Network Scenario::cable(const std::string &ident, bool carrier)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.type = "ethernet";
-    network.name = "Wired";
-    network.interface = "eth0";
-    network.carrier = carrier;
-    return network;
-}
-
 int main(int argc, char **argv)
 {
     ::testing::InitGoogleTest(&argc, argv);

@@ -22,6 +22,7 @@
 #include "connman_sim.h"
 #include "core/internal.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/sim_networks.h"
 
 struct RecordedEvent {
     NetMgrEvent code;
@@ -97,18 +98,6 @@ class Scenario : public ::testing::Test
     // Keeps the service thread busy until release_service_thread().
     static void hold_service_thread();
     static void release_service_thread();
-
-    static std::string service_path(const std::string &ident)
-    {
-        return "/net/connman/service/" + ident;
-    }
-    static connman_sim::Network wifi(const std::string &ident, const std::string &name,
-                                     const std::string &security = "none", uint8_t strength = 60);
-    // A network without a broadcast name; the agent must answer hidden_name.
-    static connman_sim::Network hidden_wifi(const std::string &ident, const std::string &security,
-                                            const std::string &hidden_name, uint8_t strength = 60);
-    // A wired service on eth0 named "Wired".
-    static connman_sim::Network cable(const std::string &ident, bool carrier = true);
 
     connman_sim::Simulator &sim;
     EventRecorder &events = EventRecorder::instance();
