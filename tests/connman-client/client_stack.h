@@ -81,7 +81,6 @@ class ClientStack
     bool run_until(const std::function<bool()> &pred, int timeout_ms = 5000)
     {
         return run_loop_until(
-            nullptr,
             [&] {
                 connman.pump();
                 return pred();
@@ -147,7 +146,7 @@ class ClientStack
         };
         int before = unread();
         connman.emit(path, interface, member, args);
-        ASSERT_TRUE(wait_until([&] { return unread() > before; }, 5000));
+        ASSERT_TRUE(wait_until([&] { return unread() > before; }));
     }
 
     // ConnMan's presence as the interface reported it.

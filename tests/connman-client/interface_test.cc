@@ -62,9 +62,9 @@ class InterfaceTest : public ClientStackTest
     {
         return connman_interface_get_connection() == nullptr &&
                connman_interface_get_session_connection() == nullptr &&
-               wait_until([&] { return count_clients(buses.system.address()) == 1; }, 5000) &&
-               wait_until([&] { return count_clients(buses.session.address()) == session_clients; },
-                          5000);
+               wait_until([&] { return count_clients(buses.system.address()) == 1; }) &&
+               wait_until(
+                   [&] { return count_clients(buses.session.address()) == session_clients; });
     }
 };
 

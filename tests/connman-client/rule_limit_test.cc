@@ -38,7 +38,7 @@ std::string ident(int i)
 
 bool run_until(const std::function<bool()> &pred, int timeout_ms = 5000)
 {
-    return run_loop_until(nullptr, pred, timeout_ms);
+    return run_loop_until(pred, timeout_ms);
 }
 
 bool all_at(uint8_t strength)

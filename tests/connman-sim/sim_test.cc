@@ -255,11 +255,11 @@ TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
         return printed;
     };
     EXPECT_TRUE(wait_until(
-        [&] { return properties().find("'Strength': <byte 0x32>") != std::string::npos; }, 5000));
+        [&] { return properties().find("'Strength': <byte 0x32>") != std::string::npos; }));
     fputs("no-such-command\nstrength wifi_1_6e6574_managed_none 10\n", in);
     fflush(in);
     EXPECT_TRUE(wait_until(
-        [&] { return properties().find("'Strength': <byte 0x0a>") != std::string::npos; }, 5000));
+        [&] { return properties().find("'Strength': <byte 0x0a>") != std::string::npos; }));
     fputs("quit\n", in);
     int status = pclose(in);
     ASSERT_TRUE(WIFEXITED(status));

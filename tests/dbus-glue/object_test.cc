@@ -271,12 +271,10 @@ TEST_F(ObjectTest, CallsAreDispatchedBySignatureAndFlags)
     // An asynchronous method answers when it is ready.
     DBusPendingCall *pending =
         send(request("/obj", "org.test.Obj", "Later", DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID));
-    ASSERT_TRUE(run_loop_until(
-        nullptr, [] { return held != nullptr; }, 5000));
+    ASSERT_TRUE(run_loop_until([] { return held != nullptr; }));
     EXPECT_FALSE(dbus_pending_call_get_completed(pending));
     EXPECT_TRUE(g_dbus_send_reply(conn, held, DBUS_TYPE_INVALID));
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return dbus_pending_call_get_completed(pending); }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return dbus_pending_call_get_completed(pending); }));
     dbus_pending_call_unref(pending);
 
     // A no-reply method's own reply is discarded.
@@ -394,15 +392,13 @@ TEST_F(ObjectTest, PropertiesGetGetAllAndSet)
     for (const char *error : {static_cast<const char *>(nullptr), "org.test.Error.Busy"}) {
         values.pending = 0;
         DBusPendingCall *pending = send(set_request("Level", DBUS_TYPE_INT32, &level, "i"));
-        ASSERT_TRUE(run_loop_until(
-            nullptr, [&] { return values.pending != 0; }, 5000));
+        ASSERT_TRUE(run_loop_until([&] { return values.pending != 0; }));
         EXPECT_EQ(values.requested, 9);
         EXPECT_FALSE(dbus_pending_call_get_completed(pending));
         if (error)
             g_dbus_pending_property_error(values.pending, error, "busy");
         g_dbus_pending_property_success(values.pending); // ignored once answered
-        ASSERT_TRUE(run_loop_until(
-            nullptr, [&] { return dbus_pending_call_get_completed(pending); }, 5000));
+        ASSERT_TRUE(run_loop_until([&] { return dbus_pending_call_get_completed(pending); }));
         DBusMessage *reply = dbus_pending_call_steal_reply(pending);
         EXPECT_STREQ(dbus_message_get_error_name(reply), error);
         dbus_message_unref(reply);

@@ -133,11 +133,9 @@ TEST_F(WatchTest, ServiceWatchAsksTheBusForAnExistingOwner)
     EXPECT_EQ(absent.connects, 0) << "a name without owner gives no initial call";
 
     ASSERT_TRUE(g_dbus_request_name(peer, "org.test.Later", nullptr));
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return absent.connects == 1; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return absent.connects == 1; }));
     dbus_bus_release_name(peer, "org.test.Svc", nullptr);
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return present.disconnects == 1; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return present.disconnects == 1; }));
     EXPECT_TRUE(g_dbus_remove_watch(conn, id));
     EXPECT_EQ(present.destroyed, 1);
 }
@@ -202,8 +200,7 @@ TEST_F(WatchTest, WellKnownSenderPassesOnlyItsOwnerAsTheBusReportsIt)
     sync_monitor(conn);
     int asked = bus_calls(conn, "GetNameOwner", "org.test.Cached");
     g_dbus_add_service_watch(conn, "org.test.Cached", on_connect, nullptr, &service, nullptr);
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return service.connects == 1; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return service.connects == 1; }));
     sync_monitor(conn);
     EXPECT_EQ(bus_calls(conn, "GetNameOwner", "org.test.Cached"), asked);
     EXPECT_TRUE(g_dbus_is_name_owner(conn, "org.test.Cached", owner.c_str()));
@@ -218,8 +215,7 @@ TEST_F(WatchTest, UniqueNameWatchEndsWithItsName)
     guint id = g_dbus_add_disconnect_watch(conn, unique_name(other).c_str(), on_disconnect, &gone,
                                            on_destroy);
     close_connection(other);
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return gone.destroyed == 1; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return gone.destroyed == 1; }));
     EXPECT_EQ(gone.disconnects, 1);
     EXPECT_FALSE(g_dbus_remove_watch(conn, id));
 }

@@ -359,7 +359,7 @@ TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
 {
     start_wifi_world();
     ASSERT_EQ(run_ctl({"wifi", "connect", "home", "--passphrase", kPassphrase}).code, 0);
-    ASSERT_TRUE(wait_until([this] { return !sim_.agent_registered(); }, 5000));
+    ASSERT_TRUE(wait_until([this] { return !sim_.agent_registered(); }));
 
     auto monitor = std::async(std::launch::async, [] {
         return run_ctl({"monitor", "--json"}, "", [](const std::string &out) {
@@ -727,7 +727,7 @@ TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
     EXPECT_EQ(forget.code, 0) << forget.err;
     // The library sends Remove without waiting for the answer.
     EXPECT_TRUE(
-        wait_until([this] { return sim_.count_calls("Remove", service_path(kCafe)) == 1; }, 5000));
+        wait_until([this] { return sim_.count_calls("Remove", service_path(kCafe)) == 1; }));
 
     Outcome cancel = run_ctl({"wifi", "cancel"});
     EXPECT_EQ(cancel.code, 0) << cancel.err;

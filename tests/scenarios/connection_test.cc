@@ -113,8 +113,8 @@ TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
     EXPECT_EQ("psk", event.wifi.security);
     EXPECT_FALSE(event.wifi.hidden);
     EXPECT_TRUE(NetMgr_CancelWifiConnection());
-    EXPECT_TRUE(wait_until(
-        [&] { return sim.last_agent_reply() == "net.connman.Agent.Error.Canceled"; }, 5000));
+    EXPECT_TRUE(
+        wait_until([&] { return sim.last_agent_reply() == "net.connman.Agent.Error.Canceled"; }));
 
     from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(path));

@@ -54,7 +54,7 @@ TEST_F(FactoryTest, AutotestOnEthernetRunsTheWifiTestAndRestoresEthernet)
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_EQ(stored_type(), NET_TYPE_ETHERNET);
     EXPECT_TRUE(
-        wait_until([this] { return sim.technology_property("wifi", "Powered") == "false"; }, 5000));
+        wait_until([this] { return sim.technology_property("wifi", "Powered") == "false"; }));
     EXPECT_EQ(sim.technology_property("ethernet", "Powered"), "true");
 }
 
@@ -67,12 +67,10 @@ TEST_F(FactoryTest, ResetAfterForcingWifiOnAP2PDeviceLeavesItOnWifi)
     start_sim();
     ASSERT_EQ(NetMgr_GetNetworkType(), NET_TYPE_P2P);
     auto library_sees = [](NetStatus ethernet, NetStatus wifi) {
-        return wait_until(
-            [&] {
-                return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == ethernet &&
-                       NetMgr_GetNetworkStatus(NET_TYPE_WIFI) == wifi;
-            },
-            5000);
+        return wait_until([&] {
+            return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == ethernet &&
+                   NetMgr_GetNetworkStatus(NET_TYPE_WIFI) == wifi;
+        });
     };
     ASSERT_TRUE(library_sees(NET_STATUS_ENABLED, NET_STATUS_DISABLED));
 
@@ -82,8 +80,8 @@ TEST_F(FactoryTest, ResetAfterForcingWifiOnAP2PDeviceLeavesItOnWifi)
     NetMgr_Factory_network_reset();
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_WIFI);
     EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
-    EXPECT_TRUE(wait_until(
-        [this] { return sim.technology_property("ethernet", "Powered") == "true"; }, 5000));
+    EXPECT_TRUE(
+        wait_until([this] { return sim.technology_property("ethernet", "Powered") == "true"; }));
 }
 
 TEST_F(FactoryTest, LinkTestAsksEveryNetworkOfTheNameToConnect)

@@ -127,6 +127,6 @@ TEST_F(StartTest, ConnmanLeavingRestartsTheDaemonsAndItsReturnBringsTheClientsBa
     // The name watch stays, so the daemon's return brings connman_up again.
     start_sim();
     EXPECT_TRUE(wait_until(
-        [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }, 5000));
+        [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }));
     EXPECT_EQ(count_command("/etc/init.d/S45connman restart"), 1);
 }

@@ -67,10 +67,10 @@ TEST_F(StatusTest, NetworkEnableFollowsConnmansOfflineMode)
     start_library();
     EXPECT_FALSE(NetMgr_GetNetworkEnable()) << "without ConnMan, offline";
     start_sim();
-    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
+    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }));
     sim.set_offline_mode(true);
-    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 5000));
+    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }));
     EXPECT_TRUE(NetMgr_SetNetworkEnable(true));
-    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
+    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }));
     EXPECT_FALSE(sim.offline_mode());
 }

@@ -27,7 +27,7 @@ class TechnologyScenario : public Scenario
     bool wait_powered(const std::string &type, bool powered)
     {
         const char *text = powered ? "true" : "false";
-        return wait_until([&] { return sim.technology_property(type, "Powered") == text; }, 5000);
+        return wait_until([&] { return sim.technology_property(type, "Powered") == text; });
     }
 };
 
@@ -50,7 +50,7 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     sim.set_carrier(kCable, true);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
     EXPECT_TRUE(wait_powered("wifi", false));
-    EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }, 5000));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }));
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
 
     // While the cable is connected Wi-Fi cannot be chosen.
@@ -64,7 +64,7 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     sim.set_carrier(kCable, false);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED, from));
-    EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }, 5000));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from, nullptr, 15000));
     EXPECT_EQ("ready", sim.service_state(kHome));
 }
@@ -144,12 +144,10 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     EXPECT_EQ(NETMGR_EVT_WIFI_CONNECTED, (first + 1)->code);
 
     NetConnInfo info;
-    ASSERT_TRUE(wait_until(
-        [&] {
-            NetMgr_GetCurrentConnInfo(&info);
-            return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
-        },
-        5000));
+    ASSERT_TRUE(wait_until([&] {
+        NetMgr_GetCurrentConnInfo(&info);
+        return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
+    }));
     EXPECT_EQ("192.0.2.53", info.dns1);
     EXPECT_EQ("192.0.2.54", info.dns2);
     EXPECT_EQ("2001:db8::10", info.ipv6Address);
@@ -164,12 +162,10 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     config.gateway = "192.0.2.1";
     config.dns1 = "192.0.2.99";
     ASSERT_TRUE(NetMgr_SetIPv4Config(&config));
-    EXPECT_TRUE(wait_until(
-        [&] {
-            NetMgr_GetCurrentConnInfo(&info);
-            return info.dns1 == "192.0.2.99";
-        },
-        5000));
+    EXPECT_TRUE(wait_until([&] {
+        NetMgr_GetCurrentConnInfo(&info);
+        return info.dns1 == "192.0.2.99";
+    }));
     EXPECT_EQ("192.0.2.54", info.dns2);
 }
 
