@@ -3,17 +3,18 @@
 // sees the library register its agent.
 #pragma once
 
-#include <dbus/dbus.h>
+#include <gio/gio.h>
 
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 // Property dictionaries flattened to text: nested dictionaries as
-// "IPv4.Address", string arrays joined with ",", booleans "true"/"false".
+// "IPv4.Address", string arrays joined with ",", strings as they are and
+// other values as GVariant text (booleans "true"/"false").
 using Properties = std::map<std::string, std::string>;
 
 class ConnmanProbe
@@ -34,10 +35,11 @@ class ConnmanProbe
     std::string name_owner(const std::string &name);
 
   private:
-    DBusMessage *call(DBusMessage *msg);
+    GVariant *call(const char *path, const char *interface, const char *method,
+                   GVariant *args = nullptr);
     bool object_list(const char *method, const std::string &type, Properties *out);
 
-    DBusConnection *conn_ = nullptr;
+    GDBusConnection *conn_ = nullptr;
 };
 
 // Watches calls on the bus as a monitor: the library's RegisterAgent calls
@@ -53,7 +55,7 @@ class BusWatch
         std::string sender;
         std::string destination;
         std::string path; // RegisterAgent: its argument; other calls: the object
-        dbus_uint32_t serial = 0;
+        uint32_t serial = 0;
         bool answered = false;
     };
 
@@ -69,13 +71,12 @@ class BusWatch
     std::vector<Call> calls(const std::string &member);
 
   private:
-    void run();
-    void handle(DBusMessage *msg);
+    static GDBusMessage *filter(GDBusConnection *, GDBusMessage *msg, gboolean incoming,
+                                gpointer self);
+    bool wait(int timeout_ms, const std::function<bool()> &done);
 
-    DBusConnection *conn_ = nullptr;
+    GDBusConnection *conn_ = nullptr;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Call> calls_;
-    bool stop_ = false;
-    std::thread thread_;
 };
