@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -49,40 +50,15 @@ std::string tool(const std::string &name)
     return path;
 }
 
-std::vector<char *> to_argv(const std::vector<std::string> &args)
-{
-    std::vector<char *> argv;
-    for (const auto &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    return argv;
-}
-
-// Starts argv with stdin from /dev/null and stdout and stderr on out.
-// Everything the child needs is prepared before fork, because the library's
-// threads may be running.
-pid_t spawn(const std::vector<std::string> &args, int out)
-{
-    std::vector<char *> argv = to_argv(args);
-    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(in);
-    return pid;
-}
-
+// Starts args with stdin from /dev/null and stdout and stderr on log.
 pid_t spawn(const std::vector<std::string> &args, const std::string &log)
 {
     int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0)
+    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (out < 0 || in < 0)
         throw std::runtime_error("cannot open " + log);
-    pid_t pid = spawn(args, out);
+    pid_t pid = ::spawn(args, in, out, out);
+    close(in);
     close(out);
     if (pid < 0)
         throw std::runtime_error("fork failed");
@@ -131,12 +107,6 @@ void reap(pid_t pid, int timeout_ms)
     }
 }
 
-std::string read_file(const std::string &path)
-{
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
 void write_file(const std::string &path, const std::string &text)
 {
     std::ofstream out(path);
@@ -160,7 +130,7 @@ std::string check_machine()
 {
     if (geteuid() != 0)
         return "needs root: it creates network namespaces";
-    for (const char *name : {"ip", "dnsmasq", "ethtool", "unshare", "mount"}) {
+    for (const char *name : {"ip", "dnsmasq", "ethtool", "unshare", "mount", "setsid"}) {
         if (find_tool(name).empty())
             return std::string(name) + " is not installed";
     }
@@ -192,7 +162,9 @@ int run_command(const std::vector<std::string> &args, std::string *output)
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)
         return -1;
-    pid_t pid = spawn(args, fds[1]);
+    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    pid_t pid = spawn(args, in, fds[1], fds[1]);
+    close(in);
     close(fds[1]);
     std::string text;
     char buf[512];
@@ -251,24 +223,17 @@ void RealConnman::start_guardian()
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)
         throw std::runtime_error("pipe failed");
-    std::vector<std::string> args = {
-        tool("sh"), "-c",
-        "cat >/dev/null\n"
-        "for f in $(ls -r \"$1/cleanup.d\" 2>/dev/null); do sh \"$1/cleanup.d/$f\" >/dev/null "
-        "2>&1; done\n"
-        "rm -rf \"$1\"\n",
-        "netmgr-guardian", dir_};
-    std::vector<char *> argv = to_argv(args);
-    pid_t pid = fork();
+    pid_t pid =
+        ::spawn({tool("setsid"), tool("sh"), "-c",
+                 "cat >/dev/null\n"
+                 "for f in $(ls -r \"$1/cleanup.d\" 2>/dev/null); do sh \"$1/cleanup.d/$f\" "
+                 ">/dev/null 2>&1; done\n"
+                 "rm -rf \"$1\"\n",
+                 "netmgr-guardian", dir_},
+                fds[0], -1, -1);
+    close(fds[0]);
     if (pid < 0)
         throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        setsid();
-        dup2(fds[0], 0);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[0]);
     guardian_fd_ = fds[1];
 }
 

@@ -33,7 +33,6 @@ class RealConnman
     void start_daemon();
     // SIGTERM, then SIGKILL after a grace period; the daemon is reaped.
     void stop_daemon();
-    pid_t daemon_pid() const { return connmand_pid_; }
 
     // Carrier of the far end (vB), as pulling and plugging the cable.
     void set_far_end_up(bool up);
@@ -48,8 +47,6 @@ class RealConnman
     void adopt_process(pid_t pid, const std::string &dir_to_remove);
 
     const std::string &dir() const { return dir_; }
-    const std::string &ns_a() const { return ns_a_; }
-    const std::string &ns_b() const { return ns_b_; }
     std::string daemon_log() const;
 
   private:

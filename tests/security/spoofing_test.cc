@@ -89,17 +89,16 @@ const char *const kAgentCalls =
 // and lets nobody call methods on others.
 TEST_F(Spoofing, ForgedOwnerChangesAndDaemonSignalsChangeNothing)
 {
-    static PolicyBus bus;
-    if (!bus.reason().empty())
-        GTEST_SKIP() << bus.reason();
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1);
-    ASSERT_NO_FATAL_FAILURE(start_on(bus.address()));
+    std::string reason, address = start_policy_bus(&reason);
+    if (address.empty())
+        GTEST_SKIP() << reason;
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    ASSERT_NO_FATAL_FAILURE(start_on(address));
     size_t from = events.mark();
     int commands_before = static_cast<int>(commands().size());
 
-    std::string out =
-        attack(bus.address(),
-               std::string("owner-lost owner-taken services wifi-off ") + kAgentCalls, true);
+    std::string out = attack(
+        address, std::string("owner-lost owner-taken services wifi-off ") + kAgentCalls, true);
     if (!skip_reason.empty())
         GTEST_SKIP() << skip_reason;
     ASSERT_NO_FATAL_FAILURE(settle());
