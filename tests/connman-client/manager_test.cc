@@ -42,13 +42,10 @@ TEST_F(ManagerTest, BeforeInitDefaultsAndStateNames)
     EXPECT_EQ(-EINVAL, connman_manager_get_properties(record_property, nullptr));
     EXPECT_EQ(-EINVAL, __connman_manager_get_technologies(count_technologies));
 
-    EXPECT_EQ(1u, string2enum_state("offline"));
-    EXPECT_EQ(2u, string2enum_state("idle"));
-    EXPECT_EQ(3u, string2enum_state("ready"));
-    EXPECT_EQ(4u, string2enum_state("online"));
+    // idle, ready and online are read from the daemon below.
     EXPECT_EQ(5u, string2enum_state("failure"));
-    EXPECT_EQ(1u, string2enum_state("association"));
-    EXPECT_EQ(1u, string2enum_state(nullptr));
+    for (const char *other : {"offline", "association", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(1u, string2enum_state(other)) << (other ? other : "null");
 }
 
 TEST_F(ManagerTest, PropertiesAreMirroredAndChangesCoalesced)

@@ -41,18 +41,10 @@ class ServiceTest : public ::testing::Test
   protected:
     void SetUp() override { heard = Heard(); }
 };
-class ServiceList : public ServiceTest
-{
-};
-class ServiceProperties : public ServiceTest
-{
-};
-class ServiceWrites : public ServiceTest
-{
-};
-class ServiceCalls : public ServiceTest
-{
-};
+using ServiceList = ServiceTest;
+using ServiceProperties = ServiceTest;
+using ServiceWrites = ServiceTest;
+using ServiceCalls = ServiceTest;
 
 void count_refresh(void *user_data)
 {
