@@ -16,6 +16,7 @@
 #include "platform/zelstorageclient.h"
 #include "tests/real-connman/bus_probe.h"
 #include "tests/real-connman/harness.h"
+#include "tests/scenarios/scenario.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 
@@ -26,45 +27,7 @@ const char *const kAgentPath = "/net/connman/agent/gaskaidra";
 // DHCP on the veth takes several seconds after the link comes up.
 const int kLinkTimeoutMs = 30000;
 
-// Events as the library raised them, in order.
-std::mutex events_mutex;
-std::vector<int> event_codes;
-
-int record_event(NetMgrEvent event, void *)
-{
-    std::lock_guard<std::mutex> lock(events_mutex);
-    event_codes.push_back(event);
-    return 0;
-}
-
-std::vector<int> events_since(size_t from)
-{
-    std::lock_guard<std::mutex> lock(events_mutex);
-    return std::vector<int>(event_codes.begin() +
-                                static_cast<long>(std::min(from, event_codes.size())),
-                            event_codes.end());
-}
-
-size_t events_seen()
-{
-    return events_since(0).size();
-}
-
-// Position of the first code at or after from, waiting up to timeout_ms; -1
-// when it did not come.
-long wait_for_event(int code, size_t from, int timeout_ms)
-{
-    long at = -1;
-    wait_until(
-        [&] {
-            std::vector<int> seen = events_since(from);
-            auto it = std::find(seen.begin(), seen.end(), code);
-            at = it == seen.end() ? -1 : static_cast<long>(from) + (it - seen.begin());
-            return at >= 0;
-        },
-        timeout_ms);
-    return at;
-}
+EventRecorder &events = EventRecorder::instance();
 
 // One or more "enabled" followed by one "connected": the library looks at the
 // technologies twice when it starts (once more after subscribing to their
@@ -167,7 +130,7 @@ class RealConnmanTest : public ::testing::Test
         }
     }
 
-    void start_library() { ASSERT_EQ(NetMgr_StartRoutine(record_event), 0); }
+    void start_library() { ASSERT_EQ(NetMgr_StartRoutine(EventRecorder::callback), 0); }
 
     // Daemon with the cable connected, library started and the connection
     // announced.
@@ -175,10 +138,12 @@ class RealConnmanTest : public ::testing::Test
     {
         ASSERT_NO_FATAL_FAILURE(start_daemon(true));
         ASSERT_NO_FATAL_FAILURE(start_library());
-        long enabled = wait_for_event(NETMGR_EVT_ETHERNET_ENABLED, 0, 10000);
-        ASSERT_GE(enabled, 0) << ::testing::PrintToString(events_since(0));
-        ASSERT_GE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED, enabled, 10000), 0)
-            << ::testing::PrintToString(events_since(0));
+        long enabled = events.wait_index(NETMGR_EVT_ETHERNET_ENABLED, 10000);
+        ASSERT_GE(enabled, 0) << ::testing::PrintToString(events.codes(0));
+        ASSERT_GE(
+            events.wait_index(NETMGR_EVT_ETHERNET_CONNECTED, 10000, static_cast<size_t>(enabled)),
+            0)
+            << ::testing::PrintToString(events.codes(0));
     }
 
     Properties ethernet_service()
@@ -190,12 +155,12 @@ class RealConnmanTest : public ::testing::Test
 
     // Position of the next event code after from; fails the test when it
     // does not come.
-    size_t expect_event(int code, size_t from, int timeout_ms = kLinkTimeoutMs)
+    size_t expect_event(NetMgrEvent code, size_t from, int timeout_ms = kLinkTimeoutMs)
     {
-        long at = wait_for_event(code, from, timeout_ms);
+        long at = events.wait_index(code, timeout_ms, from);
         EXPECT_GE(at, 0) << "event " << code
-                         << " missing; seen: " << ::testing::PrintToString(events_since(from));
-        return at < 0 ? events_seen() : static_cast<size_t>(at);
+                         << " missing; seen: " << ::testing::PrintToString(events.codes(from));
+        return at < 0 ? events.mark() : static_cast<size_t>(at);
     }
 
     // Waits until the daemon has answered the library's technology
@@ -228,15 +193,15 @@ TEST_F(RealConnmanTest, EnableEthernetReportsLeaseDetails)
     expect_event(NETMGR_EVT_ETHERNET_DISABLED, 0, 10000);
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     ASSERT_TRUE(NetMgr_EnableEthernet());
     size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
     // The second look at start may still report the technology off.
-    std::vector<int> seen = events_since(before);
+    std::vector<int> seen = events.codes(before);
     seen.erase(seen.begin(), std::find_if(seen.begin(), seen.end(),
                                           [](int c) { return c != NETMGR_EVT_ETHERNET_DISABLED; }));
-    EXPECT_TRUE(enabled_then_connected(seen)) << ::testing::PrintToString(events_since(before));
+    EXPECT_TRUE(enabled_then_connected(seen)) << ::testing::PrintToString(events.codes(before));
 
     NetConnInfo info;
     ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
@@ -272,7 +237,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
     manual.netmask = "255.255.255.0";
     manual.gateway = "192.0.2.1";
     manual.dns1 = "192.0.2.53";
-    size_t before = events_seen();
+    size_t before = events.mark();
     ASSERT_TRUE(NetMgr_SetIPv4Config(&manual));
     EXPECT_TRUE(
         wait_until([&] { return peer->addresses() == std::vector<std::string>{"192.0.2.20/24"}; },
@@ -296,7 +261,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
     // The daemon takes the connection down and up again: the library
     // announces the new configuration and reports no loss.
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
-    EXPECT_EQ(events_since(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
+    EXPECT_EQ(events.codes(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
     NetConnInfo info;
     EXPECT_TRUE(wait_until(
         [&] { return NetMgr_GetCurrentConnInfo(&info) && info.ipv4Address == "192.0.2.20"; },
@@ -306,7 +271,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
     // Any method but "manual" means DHCP, and clears the name servers.
     NetIPv4Config dhcp;
     dhcp.method = "static";
-    before = events_seen();
+    before = events.mark();
     ASSERT_TRUE(NetMgr_SetIPv4Config(&dhcp));
     EXPECT_TRUE(wait_until(
         [&] {
@@ -375,10 +340,10 @@ TEST_F(RealConnmanTest, CarrierLossAndReturn)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     peer->set_far_end_up(false);
     expect_event(NETMGR_EVT_ETHERNET_DISCONNECTED, before);
-    EXPECT_EQ(events_since(before), std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED});
+    EXPECT_EQ(events.codes(before), std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED});
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_ENABLED);
     NetConnInfo info;
     info.ipv4Address = "stale";
@@ -386,10 +351,10 @@ TEST_F(RealConnmanTest, CarrierLossAndReturn)
     EXPECT_EQ(info.ipv4Address, "");
     EXPECT_EQ(info.macAddress, "");
 
-    before = events_seen();
+    before = events.mark();
     peer->set_far_end_up(true);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
-    EXPECT_EQ(events_since(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
+    EXPECT_EQ(events.codes(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
     ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
     EXPECT_TRUE(in_lease_range(info.ipv4Address)) << info.ipv4Address;
@@ -402,30 +367,30 @@ TEST_F(RealConnmanTest, PowerDownResetSilencesLossAndAnnouncesReturn)
     ASSERT_NO_FATAL_FAILURE(start_connected());
     NetMgr_PowerDownResetNetworkStatus();
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     peer->set_far_end_up(false);
     ASSERT_TRUE(wait_until(
         [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }, 10000));
     peer->set_far_end_up(true);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
-    EXPECT_EQ(events_since(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
+    EXPECT_EQ(events.codes(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
 }
 
 TEST_F(RealConnmanTest, DisableAndEnableEthernet)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     ASSERT_TRUE(NetMgr_DisableEthernet());
     expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
     // The daemon drops the connection before it switches the link off.
-    EXPECT_EQ(events_since(before),
+    EXPECT_EQ(events.codes(before),
               (std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED, NETMGR_EVT_ETHERNET_DISABLED}));
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
     EXPECT_TRUE(wait_until([&] { return peer->addresses().empty(); }, 10000));
     ASSERT_NO_FATAL_FAILURE(settle_technology_calls());
 
-    before = events_seen();
+    before = events.mark();
     ASSERT_TRUE(NetMgr_EnableEthernet());
     size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
@@ -440,7 +405,7 @@ TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
     EXPECT_EQ(manager["OfflineMode"], "false");
     EXPECT_TRUE(NetMgr_GetNetworkEnable());
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     ASSERT_TRUE(NetMgr_SetNetworkEnable(false));
     EXPECT_TRUE(wait_until(
         [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == "true"; },
@@ -450,7 +415,7 @@ TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
     expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
 
-    before = events_seen();
+    before = events.mark();
     ASSERT_TRUE(NetMgr_SetNetworkEnable(true));
     EXPECT_TRUE(wait_until(
         [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == "false"; },
@@ -468,8 +433,8 @@ TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
 TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
-    EXPECT_TRUE(enabled_then_connected(events_since(0)))
-        << ::testing::PrintToString(events_since(0));
+    EXPECT_TRUE(enabled_then_connected(events.codes(0)))
+        << ::testing::PrintToString(events.codes(0));
     EXPECT_NE(ConnmanProbe(buses->session.address()).name_owner("net.connman.Gaskaidra"), "");
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_TRUE(NetMgr_GetNetworkEnable());
@@ -477,7 +442,7 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     EXPECT_EQ(bus->calls("RegisterAgent")[0].path, kAgentPath);
     EXPECT_EQ(bus->calls("RegisterAgent")[0].destination, "net.connman");
 
-    size_t before = events_seen();
+    size_t before = events.mark();
     peer->stop_daemon();
     // The daemon releases every agent it holds when it stops: proof that it
     // accepted the registration.
@@ -502,15 +467,4 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     peer->stop_daemon();
     ASSERT_TRUE(bus->wait_calls("Release", 2, 5000));
     EXPECT_EQ(bus->calls("Release")[1].destination, registered[1].sender);
-}
-
-// The library's service thread runs until the process ends; leaving through
-// _exit keeps static destructors from running underneath it.
-int main(int argc, char **argv)
-{
-    ::testing::InitGoogleTest(&argc, argv);
-    int rc = RUN_ALL_TESTS();
-    fflush(stdout);
-    fflush(stderr);
-    _exit(rc);
 }

@@ -141,18 +141,21 @@ size_t EventRecorder::mark() const
 bool EventRecorder::wait_for_event(NetMgrEvent code, int timeout_ms, size_t from,
                                    RecordedEvent *out)
 {
+    return wait_index(code, timeout_ms, from, out) >= 0;
+}
+
+long EventRecorder::wait_index(NetMgrEvent code, int timeout_ms, size_t from, RecordedEvent *out)
+{
     std::unique_lock<std::mutex> lock(mutex_);
-    auto found = [&]() -> const RecordedEvent * {
-        for (size_t i = from; i < events_.size(); i++)
-            if (events_[i].code == code)
-                return &events_[i];
-        return nullptr;
-    };
-    bool arrived = arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                                     [&] { return found() != nullptr; });
-    if (arrived && out)
-        *out = *found();
-    return arrived;
+    long at = -1;
+    arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        for (size_t i = from; at < 0 && i < events_.size(); i++)
+            at = events_[i].code == code ? static_cast<long>(i) : -1;
+        return at >= 0;
+    });
+    if (at >= 0 && out)
+        *out = events_[static_cast<size_t>(at)];
+    return at;
 }
 
 int EventRecorder::count(NetMgrEvent code, size_t from) const
@@ -160,6 +163,14 @@ int EventRecorder::count(NetMgrEvent code, size_t from) const
     std::vector<RecordedEvent> seen = events(from);
     return static_cast<int>(std::count_if(seen.begin(), seen.end(),
                                           [&](const RecordedEvent &e) { return e.code == code; }));
+}
+
+std::vector<int> EventRecorder::codes(size_t from) const
+{
+    std::vector<int> codes;
+    for (const RecordedEvent &event : events(from))
+        codes.push_back(event.code);
+    return codes;
 }
 
 std::vector<RecordedEvent> EventRecorder::events(size_t from) const

@@ -45,8 +45,12 @@ class EventRecorder
     // Waits until an event `code` at index >= from has arrived; copies it.
     bool wait_for_event(NetMgrEvent code, int timeout_ms, size_t from = 0,
                         RecordedEvent *out = nullptr);
+    // The index of that event, or -1 when it did not come.
+    long wait_index(NetMgrEvent code, int timeout_ms, size_t from = 0,
+                    RecordedEvent *out = nullptr);
     int count(NetMgrEvent code, size_t from = 0) const;
     std::vector<RecordedEvent> events(size_t from = 0) const;
+    std::vector<int> codes(size_t from = 0) const;
 
   private:
     EventRecorder() = default;
