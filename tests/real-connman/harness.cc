@@ -1,6 +1,5 @@
 #include "tests/real-connman/harness.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -159,29 +158,19 @@ std::string check_machine()
 
 int run_command(const std::vector<std::string> &args, std::string *output)
 {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) < 0)
-        return -1;
-    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    pid_t pid = spawn(args, in, fds[1], fds[1]);
-    close(in);
-    close(fds[1]);
-    std::string text;
-    char buf[512];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof(buf))) != 0) {
-        if (n > 0)
-            text.append(buf, static_cast<size_t>(n));
-        else if (errno != EINTR)
-            break;
-    }
-    close(fds[0]);
-    int status = 0;
-    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    std::vector<char *> argv;
+    for (const std::string &arg : args)
+        argv.push_back(const_cast<char *>(arg.c_str()));
+    argv.push_back(nullptr);
+    gchar *out = nullptr, *err = nullptr;
+    gint status = 0;
+    bool ran = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+                            &out, &err, &status, nullptr);
     if (output)
-        *output = text;
-    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        *output = std::string(out ? out : "") + (err ? err : "");
+    g_free(out);
+    g_free(err);
+    return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string RealConnman::unavailable_reason()

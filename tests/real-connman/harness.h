@@ -66,5 +66,5 @@ class RealConnman
 };
 
 // Runs argv, waits for it and returns its exit status (-1 when it could not be
-// run); output, when given, receives stdout and stderr together.
+// run); output, when given, receives stdout and then stderr.
 int run_command(const std::vector<std::string> &argv, std::string *output = nullptr);

@@ -138,12 +138,17 @@ class RealConnmanTest : public ::testing::Test
     {
         ASSERT_NO_FATAL_FAILURE(start_daemon(true));
         ASSERT_NO_FATAL_FAILURE(start_library());
-        long enabled = events.wait_index(NETMGR_EVT_ETHERNET_ENABLED, 10000);
-        ASSERT_GE(enabled, 0) << ::testing::PrintToString(events.codes(0));
-        ASSERT_GE(
-            events.wait_index(NETMGR_EVT_ETHERNET_CONNECTED, 10000, static_cast<size_t>(enabled)),
-            0)
-            << ::testing::PrintToString(events.codes(0));
+        expect_event(NETMGR_EVT_ETHERNET_CONNECTED,
+                     expect_event(NETMGR_EVT_ETHERNET_ENABLED, 0, 10000), 10000);
+        ASSERT_FALSE(HasFailure());
+    }
+
+    bool offline_mode_becomes(const std::string &value)
+    {
+        Properties manager;
+        return wait_until(
+            [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == value; },
+            10000);
     }
 
     Properties ethernet_service()
@@ -231,12 +236,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
 
-    NetIPv4Config manual;
-    manual.method = "manual";
-    manual.address = "192.0.2.20";
-    manual.netmask = "255.255.255.0";
-    manual.gateway = "192.0.2.1";
-    manual.dns1 = "192.0.2.53";
+    NetIPv4Config manual{"manual", "192.0.2.20", "255.255.255.0", "192.0.2.1", "192.0.2.53", ""};
     size_t before = events.mark();
     ASSERT_TRUE(NetMgr_SetIPv4Config(&manual));
     EXPECT_TRUE(
@@ -400,16 +400,12 @@ TEST_F(RealConnmanTest, DisableAndEnableEthernet)
 TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
-    Properties manager;
-    ASSERT_TRUE(probe->manager_properties(&manager));
-    EXPECT_EQ(manager["OfflineMode"], "false");
+    EXPECT_TRUE(offline_mode_becomes("false"));
     EXPECT_TRUE(NetMgr_GetNetworkEnable());
 
     size_t before = events.mark();
     ASSERT_TRUE(NetMgr_SetNetworkEnable(false));
-    EXPECT_TRUE(wait_until(
-        [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == "true"; },
-        10000));
+    EXPECT_TRUE(offline_mode_becomes("true"));
     EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 10000));
     // Offline mode switches the technologies off.
     expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
@@ -417,9 +413,7 @@ TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
 
     before = events.mark();
     ASSERT_TRUE(NetMgr_SetNetworkEnable(true));
-    EXPECT_TRUE(wait_until(
-        [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == "false"; },
-        10000));
+    EXPECT_TRUE(offline_mode_becomes("false"));
     EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 10000));
     size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);

@@ -50,12 +50,7 @@ TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
 {
     start_with_cable();
 
-    NetIPv4Config manual;
-    manual.method = "manual";
-    manual.address = "192.0.2.77";
-    manual.netmask = "255.255.255.0";
-    manual.gateway = "192.0.2.1";
-    manual.dns1 = "192.0.2.53";
+    NetIPv4Config manual{"manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53", ""};
     EXPECT_TRUE(NetMgr_SetIPv4Config(&manual));
     EXPECT_TRUE(property_becomes("IPv4.Configuration", "'Address': <'192.0.2.77'>"));
     EXPECT_TRUE(property_becomes("Nameservers.Configuration", "['192.0.2.53']"))
@@ -114,12 +109,7 @@ TEST_F(IpConfigTest, Ipv6MethodsAndTheSettingThatFollowsThem)
     EXPECT_FALSE(NetMgr_SetIPv6Config(&dhcp));
     EXPECT_TRUE(ipv6_setting().isNull()) << "a refused method leaves the setting alone";
 
-    NetIPv6Config manual;
-    manual.method = "manual";
-    manual.address = "2001:db8::77";
-    manual.prefixLength = 64;
-    manual.gateway = "2001:db8::1";
-    manual.dns1 = "2001:db8::53";
+    NetIPv6Config manual{"manual", "2001:db8::77", 64, "2001:db8::1", "", "2001:db8::53", ""};
     EXPECT_TRUE(NetMgr_SetIPv6Config(&manual));
     EXPECT_EQ(ipv6_setting(), Json::Value(true));
     EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Address': <'2001:db8::77'>"));

@@ -155,12 +155,7 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
 
     // A single server replaces the first and leaves the second.
-    NetIPv4Config config;
-    config.method = "manual";
-    config.address = "192.0.2.20";
-    config.netmask = "255.255.255.0";
-    config.gateway = "192.0.2.1";
-    config.dns1 = "192.0.2.99";
+    NetIPv4Config config{"manual", "192.0.2.20", "255.255.255.0", "192.0.2.1", "192.0.2.99", ""};
     ASSERT_TRUE(NetMgr_SetIPv4Config(&config));
     EXPECT_TRUE(wait_until([&] {
         NetMgr_GetCurrentConnInfo(&info);
