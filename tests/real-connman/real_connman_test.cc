@@ -5,12 +5,10 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <strings.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <memory>
-#include <mutex>
 
 #include "core/netmgr.h"
 #include "platform/zelstorageclient.h"
