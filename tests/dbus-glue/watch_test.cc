@@ -13,12 +13,19 @@ struct Watcher {
     int calls = 0, connects = 0, disconnects = 0, destroyed = 0;
     guint id = 0;
     std::function<gboolean()> action;
+    // When set, the watcher's name goes here for each Ping or Pong (not for
+    // the fixture's own synchronisation).
+    std::vector<std::string> *log = nullptr;
+    std::string name;
 };
 
-gboolean on_signal(DBusConnection *, DBusMessage *, void *data)
+gboolean on_signal(DBusConnection *, DBusMessage *message, void *data)
 {
     auto *w = static_cast<Watcher *>(data);
     w->calls++;
+    if (w->log &&
+        (dbus_message_has_member(message, "Ping") || dbus_message_has_member(message, "Pong")))
+        w->log->push_back(w->name);
     return w->action ? w->action() : TRUE;
 }
 void on_connect(DBusConnection *, void *data)
@@ -280,41 +287,20 @@ TEST_F(WatchTest, RemovalAndRefusedRegistrations)
     EXPECT_EQ(later.calls, 1);
 }
 
-namespace
-{
-
-struct Ordered {
-    std::vector<std::string> *log;
-    std::string name;
-    gboolean keep = TRUE;
-    std::function<void()> action;
-};
-
-gboolean log_signal(DBusConnection *, DBusMessage *message, void *data)
-{
-    auto *o = static_cast<Ordered *>(data);
-    // Only the test's own signals, not the fixture's synchronisation.
-    if (!dbus_message_has_member(message, "Ping") && !dbus_message_has_member(message, "Pong"))
-        return TRUE;
-    o->log->push_back(o->name);
-    if (o->action)
-        o->action();
-    return o->keep;
-}
-
-} // namespace
-
 // Matches with and without a path are found through different tables;
 // dispatch must still run them in creation order and honour every field.
 TEST_F(WatchTest, MixedPathAndWildcardMatchesRunInCreationOrder)
 {
     std::vector<std::string> log;
-    std::deque<Ordered> o;
     auto add = [&](const char *name, const char *path, const char *member, const char *sender,
                    gboolean keep = TRUE) {
-        o.push_back({&log, name, keep, nullptr});
-        return g_dbus_add_signal_watch(conn, sender, path, "org.test.Iface", member, log_signal,
-                                       &o.back(), nullptr);
+        Watcher &w = make();
+        w.log = &log;
+        w.name = name;
+        if (!keep)
+            w.action = [] { return FALSE; };
+        return g_dbus_add_signal_watch(conn, sender, path, "org.test.Iface", member, on_signal, &w,
+                                       nullptr);
     };
     std::string other = ":9.9";
     ASSERT_NE(add("any-1", nullptr, nullptr, nullptr), 0u);
