@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <future>
 #include <map>
 #include <sstream>
@@ -209,34 +210,30 @@ class NetmgrctlTest : public ::testing::Test
 
 TEST_F(NetmgrctlTest, BadArgumentsExitWithUsageErrors)
 {
-    const std::vector<std::vector<std::string>> bad = {
-        {},
-        {"fly"},
-        {"wifi"},
-        {"wifi", "fly"},
-        {"wifi", "connect"},
-        {"wifi", "list", "--passphrase", "x"},
-        {"wifi", "hidden", "--ssid", "x"},
-        {"wifi", "hidden", "--security", "none", "--ssid", "x", "--passphrase", "y"},
-        {"wifi", "forget", "/not//a/path"},
-        {"status", "extra"},
-        {"--timeout", "soon", "status"},
-        {"--bogus", "status"},
-        {"offline", "maybe"},
-        {"ipv4", "set", "manual", "192.0.2.1"},
-        {"ipv4", "set", "manual", "192.0.2.300", "255.255.255.0", "192.0.2.1"},
-        {"ipv4", "set", "manual", "192.0.2.3", "255.0.255.0", "192.0.2.1"},
-        {"ipv6", "set", "manual", "2001:db8::3", "129", "2001:db8::1"},
-        {"ipv6", "set", "dhcp"},
-        {"country", "J;"},
-        {"factory", "link-test"},
-        {"monitor", "--count", "0"},
-    };
-    for (const auto &args : bad) {
-        std::string line;
-        for (const auto &arg : args)
-            line += arg + " ";
-        Outcome run = run_ctl(args);
+    const char *const bad[] = {"",
+                               "fly",
+                               "wifi",
+                               "wifi fly",
+                               "wifi connect",
+                               "wifi list --passphrase x",
+                               "wifi hidden --ssid x",
+                               "wifi hidden --security none --ssid x --passphrase y",
+                               "wifi forget /not//a/path",
+                               "status extra",
+                               "--timeout soon status",
+                               "--bogus status",
+                               "offline maybe",
+                               "ipv4 set manual 192.0.2.1",
+                               "ipv4 set manual 192.0.2.300 255.255.255.0 192.0.2.1",
+                               "ipv4 set manual 192.0.2.3 255.0.255.0 192.0.2.1",
+                               "ipv6 set manual 2001:db8::3 129 2001:db8::1",
+                               "ipv6 set dhcp",
+                               "country J;",
+                               "factory link-test",
+                               "monitor --count 0"};
+    for (const char *line : bad) {
+        std::istringstream words(line);
+        Outcome run = run_ctl({std::istream_iterator<std::string>(words), {}});
         EXPECT_EQ(run.code, 2) << line << run.err;
         EXPECT_THAT(run.err, HasSubstr("netmgrctl: ")) << line;
         EXPECT_THAT(run.err, HasSubstr("usage")) << line;
