@@ -360,12 +360,6 @@ std::string RealConnman::mac() const
     return found.empty() ? "" : found[0];
 }
 
-void RealConnman::adopt_process(pid_t pid, const std::string &dir_to_remove)
-{
-    add_cleanup("05-adopted-" + std::to_string(pid),
-                kill_script(pid) + "rm -rf '" + dir_to_remove + "'\n");
-}
-
 std::string RealConnman::daemon_log() const
 {
     return read_file(dir_ + "/connmand.log");

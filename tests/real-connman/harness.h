@@ -42,10 +42,6 @@ class RealConnman
     // vA's MAC address in lower case.
     std::string mac() const;
 
-    // Hands a process and a directory of the caller to the guardian, so that
-    // they are removed after the test process is gone.
-    void adopt_process(pid_t pid, const std::string &dir_to_remove);
-
     const std::string &dir() const { return dir_; }
     std::string daemon_log() const;
 

@@ -7,15 +7,12 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <fstream>
 #include <memory>
 
 #include "core/netmgr.h"
-#include "platform/zelstorageclient.h"
 #include "tests/real-connman/bus_probe.h"
 #include "tests/real-connman/harness.h"
 #include "tests/scenarios/scenario.h"
-#include "tests/support/private_bus.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -24,8 +21,6 @@ namespace
 const char *const kAgentPath = "/net/connman/agent/gaskaidra";
 // DHCP on the veth takes several seconds after the link comes up.
 const int kLinkTimeoutMs = 30000;
-
-EventRecorder &events = EventRecorder::instance();
 
 // One or more "enabled" followed by one "connected": the library looks at the
 // technologies twice when it starts (once more after subscribing to their
@@ -47,30 +42,11 @@ bool in_lease_range(const std::string &address)
     return a == 192 && b == 0 && c == 2 && d >= 50 && d <= 99;
 }
 
-// The init-script lines of the recorded commands (the log also holds the
-// country-code commands of every service refresh).
-std::vector<std::string> init_script_commands(const std::string &path)
-{
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("/etc/init.d/", 0) == 0)
-            lines.push_back(line);
-    }
-    return lines;
-}
-
-Json::Value stored(const char *key)
-{
-    std::string name = key;
-    Json::Value value;
-    return ZL_Storage_GetItem(name, &value) ? value : Json::Value();
-}
-
 } // namespace
 
-class RealConnmanTest : public ::testing::Test
+// The scenarios' world supplies the buses, the store and the shell log; the
+// real daemon replaces the simulator.
+class RealConnmanTest : public Scenario
 {
   protected:
     void SetUp() override
@@ -78,33 +54,25 @@ class RealConnmanTest : public ::testing::Test
         std::string reason = RealConnman::unavailable_reason();
         if (!reason.empty())
             GTEST_SKIP() << reason;
-        static bool library_used = false;
-        if (library_used)
-            GTEST_SKIP() << "the library starts once per process: run each case in a process "
-                            "of its own (ctest does, or use --gtest_filter)";
-        library_used = true;
-
+        Scenario::SetUp();
+        if (IsSkipped())
+            return;
         // Never deleted: the library holds its bus connections until the
-        // process ends, and losing the bus would end the process. The
-        // guardian removes all of it afterwards.
+        // process ends. The guardian removes all of it afterwards.
         peer = new RealConnman();
-        buses = new TestBuses();
-        peer->adopt_process(buses->system.pid(), buses->system.dir());
-        peer->adopt_process(buses->session.pid(), buses->session.dir());
-        probe = std::make_unique<ConnmanProbe>(buses->system.address());
-        bus = std::make_unique<BusWatch>(buses->system.address());
-
-        shell_log = peer->dir() + "/shell.log";
-        std::string shell = NETMGR_SOURCE_DIR "/tests/support/record_shell.sh";
-        setenv("NETMGR_STORE", (peer->dir() + "/store.json").c_str(), 1);
-        setenv("NETMGR_SHELL", shell.c_str(), 1);
-        setenv("NETMGR_SHELL_LOG", shell_log.c_str(), 1);
+        probe = std::make_unique<ConnmanProbe>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
+        bus = std::make_unique<BusWatch>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
     }
 
-    void TearDown() override
+    // The init-script lines among the commands (the log also holds the
+    // country-code commands of every service refresh).
+    std::vector<std::string> init_script_commands() const
     {
-        bus.reset();
-        probe.reset();
+        std::vector<std::string> lines;
+        for (const std::string &line : commands())
+            if (line.rfind("/etc/init.d/", 0) == 0)
+                lines.push_back(line);
+        return lines;
     }
 
     // Runs the daemon and waits until it has settled: the cable connected
@@ -127,8 +95,6 @@ class RealConnmanTest : public ::testing::Test
                 10000));
         }
     }
-
-    void start_library() { ASSERT_EQ(NetMgr_StartRoutine(EventRecorder::callback), 0); }
 
     // Daemon with the cable connected, library started and the connection
     // announced.
@@ -178,15 +144,10 @@ class RealConnmanTest : public ::testing::Test
         NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET);
     }
 
-    static RealConnman *peer;
-    static TestBuses *buses;
+    RealConnman *peer = nullptr;
     std::unique_ptr<ConnmanProbe> probe;
     std::unique_ptr<BusWatch> bus;
-    std::string shell_log;
 };
-
-RealConnman *RealConnmanTest::peer = nullptr;
-TestBuses *RealConnmanTest::buses = nullptr;
 
 TEST_F(RealConnmanTest, EnableEthernetReportsLeaseDetails)
 {
@@ -427,7 +388,8 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     ASSERT_NO_FATAL_FAILURE(start_connected());
     EXPECT_TRUE(enabled_then_connected(events.codes(0)))
         << ::testing::PrintToString(events.codes(0));
-    EXPECT_NE(ConnmanProbe(buses->session.address()).name_owner("net.connman.Gaskaidra"), "");
+    EXPECT_NE(ConnmanProbe(getenv("DBUS_SESSION_BUS_ADDRESS")).name_owner("net.connman.Gaskaidra"),
+              "");
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_TRUE(NetMgr_GetNetworkEnable());
     ASSERT_TRUE(bus->wait_calls("RegisterAgent", 1, 5000));
@@ -443,8 +405,8 @@ TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable
     EXPECT_EQ(bus->calls("Release")[0].path, kAgentPath);
     std::vector<std::string> expected = {"/etc/init.d/S45connman restart",
                                          "/etc/init.d/S42wifi restart"};
-    ASSERT_TRUE(wait_until([&] { return init_script_commands(shell_log) == expected; }, 10000))
-        << ::testing::PrintToString(init_script_commands(shell_log));
+    ASSERT_TRUE(wait_until([&] { return init_script_commands() == expected; }, 10000))
+        << ::testing::PrintToString(init_script_commands());
 
     // What the init script would do on the device.
     peer->start_daemon();
