@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -64,18 +65,12 @@ pid_t spawn(const std::vector<std::string> &args, const std::string &log)
 // Field 22 of /proc/PID/stat: with the pid it names one process for good.
 std::string start_time(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    size_t paren = stat.rfind(')');
-    if (paren == std::string::npos)
-        return "";
-    std::stringstream fields(stat.substr(paren + 2));
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(std::min(stat.size(), stat.rfind(')') + 2)));
     std::string field;
-    for (int i = 3; i <= 22 && fields >> field; i++) {
-        if (i == 22)
-            return field;
-    }
-    return "";
+    for (int i = 3; i <= 22; i++)
+        fields >> field;
+    return field;
 }
 
 // Shell lines that end one process, but only if the pid still names the

@@ -1,7 +1,5 @@
 #include "tests/scenarios/scenario.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -10,6 +8,7 @@
 
 #include "core/bridge.h"
 #include "platform/zelstorageclient.h"
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -50,41 +49,6 @@ World &world()
         the_world = new World{dir, dir + "/shell.log", {}, {}};
     }
     return *the_world;
-}
-
-// Kills the bus daemons and removes the directories once this process has
-// gone, so the library never sees its buses vanish (libdbus would end the
-// process on that).
-void start_reaper()
-{
-    int fds[2];
-    if (!the_world || pipe2(fds, O_CLOEXEC) < 0)
-        return;
-    pid_t daemons[] = {the_world->buses.system.pid(), the_world->buses.session.pid()};
-    std::string dirs[] = {the_world->dir, the_world->buses.system.dir(),
-                          the_world->buses.session.dir()};
-    if (fork() != 0) {
-        close(fds[0]);
-        return; // the parent keeps the write end until it exits
-    }
-    int devnull = open("/dev/null", O_RDWR);
-    for (int fd = 0; fd < 3; fd++)
-        dup2(devnull, fd);
-    for (int fd = 3; fd < 1024; fd++)
-        if (fd != fds[0])
-            close(fd);
-    setsid();
-    char byte;
-    while (read(fds[0], &byte, 1) > 0) {
-    }
-    for (pid_t pid : daemons)
-        kill(pid, SIGTERM);
-    for (const std::string &dir : dirs)
-        if (dir.rfind("/tmp/netmgr-", 0) != 0)
-            _exit(0);
-    execlp("rm", "rm", "-rf", dirs[0].c_str(), dirs[1].c_str(), dirs[2].c_str(),
-           static_cast<char *>(nullptr));
-    _exit(0);
 }
 
 std::mutex hold_mutex;
@@ -311,7 +275,12 @@ int main(int argc, char **argv)
 #endif
     fflush(stdout);
     fflush(stderr);
-    start_reaper();
+    // The bus daemons go only after this process, so the library never sees
+    // its buses vanish (libdbus would end the process on that).
+    if (the_world)
+        clean_up_after_exit(
+            {the_world->buses.system.pid(), the_world->buses.session.pid()},
+            {the_world->dir, the_world->buses.system.dir(), the_world->buses.session.dir()});
     // The library's thread, the simulator and the buses are left as they
     // are: ending the process is the only way to stop the library.
     _exit(result);

@@ -1,7 +1,6 @@
 #include "tests/security/policy_bus.h"
 
 #include <pwd.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -31,25 +30,6 @@ const char kConnmanPolicy[] =
 </busconfig>
 )";
 
-// Removes the bus and its directory once the test process has gone (the
-// daemon runs as messagebus, so the parent's death signal no longer reaches it).
-void reap_after_exit(pid_t daemon, const std::string &dir)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        return;
-    if (fork() == 0) {
-        close(fds[1]);
-        char c;
-        while (read(fds[0], &c, 1) > 0) {
-        }
-        kill(daemon, SIGTERM);
-        execlp("rm", "rm", "-rf", dir.c_str(), static_cast<char *>(nullptr));
-        _exit(0);
-    }
-    close(fds[0]); // the write end stays open until this process ends
-}
-
 } // namespace
 
 std::string start_policy_bus(std::string *reason)
@@ -61,7 +41,7 @@ std::string start_policy_bus(std::string *reason)
         return "";
     }
     try {
-        // Never destroyed: the reaper ends the daemon after the process.
+        // Never destroyed: it goes after the process.
         auto *bus = new PrivateBus([&](const std::string &dir) {
             // The daemon's own user and nobody reach the socket.
             chmod(dir.c_str(), 0755);
@@ -71,7 +51,9 @@ std::string start_policy_bus(std::string *reason)
             return config.replace(listen, sizeof(kStockListen) - 1,
                                   "<listen>unix:path=" + dir + "/bus_socket</listen>");
         });
-        reap_after_exit(bus->pid(), bus->dir());
+        // The daemon runs as messagebus, so the parent's death signal no
+        // longer reaches it.
+        clean_up_after_exit({bus->pid()}, {bus->dir()});
         return bus->address();
     } catch (const std::exception &e) {
         *reason =

@@ -1,5 +1,7 @@
 #include "tests/support/process.h"
 
+#include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -27,4 +29,37 @@ pid_t spawn(const std::vector<std::string> &args, int in, int out, int err)
         _exit(127);
     }
     return pid;
+}
+
+void clean_up_after_exit(const std::vector<pid_t> &pids, const std::vector<std::string> &dirs)
+{
+    std::vector<std::string> rm = {"rm", "-rf"};
+    for (const std::string &dir : dirs)
+        if (dir.rfind("/tmp/netmgr-", 0) == 0)
+            rm.push_back(dir);
+    std::vector<char *> argv;
+    for (const std::string &arg : rm)
+        argv.push_back(const_cast<char *>(arg.c_str()));
+    argv.push_back(nullptr);
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) < 0)
+        return;
+    if (fork() != 0) {
+        close(fds[0]);
+        return; // the write end stays open until this process ends
+    }
+    int devnull = open("/dev/null", O_RDWR);
+    for (int fd = 0; fd < 3; fd++)
+        dup2(devnull, fd);
+    for (int fd = 3; fd < 1024; fd++)
+        if (fd != fds[0])
+            close(fd);
+    setsid();
+    char byte;
+    while (read(fds[0], &byte, 1) > 0) {
+    }
+    for (pid_t pid : pids)
+        kill(pid, SIGTERM);
+    execvp("rm", argv.data());
+    _exit(0);
 }
