@@ -114,15 +114,6 @@ TEST_F(Agent, PassphraseRequestIsAnsweredOnceWithThePassphrase)
     EXPECT_EQ(stack.connman.stray_replies(), 0);
 }
 
-TEST_F(Agent, HiddenNetworkRequestCarriesTheName)
-{
-    DBusPendingCall *call = request_input(
-        std::string("'Name': <{'Type': <'string'>}>, 'SSID': <{'Type': <'ssid'>}>, ") + kPsk);
-    EXPECT_EQ(heard.requests, std::vector<std::string>{"input " + kService + " 10100"});
-    EXPECT_EQ(connman_agent_reply_passphrase("hidden-net", "secret", false, ""), 0);
-    EXPECT_EQ(answer(call), "({'Name': <'hidden-net'>, 'Passphrase': <'secret'>},)");
-}
-
 TEST_F(Agent, WpsRequests)
 {
     // WPS alone is refused without asking the core.

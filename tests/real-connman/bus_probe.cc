@@ -77,36 +77,35 @@ GVariant *ConnmanProbe::call(const char *path, const char *interface, const char
                                        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
 }
 
-bool ConnmanProbe::manager_properties(Properties *out)
+Properties ConnmanProbe::manager()
 {
+    Properties props;
     GVariant *reply = call("/", "net.connman.Manager", "GetProperties");
-    if (!reply)
-        return false;
-    out->clear();
-    flatten(g_variant_get_child_value(reply, 0), "", out);
-    g_variant_unref(reply);
-    return true;
+    if (reply) {
+        flatten(g_variant_get_child_value(reply, 0), "", &props);
+        g_variant_unref(reply);
+    }
+    return props;
 }
 
-// Reply of GetTechnologies or GetServices: a(oa{sv}); picks the first object
+// Reply of GetTechnologies or GetServices: a(oa{sv}); the first object
 // whose "Type" is type.
-bool ConnmanProbe::object_list(const char *method, const std::string &type, Properties *out)
+Properties ConnmanProbe::object_list(const char *method, const std::string &type)
 {
     GVariant *reply = call("/", "net.connman.Manager", method);
     if (!reply)
-        return false;
-    bool found = false;
+        return {};
+    Properties found;
     GVariantIter *items = nullptr;
     const char *path = nullptr;
     GVariant *dict = nullptr;
     g_variant_get(reply, "(a(oa{sv}))", &items);
-    while (!found && g_variant_iter_next(items, "(&o@a{sv})", &path, &dict)) {
+    while (found.empty() && g_variant_iter_next(items, "(&o@a{sv})", &path, &dict)) {
         Properties props;
         flatten(dict, "", &props);
         if (props["Type"] == type) {
             props["path"] = path;
-            *out = props;
-            found = true;
+            found = props;
         }
     }
     g_variant_iter_free(items);
@@ -114,14 +113,14 @@ bool ConnmanProbe::object_list(const char *method, const std::string &type, Prop
     return found;
 }
 
-bool ConnmanProbe::technology(const std::string &type, Properties *out)
+Properties ConnmanProbe::technology(const std::string &type)
 {
-    return object_list("GetTechnologies", type, out);
+    return object_list("GetTechnologies", type);
 }
 
-bool ConnmanProbe::service(const std::string &type, Properties *out)
+Properties ConnmanProbe::service(const std::string &type)
 {
-    return object_list("GetServices", type, out);
+    return object_list("GetServices", type);
 }
 
 bool ConnmanProbe::set_technology_powered(const std::string &type, bool powered)

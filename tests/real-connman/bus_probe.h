@@ -25,11 +25,12 @@ class ConnmanProbe
     ConnmanProbe(const ConnmanProbe &) = delete;
     ConnmanProbe &operator=(const ConnmanProbe &) = delete;
 
-    // False when the daemon did not answer (absent or an error).
-    bool manager_properties(Properties *out);
-    bool technology(const std::string &type, Properties *out);
+    // Empty when the daemon did not answer (absent or an error) or has no
+    // such object.
+    Properties manager();
+    Properties technology(const std::string &type);
     // The first service of this type, with its object path as "path".
-    bool service(const std::string &type, Properties *out);
+    Properties service(const std::string &type);
     bool set_technology_powered(const std::string &type, bool powered);
     // Unique bus name of the owner of name, "" when none.
     std::string name_owner(const std::string &name);
@@ -37,7 +38,7 @@ class ConnmanProbe
   private:
     GVariant *call(const char *path, const char *interface, const char *method,
                    GVariant *args = nullptr);
-    bool object_list(const char *method, const std::string &type, Properties *out);
+    Properties object_list(const char *method, const std::string &type);
 
     GDBusConnection *conn_ = nullptr;
 };

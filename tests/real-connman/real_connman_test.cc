@@ -80,19 +80,17 @@ class RealConnmanTest : public Scenario
     void start_daemon(bool ethernet_on)
     {
         peer->start_daemon();
-        Properties tech;
-        ASSERT_TRUE(wait_until([&] { return probe->technology("ethernet", &tech); }, 10000))
+        ASSERT_TRUE(wait_until([&] { return !probe->technology("ethernet").empty(); }, 10000))
             << peer->daemon_log();
         if (ethernet_on) {
-            ASSERT_TRUE(wait_until(
-                [&] { return probe->technology("ethernet", &tech) && tech["Connected"] == "true"; },
-                kLinkTimeoutMs))
+            ASSERT_TRUE(
+                wait_until([&] { return probe->technology("ethernet")["Connected"] == "true"; },
+                           kLinkTimeoutMs))
                 << peer->daemon_log();
         } else {
             ASSERT_TRUE(probe->set_technology_powered("ethernet", false));
             ASSERT_TRUE(wait_until(
-                [&] { return probe->technology("ethernet", &tech) && tech["Powered"] == "false"; },
-                10000));
+                [&] { return probe->technology("ethernet")["Powered"] == "false"; }, 10000));
         }
     }
 
@@ -109,17 +107,7 @@ class RealConnmanTest : public Scenario
 
     bool offline_mode_becomes(const std::string &value)
     {
-        Properties manager;
-        return wait_until(
-            [&] { return probe->manager_properties(&manager) && manager["OfflineMode"] == value; },
-            10000);
-    }
-
-    Properties ethernet_service()
-    {
-        Properties service;
-        probe->service("ethernet", &service);
-        return service;
+        return wait_until([&] { return probe->manager()["OfflineMode"] == value; }, 10000);
     }
 
     // Position of the next event code after from; fails the test when it
@@ -215,7 +203,7 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
     EXPECT_EQ(read.netmask, "255.255.255.0");
     EXPECT_EQ(read.gateway, "192.0.2.1");
     EXPECT_EQ(read.dns2, "");
-    EXPECT_EQ(ethernet_service()["Nameservers.Configuration"], "192.0.2.53");
+    EXPECT_EQ(probe->service("ethernet")["Nameservers.Configuration"], "192.0.2.53");
 
     // The daemon takes the connection down and up again: the library
     // announces the new configuration and reports no loss.
@@ -246,8 +234,8 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
         },
         10000))
         << read.method;
-    EXPECT_TRUE(
-        wait_until([&] { return ethernet_service()["Nameservers.Configuration"].empty(); }, 10000));
+    EXPECT_TRUE(wait_until(
+        [&] { return probe->service("ethernet")["Nameservers.Configuration"].empty(); }, 10000));
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
     EXPECT_TRUE(wait_until(
         [&] { return NetMgr_GetCurrentConnInfo(&info) && in_lease_range(info.ipv4Address); },
@@ -266,8 +254,8 @@ TEST_F(RealConnmanTest, IPv6OffAndAutoFollowTheStoredSwitch)
     off.method = "off";
     ASSERT_TRUE(NetMgr_SetIPv6Config(&off));
     EXPECT_EQ(stored("netmgr:ipv6_enable"), Json::Value(false));
-    EXPECT_TRUE(wait_until([&] { return ethernet_service()["IPv6.Configuration.Method"] == "off"; },
-                           10000));
+    EXPECT_TRUE(wait_until(
+        [&] { return probe->service("ethernet")["IPv6.Configuration.Method"] == "off"; }, 10000));
     cfg.method = "untouched";
     EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg));
     EXPECT_EQ(cfg.method, "untouched");
@@ -290,7 +278,7 @@ TEST_F(RealConnmanTest, IPv6OffAndAutoFollowTheStoredSwitch)
         10000))
         << cfg.method;
     EXPECT_EQ(cfg.privacy, "disabled");
-    EXPECT_EQ(ethernet_service()["IPv6.Configuration.Method"], "auto");
+    EXPECT_EQ(probe->service("ethernet")["IPv6.Configuration.Method"], "auto");
 }
 
 // Pulling the cable at the far end loses the announced connection; plugging
