@@ -192,6 +192,12 @@ class ObjectTest : public GlueTest
         va_end(args);
         return m;
     }
+    // A call of this side's org.test.Obj at /obj; the arguments end without
+    // DBUS_TYPE_INVALID.
+    template <typename... Args> DBusMessage *obj(const char *member, Args... args)
+    {
+        return request("/obj", "org.test.Obj", member, args..., DBUS_TYPE_INVALID);
+    }
     // The reply's first string, or its error name.
     std::string answer(DBusMessage *message, int timeout_ms = 5000)
     {
@@ -257,20 +263,13 @@ TEST_F(ObjectTest, CallsAreDispatchedBySignatureAndFlags)
     const char *text = "hello";
     dbus_int32_t number = 21;
     double real = 1.5;
-    EXPECT_EQ(
-        answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)),
-        "hello");
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_INT32, &number,
-                             DBUS_TYPE_INVALID)),
-              "number");
-    EXPECT_EQ(
-        answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_DOUBLE, &real, DBUS_TYPE_INVALID)),
-        DBUS_ERROR_UNKNOWN_METHOD);
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Hidden")), DBUS_ERROR_UNKNOWN_METHOD);
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_STRING, &text)), "hello");
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_INT32, &number)), "number");
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_DOUBLE, &real)), DBUS_ERROR_UNKNOWN_METHOD);
+    EXPECT_EQ(answer(obj("Hidden")), DBUS_ERROR_UNKNOWN_METHOD);
 
     // An asynchronous method answers when it is ready.
-    DBusPendingCall *pending =
-        send(request("/obj", "org.test.Obj", "Later", DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID));
+    DBusPendingCall *pending = send(obj("Later", DBUS_TYPE_INT32, &number));
     ASSERT_TRUE(run_loop_until([] { return held != nullptr; }));
     EXPECT_FALSE(dbus_pending_call_get_completed(pending));
     EXPECT_TRUE(g_dbus_send_reply(conn, held, DBUS_TYPE_INVALID));
@@ -279,7 +278,7 @@ TEST_F(ObjectTest, CallsAreDispatchedBySignatureAndFlags)
 
     // A no-reply method's own reply is discarded.
     fired = 0;
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Fire"), 300), DBUS_ERROR_NO_REPLY);
+    EXPECT_EQ(answer(obj("Fire"), 300), DBUS_ERROR_NO_REPLY);
     EXPECT_EQ(fired, 1);
 }
 
@@ -308,10 +307,10 @@ TEST_F(ObjectTest, RegistrationRules)
     dbus_free_string_array(children);
 
     EXPECT_TRUE(g_dbus_unregister_interface(conn, "/obj", "org.test.Ping"));
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Simple")), "");
+    EXPECT_EQ(answer(obj("Simple")), "");
     EXPECT_TRUE(g_dbus_unregister_interface(conn, "/obj", "org.test.Obj"));
     EXPECT_EQ(destroyed, 2);
-    EXPECT_NE(answer(request("/obj", "org.test.Obj", "Simple")), "") << "path is gone";
+    EXPECT_NE(answer(obj("Simple")), "") << "path is gone";
 }
 
 TEST_F(ObjectTest, OnlyTabledSignalsAreSent)

@@ -18,21 +18,6 @@ const char *const kHiddenPsk = "wifi_0a0000000005_hidden_managed_psk";
 class ConnectionScenario : public Scenario
 {
   protected:
-    // Wi-Fi type (and a last network when given), Wi-Fi powered, the given
-    // networks; waits for the list.
-    void start_on_wifi(const std::vector<connman_sim::Network> &networks,
-                       const std::string &last_wifi = "")
-    {
-        store("netmgr:type", 1);
-        if (!last_wifi.empty())
-            store("netmgr:last_wifi", last_wifi);
-        sim.add_technology("wifi", true);
-        for (const connman_sim::Network &network : networks)
-            sim.add_network(network);
-        ASSERT_NO_FATAL_FAILURE(start());
-        ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
-    }
-
     // Connects as the user would and waits for the announcement.
     void connect_open(const char *ident)
     {

@@ -156,10 +156,10 @@ void Scenario::SetUp()
                         "(ctest does)";
 }
 
-void Scenario::start_sim()
+void Scenario::start_sim(const std::string &address)
 {
     int registered = sim.count_calls("RegisterAgent");
-    ASSERT_TRUE(sim.start(world().buses.system.address()));
+    ASSERT_TRUE(sim.start(address.empty() ? world().buses.system.address() : address));
     if (library_started) {
         ASSERT_TRUE(sim.wait_for_calls("RegisterAgent", registered + 1, 10000))
             << "the library did not register its agent";
@@ -172,12 +172,25 @@ void Scenario::start_library()
     ASSERT_EQ(0, NetMgr_StartRoutine(EventRecorder::callback));
 }
 
-void Scenario::start()
+void Scenario::start(const std::string &address)
 {
-    ASSERT_NO_FATAL_FAILURE(start_sim());
+    ASSERT_NO_FATAL_FAILURE(start_sim(address));
     ASSERT_NO_FATAL_FAILURE(start_library());
     ASSERT_TRUE(wait_until([&] { return sim.agent_registered(); }, 10000))
         << "the library did not register its agent";
+}
+
+void Scenario::start_on_wifi(const std::vector<connman_sim::Network> &networks,
+                             const std::string &last_wifi, const std::string &address)
+{
+    store("netmgr:type", 1);
+    if (!last_wifi.empty())
+        store("netmgr:last_wifi", last_wifi);
+    sim.add_technology("wifi", true);
+    for (const connman_sim::Network &network : networks)
+        sim.add_network(network);
+    ASSERT_NO_FATAL_FAILURE(start(address));
+    ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
 }
 
 void Scenario::store(const std::string &key, const Json::Value &value)

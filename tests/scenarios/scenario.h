@@ -66,13 +66,18 @@ class Scenario : public ::testing::Test
     Scenario();
     void SetUp() override;
 
-    // Starts the simulator (or brings it back) and, once the library runs,
-    // waits until the library has registered its agent with it again.
-    void start_sim();
+    // Starts the simulator (or brings it back) on the system bus or the
+    // given one and, once the library runs, waits until the library has
+    // registered its agent with it again.
+    void start_sim(const std::string &address = "");
     // NetMgr_StartRoutine with the recorder.
     void start_library();
     // The simulator, then the library; waits for the agent.
-    void start();
+    void start(const std::string &address = "");
+    // Wi-Fi type (and a last network when given), Wi-Fi powered, the given
+    // networks, then start(address); waits for the list.
+    void start_on_wifi(const std::vector<connman_sim::Network> &networks,
+                       const std::string &last_wifi = "", const std::string &address = "");
 
     // The settings store, read and written as the library does.
     void store(const std::string &key, const Json::Value &value);

@@ -126,12 +126,7 @@ class StateScenario : public Scenario
 
 TEST_F(StateScenario, OthersReadTheStateAndFollowEventsButChangeNothingAndSeeNoSecret)
 {
-    store("netmgr:type", 1);
-    sim.add_technology("wifi", true);
-    sim.add_network(wifi(kOffice, "office", "psk"));
-    sim.add_network(wifi(kHome, "home"));
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_TRUE(wait_wifi_list(2));
+    ASSERT_NO_FATAL_FAILURE(start_on_wifi({wifi(kOffice, "office", "psk"), wifi(kHome, "home")}));
     ASSERT_NO_FATAL_FAILURE(connect_client());
 
     ASSERT_TRUE(call("org.freedesktop.DBus.Properties", "Get", {kStateInterface, "Version"}));

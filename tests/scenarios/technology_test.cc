@@ -33,13 +33,9 @@ class TechnologyScenario : public Scenario
 
 TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
 {
-    store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
-    sim.add_technology("wifi", true);
-    sim.add_network(wifi(kHome, "home"));
     add_cable(false);
-    start();
-    ASSERT_TRUE(wait_wifi_list(1));
+    ASSERT_NO_FATAL_FAILURE(start_on_wifi({wifi(kHome, "home")}));
 
     size_t from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kHome)));

@@ -21,14 +21,8 @@ class Spoofing : public Scenario
     // library; waits for the list.
     void start_on(const std::string &address)
     {
-        store("netmgr:type", 1);
-        sim.add_technology("wifi", true);
-        sim.add_network(wifi(HOME, "home"));
-        sim.add_network(wifi(OFFICE, "office", "psk"));
-        ASSERT_TRUE(sim.start(address));
-        ASSERT_NO_FATAL_FAILURE(start_library());
-        ASSERT_TRUE(wait_until([&] { return sim.agent_registered(); }, 10000));
-        ASSERT_TRUE(wait_wifi_list(2));
+        ASSERT_NO_FATAL_FAILURE(
+            start_on_wifi({wifi(HOME, "home"), wifi(OFFICE, "office", "psk")}, "", address));
         ASSERT_TRUE(NetMgr_GetWifiEnable());
     }
 
