@@ -29,21 +29,6 @@ void record_input(const char *path, int name, int identity, int passphrase,
                              (previous_passphrase || previous_wps_pin ? " previous" : ""));
 }
 
-void record_error(const char *path, const char *error)
-{
-    heard.requests.push_back(std::string("error ") + path + " " + error);
-}
-
-void record_browser(const char *path, const char *url)
-{
-    heard.requests.push_back(std::string("browser ") + path + " " + url);
-}
-
-void record_cancel()
-{
-    heard.cancels++;
-}
-
 class Agent : public ::testing::Test
 {
   protected:
@@ -54,9 +39,15 @@ class Agent : public ::testing::Test
         EXPECT_EQ(stack.connman.last_args("RegisterAgent"),
                   "(objectpath '/net/connman/agent/gaskaidra',)");
         ASSERT_EQ(connman_agent_set_input_cb(record_input), 0);
-        ASSERT_EQ(connman_agent_set_error_cb(record_error), 0);
-        ASSERT_EQ(connman_agent_set_browser_cb(record_browser), 0);
-        ASSERT_EQ(connman_agent_set_cancel_cb(record_cancel), 0);
+        ASSERT_EQ(connman_agent_set_error_cb([](const char *path, const char *error) {
+                      heard.requests.push_back(std::string("error ") + path + " " + error);
+                  }),
+                  0);
+        ASSERT_EQ(connman_agent_set_browser_cb([](const char *path, const char *url) {
+                      heard.requests.push_back(std::string("browser ") + path + " " + url);
+                  }),
+                  0);
+        ASSERT_EQ(connman_agent_set_cancel_cb([] { heard.cancels++; }), 0);
     }
 
     // Sends RequestInput asking for the given fields and waits until the
