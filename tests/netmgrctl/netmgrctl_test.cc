@@ -536,44 +536,34 @@ namespace
 class Host
 {
   public:
-    Host()
-    {
-        char name[] = "/tmp/netmgrctl-host-XXXXXX";
-        int out = mkostemp(name, O_CLOEXEC), in[2];
-        out_name_ = name;
-        if (out < 0 || pipe2(in, O_CLOEXEC) < 0)
-            return;
-        pid_ = spawn({ATTACH_HOST_PROGRAM}, in[0], out, -1);
-        close(in[0]);
-        close(out);
-        input_ = in[1];
-    }
     ~Host()
     {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        close(input_);
-        unlink(out_name_.c_str());
+        if (pid() > 0)
+            kill(pid(), SIGKILL);
+        pclose(in_);
+        unlink(out_.c_str());
     }
     void send(const std::string &line)
     {
-        std::string text = line + "\n";
-        if (write(input_, text.data(), text.size()) < 0)
-            ADD_FAILURE() << "cannot write to the host";
+        fputs((line + "\n").c_str(), in_);
+        fflush(in_);
     }
     bool wait_output(const std::string &text, int timeout_ms = 15000)
     {
-        return wait_until([&] { return read_file(out_name_).find(text) != std::string::npos; },
+        return wait_until([&] { return read_file(out_).find(text) != std::string::npos; },
                           timeout_ms);
     }
-    pid_t pid() const { return pid_; }
+    // From its "started PID" line.
+    pid_t pid() const
+    {
+        std::string out = read_file(out_);
+        size_t at = out.find("started ");
+        return at == std::string::npos ? -1 : atoi(out.c_str() + at + 8);
+    }
 
   private:
-    pid_t pid_ = -1;
-    int input_ = -1;
-    std::string out_name_;
+    std::string out_ = "/tmp/netmgrctl-host-" + std::to_string(getpid());
+    FILE *in_ = popen(("exec " ATTACH_HOST_PROGRAM " >" + out_).c_str(), "w");
 };
 
 } // namespace
@@ -634,27 +624,11 @@ TEST_F(NetmgrctlTest, AttachedReadsTheRunningApplicationAndRefusesChanges)
 
 // ---- command-line polish ----
 
-namespace
-{
-
-// netmgrctl on a terminal; type() gets the output so far and returns what
-// to type next.
-Outcome run_on_terminal(const std::vector<std::string> &args,
-                        const std::function<std::string(const std::string &)> &type)
-{
-    std::vector<std::string> argv(args);
-    argv.insert(argv.begin(), NETMGRCTL_PROGRAM);
-    return run_child(argv, "", true, [&](const std::string &out, pid_t) { return type(out); });
-}
-
-} // namespace
-
 TEST_F(NetmgrctlTest, TerminalShowsProgressAndEndsAnInterruptedPrompt)
 {
     start_wifi_world();
     // Progress says what is awaited and for how long, on a terminal only.
-    Outcome test =
-        run_on_terminal({"factory", "wifi-test"}, [](const std::string &) { return ""; });
+    Outcome test = run_child({NETMGRCTL_PROGRAM, "factory", "wifi-test"}, "", true, nullptr);
     EXPECT_EQ(test.code, 0) << test.out;
     EXPECT_THAT(test.out, HasSubstr("netmgrctl: running the Wi-Fi test (0 s)"));
     Outcome piped = run_ctl({"factory", "wifi-test"});
@@ -664,12 +638,14 @@ TEST_F(NetmgrctlTest, TerminalShowsProgressAndEndsAnInterruptedPrompt)
 
     // Ctrl-C at the passphrase prompt leaves the cursor on a fresh line.
     bool typed = false;
-    Outcome interrupted = run_on_terminal({"wifi", "connect", "home"}, [&](const std::string &out) {
-        if (typed || out.find("Passphrase for \"home\": ") == std::string::npos)
-            return std::string();
-        typed = true;
-        return std::string("\x03");
-    });
+    Outcome interrupted =
+        run_child({NETMGRCTL_PROGRAM, "wifi", "connect", "home"}, "", true,
+                  [&](const std::string &out, pid_t) {
+                      if (typed || out.find("Passphrase for \"home\": ") == std::string::npos)
+                          return std::string();
+                      typed = true;
+                      return std::string("\x03");
+                  });
     EXPECT_EQ(interrupted.code, 128 + SIGINT) << interrupted.out;
     size_t prompt = interrupted.out.rfind("Passphrase for \"home\": ");
     ASSERT_NE(prompt, std::string::npos) << interrupted.out;
