@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <initializer_list>
+#include <map>
 #include <mutex>
 
 #include "tests/scenarios/scenario.h"
@@ -29,8 +30,6 @@ class StateScenario : public Scenario
             g_dbus_connection_close_sync(client_, nullptr, nullptr);
             g_object_unref(client_);
         }
-        for (GVariant *body : events_)
-            g_variant_unref(body);
     }
 
     void connect_client()
@@ -65,7 +64,8 @@ class StateScenario : public Scenario
     }
 
     // Keeps every byte the client receives, to look for secrets in, and
-    // the bodies of the Event signals. Runs on GDBus's thread.
+    // the Event signals' codes with their Name and Path. Runs on GDBus's
+    // thread.
     static GDBusMessage *remember(GDBusConnection *, GDBusMessage *m, gboolean incoming,
                                   gpointer data)
     {
@@ -79,9 +79,17 @@ class StateScenario : public Scenario
         if (bytes)
             self->received_.append(reinterpret_cast<char *>(bytes), size);
         g_free(bytes);
-        if (incoming && body && g_strcmp0(g_dbus_message_get_member(m), "Event") == 0 &&
-            g_strcmp0(g_dbus_message_get_interface(m), kStateInterface) == 0)
-            self->events_.push_back(g_variant_ref(body));
+        if (incoming && g_strcmp0(g_dbus_message_get_member(m), "Event") == 0 && body &&
+            g_variant_is_of_type(body, G_VARIANT_TYPE("(ua{sv})"))) {
+            guint32 code = 0;
+            GVariant *dict = nullptr;
+            const char *name = "", *path = "";
+            g_variant_get(body, "(u@a{sv})", &code, &dict);
+            g_variant_lookup(dict, "Name", "&s", &name);
+            g_variant_lookup(dict, "Path", "&s", &path);
+            self->events_[code] = {name, path};
+            g_variant_unref(dict);
+        }
         return m;
     }
 
@@ -91,37 +99,25 @@ class StateScenario : public Scenario
         return received_;
     }
 
-    // Waits for an Event signal with this code; returns its a{sv}
-    // argument's string member key, or "" (with a failure) when none came.
-    std::string wait_event(uint32_t code, const char *key = "Name")
+    // Waits for an Event signal with this code; returns its Name and Path.
+    std::pair<std::string, std::string> wait_event(uint32_t code)
     {
-        std::string value;
-        bool seen = wait_until(
-            [&] {
-                std::lock_guard<std::mutex> lock(mutex_);
-                for (GVariant *body : events_) {
-                    guint32 got = 0;
-                    GVariant *dict = nullptr;
-                    const char *text = "";
-                    g_variant_get(body, "(u@a{sv})", &got, &dict);
-                    g_variant_lookup(dict, key, "&s", &text);
-                    if (got == code)
-                        value = text;
-                    g_variant_unref(dict);
-                    if (got == code)
-                        return true;
-                }
-                return false;
-            },
-            10000);
-        EXPECT_TRUE(seen) << "no event " << code;
-        return value;
+        std::pair<std::string, std::string> event;
+        auto seen = [&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            bool found = events_.count(code) > 0;
+            if (found)
+                event = events_[code];
+            return found;
+        };
+        EXPECT_TRUE(wait_until(seen, 10000)) << "no event " << code;
+        return event;
     }
 
     GDBusConnection *client_ = nullptr;
     std::mutex mutex_;
     std::string received_;
-    std::vector<GVariant *> events_;
+    std::map<uint32_t, std::pair<std::string, std::string>> events_;
 };
 
 TEST_F(StateScenario, OthersReadTheStateAndFollowEventsButChangeNothingAndSeeNoSecret)
@@ -146,8 +142,8 @@ TEST_F(StateScenario, OthersReadTheStateAndFollowEventsButChangeNothingAndSeeNoS
     ASSERT_TRUE(call("org.freedesktop.DBus", "AddMatch", {rule.c_str()}, nullptr,
                      "org.freedesktop.DBus", "/org/freedesktop/DBus"));
     ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kOffice)));
-    EXPECT_EQ(wait_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED), "office");
-    EXPECT_EQ(wait_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, "Path"), service_path(kOffice));
+    EXPECT_EQ(wait_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED),
+              std::make_pair(std::string("office"), service_path(kOffice)));
     EXPECT_TRUE(NetMgr_SetWifiPassword(service_path(kOffice), kSecret));
     wait_event(NETMGR_EVT_WIFI_CONNECTED);
     call("org.freedesktop.DBus.Properties", "GetAll", {kStateInterface});
