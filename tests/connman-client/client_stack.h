@@ -16,23 +16,17 @@
 
 constexpr const char *kWifiTechnology = "/net/connman/technology/wifi";
 
-// libdbus reads DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS once
-// per process and keeps the addresses until dbus_shutdown(). Every stack
-// starts buses of its own, so without a shutdown between stacks the second
-// one in a process would dial the first one's dead sockets. Used as the
-// first member of a stack, so that it runs after the modules, the fake
-// daemon and the buses are gone.
-struct LibdbusReset {
-    LibdbusReset() = default;
-    LibdbusReset(const LibdbusReset &) = delete;
-    LibdbusReset &operator=(const LibdbusReset &) = delete;
-    ~LibdbusReset() { dbus_shutdown(); }
-};
-
 class ClientStack
 {
-  private:
-    LibdbusReset reset_;
+    // libdbus reads DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS once
+    // per process and keeps the addresses until dbus_shutdown(). Every stack
+    // starts buses of its own, so without a shutdown between stacks the
+    // second one in a process would dial the first one's dead sockets. The
+    // first member, so that it runs after the modules, the fake daemon and
+    // the buses are gone.
+    struct LibdbusReset {
+        ~LibdbusReset() { dbus_shutdown(); }
+    } reset_;
 
   public:
     TestBuses buses;
