@@ -62,32 +62,6 @@ pid_t spawn(const std::vector<std::string> &args, const std::string &log)
     return pid;
 }
 
-// Field 22 of /proc/PID/stat: with the pid it names one process for good.
-std::string start_time(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(std::min(stat.size(), stat.rfind(')') + 2)));
-    std::string field;
-    for (int i = 3; i <= 22; i++)
-        fields >> field;
-    return field;
-}
-
-// Shell lines that end one process, but only if the pid still names the
-// process that was started (no pid reuse), and never by name.
-std::string kill_script(pid_t pid)
-{
-    std::ostringstream s;
-    s << "p=" << pid << "; s=" << start_time(pid) << "\n"
-      << "alive() { st=$(cat /proc/$p/stat 2>/dev/null) || return 1; st=${st##*) }; set -- $st; "
-         "[ \"$1\" != Z ] && [ \"${20}\" = \"$s\" ]; }\n"
-      << "if alive; then kill -TERM $p; i=0\n"
-      << "  while alive && [ $i -lt 50 ]; do sleep 0.1; i=$((i+1)); done\n"
-      << "  alive && kill -KILL $p\n"
-      << "fi\n";
-    return s.str();
-}
-
 // Waits for a child of this process; SIGKILL after timeout_ms.
 void reap(pid_t pid, int timeout_ms)
 {
@@ -121,7 +95,7 @@ std::string check_machine()
 {
     if (geteuid() != 0)
         return "needs root: it creates network namespaces";
-    for (const char *name : {"ip", "dnsmasq", "ethtool", "unshare", "mount", "setsid"}) {
+    for (const char *name : {"ip", "dnsmasq", "ethtool", "unshare", "mount"}) {
         if (find_tool(name).empty())
             return std::string(name) + " is not installed";
     }
@@ -182,58 +156,23 @@ RealConnman::RealConnman()
     if (!mkdtemp(tmpl))
         throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
-    for (const char *sub : {"/cleanup.d", "/varlib", "/varlib/connman", "/run", "/run/connman"}) {
+    for (const char *sub : {"/varlib", "/varlib/connman", "/run", "/run/connman"}) {
         if (mkdir((dir_ + sub).c_str(), 0755) < 0)
             throw std::runtime_error("mkdir failed in " + dir_);
     }
-    start_guardian();
+    // Registered before creation, so that a failure half-way is cleaned too.
+    std::string ip = tool("ip");
+    clean_up_after_exit({}, {dir_},
+                        ip + " netns del " + ns_a_ + "\n" + ip + " netns del " + ns_b_ +
+                            "\nrm -rf /etc/netns/" + ns_a_ + "\nrmdir /etc/netns");
     make_namespaces();
     start_dhcp_server();
     write_daemon_files();
 }
 
-// Nothing is removed here: the library may still hold bus connections to the
-// daemons until the process ends, so the guardian does all of it afterwards.
-RealConnman::~RealConnman() = default;
-
-// The guardian waits for end-of-file on a pipe whose only writer is this
-// process, then runs the cleanup scripts, newest first. It sits in a session
-// of its own so that Ctrl-C on the test does not take it down as well.
-void RealConnman::start_guardian()
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) < 0)
-        throw std::runtime_error("pipe failed");
-    pid_t pid =
-        ::spawn({tool("setsid"), tool("sh"), "-c",
-                 "cat >/dev/null\n"
-                 "for f in $(ls -r \"$1/cleanup.d\" 2>/dev/null); do sh \"$1/cleanup.d/$f\" "
-                 ">/dev/null 2>&1; done\n"
-                 "rm -rf \"$1\"\n",
-                 "netmgr-guardian", dir_},
-                fds[0], -1, -1);
-    close(fds[0]);
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    guardian_fd_ = fds[1];
-}
-
-void RealConnman::add_cleanup(const std::string &name, const std::string &script)
-{
-    write_file(dir_ + "/cleanup.d/" + name, script);
-}
-
-void RealConnman::drop_cleanup(const std::string &name)
-{
-    unlink((dir_ + "/cleanup.d/" + name).c_str());
-}
-
 void RealConnman::make_namespaces()
 {
     std::string ip = tool("ip");
-    // Registered before creation, so that a failure half-way is cleaned too.
-    add_cleanup("10-netns", ip + " netns del " + ns_a_ + "\n" + ip + " netns del " + ns_b_ +
-                                "\nrm -rf /etc/netns/" + ns_a_ + "\nrmdir /etc/netns\n");
     run_or_throw({ip, "netns", "add", ns_a_});
     run_or_throw({ip, "netns", "add", ns_b_});
     // Both ends are created inside their namespaces, so parallel runs never
@@ -261,7 +200,8 @@ void RealConnman::start_dhcp_server()
                "--dhcp-option=6,192.0.2.53,192.0.2.54", "--dhcp-leasefile=" + dir_ + "/leases",
                "--pid-file=" + dir_ + "/dnsmasq.pid", "--log-dhcp", "--log-facility=" + log},
               dir_ + "/dnsmasq.out");
-    add_cleanup("20-dnsmasq", kill_script(dnsmasq_pid_));
+    // dnsmasq changes its credentials, which clears the parent's death signal.
+    clean_up_after_exit({dnsmasq_pid_}, {});
     bool ready = wait_until(
         [&] {
             return read_file(log).find("DHCP, sockets bound") != std::string::npos ||
@@ -309,7 +249,6 @@ void RealConnman::start_daemon()
                            "connmand-start", dir_ + "/varlib", dir_ + "/run", connmand_path(),
                            dir_ + "/main.conf", kExcludedPlugins},
                           dir_ + "/connmand.log");
-    add_cleanup("30-connmand", kill_script(connmand_pid_));
 }
 
 void RealConnman::stop_daemon()
@@ -319,7 +258,6 @@ void RealConnman::stop_daemon()
     kill(connmand_pid_, SIGTERM);
     reap(connmand_pid_, 5000);
     connmand_pid_ = -1;
-    drop_cleanup("30-connmand");
 }
 
 void RealConnman::set_far_end_up(bool up)

@@ -3,11 +3,11 @@
 // in a second namespace. Only the unix socket of the private system bus
 // connects it to the test process.
 //
-// Everything the harness creates (namespaces, daemons, temporary files) is
-// handed to a guardian process that removes it once the test process is gone,
-// however it ends: normal exit, failed assertion, signal or SIGKILL. The
-// daemons must outlive the test body because the library keeps its bus
-// connections until the process ends.
+// Everything the harness creates goes once the test process has gone,
+// however it ends (normal exit, failed assertion, signal or SIGKILL): a
+// clean-up process ends the DHCP server and removes the namespaces and
+// temporary files, and ConnMan gets the parent's death signal. Nothing goes earlier, because the
+// library keeps its bus connections to the daemons until the process ends.
 #pragma once
 
 #include <sys/types.h>
@@ -25,7 +25,6 @@ class RealConnman
     // Namespaces, veth pair and DHCP server; throws std::runtime_error with
     // the failing command's output.
     RealConnman();
-    ~RealConnman();
     RealConnman(const RealConnman &) = delete;
     RealConnman &operator=(const RealConnman &) = delete;
 
@@ -46,9 +45,6 @@ class RealConnman
     std::string daemon_log() const;
 
   private:
-    void start_guardian();
-    void add_cleanup(const std::string &name, const std::string &script);
-    void drop_cleanup(const std::string &name);
     void make_namespaces();
     void start_dhcp_server();
     void write_daemon_files();
@@ -56,7 +52,6 @@ class RealConnman
     std::string dir_;
     std::string ns_a_;
     std::string ns_b_;
-    int guardian_fd_ = -1;
     pid_t dnsmasq_pid_ = -1;
     pid_t connmand_pid_ = -1;
 };

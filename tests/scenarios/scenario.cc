@@ -47,6 +47,11 @@ World &world()
     if (!the_world) {
         std::string dir = make_dir_and_environment();
         the_world = new World{dir, dir + "/shell.log", {}, {}};
+        // The bus daemons go only after this process, however it ends, so
+        // the library never sees its buses vanish (libdbus would end the
+        // process on that).
+        clean_up_after_exit({the_world->buses.system.pid(), the_world->buses.session.pid()},
+                            {dir, the_world->buses.system.dir(), the_world->buses.session.dir()});
     }
     return *the_world;
 }
@@ -288,12 +293,6 @@ int main(int argc, char **argv)
 #endif
     fflush(stdout);
     fflush(stderr);
-    // The bus daemons go only after this process, so the library never sees
-    // its buses vanish (libdbus would end the process on that).
-    if (the_world)
-        clean_up_after_exit(
-            {the_world->buses.system.pid(), the_world->buses.session.pid()},
-            {the_world->dir, the_world->buses.system.dir(), the_world->buses.session.dir()});
     // The library's thread, the simulator and the buses are left as they
     // are: ending the process is the only way to stop the library.
     _exit(result);

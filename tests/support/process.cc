@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -21,6 +22,7 @@ pid_t spawn(const std::vector<std::string> &args, int in, int out, int err)
     argv.push_back(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
         int fds[] = {in, out, err};
         for (int fd = 0; fd < 3; fd++)
             if (fds[fd] >= 0)
@@ -31,9 +33,10 @@ pid_t spawn(const std::vector<std::string> &args, int in, int out, int err)
     return pid;
 }
 
-void clean_up_after_exit(const std::vector<pid_t> &pids, const std::vector<std::string> &dirs)
+void clean_up_after_exit(const std::vector<pid_t> &pids, const std::vector<std::string> &dirs,
+                         const std::string &commands)
 {
-    std::vector<std::string> rm = {"rm", "-rf"};
+    std::vector<std::string> rm = {"sh", "-c", commands + "\nrm -rf \"$@\"", "sh"};
     for (const std::string &dir : dirs)
         if (dir.rfind("/tmp/netmgr-", 0) == 0)
             rm.push_back(dir);
@@ -60,6 +63,6 @@ void clean_up_after_exit(const std::vector<pid_t> &pids, const std::vector<std::
     }
     for (pid_t pid : pids)
         kill(pid, SIGTERM);
-    execvp("rm", argv.data());
+    execvp("sh", argv.data());
     _exit(0);
 }
