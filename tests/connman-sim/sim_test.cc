@@ -95,28 +95,20 @@ class Client
 const char kOpenId[] = "wifi_02_6f70656e_managed_none";
 const char kPskId[] = "wifi_02_70736b_managed_psk";
 
-// Paths of a list of (path, properties), in order, with the number of
-// properties each carries.
-std::vector<std::pair<std::string, size_t>> entries(GVariant *list)
+// The first argument of a reply or signal, a list of (path, properties):
+// the paths in order, with the number of properties each carries.
+std::vector<std::pair<std::string, size_t>> first_list(GVariant *args)
 {
     std::vector<std::pair<std::string, size_t>> out;
-    GVariantIter iter;
-    g_variant_iter_init(&iter, list);
+    GVariantIter *iter = nullptr;
     const gchar *path;
     GVariant *dict;
-    while (g_variant_iter_next(&iter, "(&o@a{sv})", &path, &dict)) {
+    g_variant_get_child(args, 0, "a(oa{sv})", &iter);
+    while (g_variant_iter_next(iter, "(&o@a{sv})", &path, &dict)) {
         out.emplace_back(path, g_variant_n_children(dict));
         g_variant_unref(dict);
     }
-    return out;
-}
-
-// The first argument of a reply or signal, as a list of entries.
-std::vector<std::pair<std::string, size_t>> first_list(GVariant *args)
-{
-    GVariant *list = g_variant_get_child_value(args, 0);
-    auto out = entries(list);
-    g_variant_unref(list);
+    g_variant_iter_free(iter);
     return out;
 }
 

@@ -62,24 +62,6 @@ pid_t spawn(const std::vector<std::string> &args, const std::string &log)
     return pid;
 }
 
-// Waits for a child of this process; SIGKILL after timeout_ms.
-void reap(pid_t pid, int timeout_ms)
-{
-    bool gone = wait_until([pid] { return waitpid(pid, nullptr, WNOHANG) != 0; }, timeout_ms);
-    if (!gone) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-}
-
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path);
-    out << text;
-    if (!out)
-        throw std::runtime_error("cannot write " + path);
-}
-
 void run_or_throw(const std::vector<std::string> &argv)
 {
     std::string output;
@@ -215,12 +197,12 @@ void RealConnman::start_dhcp_server()
 
 void RealConnman::write_daemon_files()
 {
-    write_file(dir_ + "/main.conf", "[General]\n"
-                                    "EnableOnlineCheck=false\n"
-                                    "AllowHostnameUpdates=false\n"
-                                    "AllowDomainnameUpdates=false\n"
-                                    "PreferredTechnologies=ethernet,wifi\n"
-                                    "SingleConnectedTechnology=false\n");
+    std::ofstream(dir_ + "/main.conf") << "[General]\n"
+                                          "EnableOnlineCheck=false\n"
+                                          "AllowHostnameUpdates=false\n"
+                                          "AllowDomainnameUpdates=false\n"
+                                          "PreferredTechnologies=ethernet,wifi\n"
+                                          "SingleConnectedTechnology=false\n";
     // ip netns exec binds this over /etc/resolv.conf, so the daemon's resolver
     // writes stay in the test. Another run may remove an empty /etc/netns at
     // any moment, hence the retries.
@@ -255,8 +237,12 @@ void RealConnman::stop_daemon()
 {
     if (connmand_pid_ <= 0)
         return;
+    // SIGKILL when it takes longer than 5 s.
     kill(connmand_pid_, SIGTERM);
-    reap(connmand_pid_, 5000);
+    if (!wait_until([&] { return waitpid(connmand_pid_, nullptr, WNOHANG) != 0; })) {
+        kill(connmand_pid_, SIGKILL);
+        waitpid(connmand_pid_, nullptr, 0);
+    }
     connmand_pid_ = -1;
 }
 
