@@ -99,8 +99,14 @@ TEST_F(Agent, PassphraseRequestIsAnsweredOnceWithThePassphrase)
     EXPECT_EQ(connman_agent_reply_passphrase(nullptr, "secret", false, ""), 0);
     EXPECT_EQ(answer(call), "({'Passphrase': <'secret'>},)");
 
+    // Answered: no reply function sends anything more.
     EXPECT_EQ(connman_agent_reply_passphrase(nullptr, "again", false, ""), 0);
     EXPECT_EQ(connman_agent_reply_canceled(), 0);
+    EXPECT_EQ(connman_agent_reply_retry(), 0);
+    EXPECT_EQ(connman_agent_reply_launch_browser(), 0);
+    EXPECT_EQ(connman_agent_reply_passphrase(nullptr, nullptr, false, nullptr), 0);
+    EXPECT_EQ(connman_agent_reply_identity("id", nullptr), 0);
+    EXPECT_EQ(connman_agent_reply_login(nullptr, nullptr), 0);
     ASSERT_TRUE(stack.barrier());
     EXPECT_EQ(stack.connman.stray_replies(), 0);
 }
@@ -132,18 +138,6 @@ TEST_F(Agent, LoginMayLackAHalfButIdentityMayNot)
     EXPECT_EQ(connman_agent_reply_identity("id", nullptr), -EINVAL);
     EXPECT_EQ(connman_agent_reply_identity("id", "pw"), 0);
     EXPECT_EQ(answer(identity), "({'Identity': <'id'>, 'Passphrase': <'pw'>},)");
-}
-
-TEST_F(Agent, ReplyFunctionsWithNothingPendingSendNothing)
-{
-    EXPECT_EQ(connman_agent_reply_retry(), 0);
-    EXPECT_EQ(connman_agent_reply_canceled(), 0);
-    EXPECT_EQ(connman_agent_reply_launch_browser(), 0);
-    EXPECT_EQ(connman_agent_reply_passphrase(nullptr, nullptr, false, nullptr), 0);
-    EXPECT_EQ(connman_agent_reply_identity("id", nullptr), 0);
-    EXPECT_EQ(connman_agent_reply_login(nullptr, nullptr), 0);
-    ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(stack.connman.stray_replies(), 0);
 }
 
 TEST_F(Agent, ErrorsAndBrowserRequestsWaitForTheCore)

@@ -94,7 +94,7 @@ TEST_F(TechnologyTest, NothingBeforeInit)
     connman_technology_finalize();
 }
 
-TEST_F(TechnologyTest, MirrorsListAndRemovals)
+TEST_F(TechnologyTest, MirrorsListChangesAndRemovals)
 {
     ASSERT_NO_FATAL_FAILURE(init_technologies());
     std::sort(heard.added.begin(), heard.added.end());
@@ -111,6 +111,22 @@ TEST_F(TechnologyTest, MirrorsListAndRemovals)
 
     for (const char *name : {"Powered", "Connected", "Tethering"})
         EXPECT_TRUE(contains(heard.notes, std::string(kWifi) + "|" + name)) << name;
+
+    // Changes handled in one turn are reported once.
+    connman_technology_set_property_changed_callback(
+        kWifi,
+        [](const char *path, const char *name, void *) {
+            heard.own_notes.push_back(std::string(path) + "|" + name);
+        },
+        nullptr);
+    heard.notes.clear();
+    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <true>)");
+    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <false>)");
+    ASSERT_TRUE(run_until([&] { return !heard.notes.empty(); }));
+    drain();
+    EXPECT_EQ(std::vector<std::string>{std::string(kWifi) + "|Powered"}, heard.notes);
+    EXPECT_EQ(heard.notes, heard.own_notes);
+    EXPECT_FALSE(connman_technology_is_enabled(kWifi));
 
     // Removal of an unknown path is reported and changes nothing else.
     connman.emit("/", kManager, "TechnologyRemoved",
@@ -149,25 +165,6 @@ TEST_F(TechnologyTest, ReportsUnderTheLastHandledProperty)
     EXPECT_EQ(std::vector<std::string>{std::string(kP2p) + "|Connected"}, heard.notes);
     EXPECT_STREQ("Re", connman_technology_get_name(kP2p));
     EXPECT_TRUE(connman_technology_is_connected(kP2p));
-}
-
-TEST_F(TechnologyTest, ChangesInOneTurnAreReportedOnce)
-{
-    ASSERT_NO_FATAL_FAILURE(init_technologies());
-    connman_technology_set_property_changed_callback(
-        kWifi,
-        [](const char *path, const char *name, void *) {
-            heard.own_notes.push_back(std::string(path) + "|" + name);
-        },
-        nullptr);
-    heard.notes.clear();
-    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <true>)");
-    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <false>)");
-    ASSERT_TRUE(run_until([&] { return !heard.notes.empty(); }));
-    drain();
-    EXPECT_EQ(std::vector<std::string>{std::string(kWifi) + "|Powered"}, heard.notes);
-    EXPECT_EQ(heard.notes, heard.own_notes);
-    EXPECT_FALSE(connman_technology_is_enabled(kWifi));
 }
 
 TEST_F(TechnologyTest, EnableSendsOnlyWhatIsNeeded)

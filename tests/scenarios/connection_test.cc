@@ -70,7 +70,7 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
     EXPECT_EQ(0, event.byte);
     EXPECT_EQ(1, sim.count_calls("Disconnect", path));
-    EXPECT_TRUE(wait_service_state(kHome, "idle"));
+    EXPECT_TRUE(wait_until([&] { return sim.service_state(kHome) == "idle"; }));
 
     // Forgetting the connected last network: it is lost (non-zero byte) and
     // the last Wi-Fi is stored as "".

@@ -242,12 +242,6 @@ bool Scenario::wait_command(const std::string &command, int n, int timeout_ms) c
     return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
 }
 
-bool Scenario::wait_service_state(const std::string &ident, const std::string &state,
-                                  int timeout_ms)
-{
-    return wait_until([&] { return sim.service_state(ident) == state; }, timeout_ms);
-}
-
 bool Scenario::wait_wifi_list(int n, int timeout_ms)
 {
     return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);

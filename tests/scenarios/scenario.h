@@ -89,11 +89,8 @@ class Scenario : public ::testing::Test
     // Commands the library ran through the shell, in order.
     std::vector<std::string> commands() const;
     int count_command(const std::string &command) const;
-    bool shell_ran(const std::string &command) const { return count_command(command) > 0; }
     bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const;
 
-    bool wait_service_state(const std::string &ident, const std::string &state,
-                            int timeout_ms = 5000);
     // Waits until the library's Wi-Fi list holds n entries.
     bool wait_wifi_list(int n, int timeout_ms = 5000);
     bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,

@@ -110,7 +110,7 @@ TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
 
     EXPECT_TRUE(NetMgr_ScanP2P());
     EXPECT_TRUE(sim.wait_for_calls("Scan", 1, 5000, kP2pTech));
-    EXPECT_TRUE(shell_ran("wpa_cli p2p_find"));
+    EXPECT_TRUE(wait_command("wpa_cli p2p_find"));
 
     EXPECT_TRUE(NetMgr_DisableP2P(false));
     EXPECT_EQ(NET_TYPE_WIFI, NetMgr_GetNetworkType());
