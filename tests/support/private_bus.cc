@@ -88,6 +88,7 @@ PrivateBus::PrivateBus(const std::function<std::string(const std::string &)> &ma
     std::string config = dir_ + "/bus.conf";
     std::ofstream(config) << make_config(dir_);
 
+    std::string config_arg = "--config-file=" + config;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)
         throw std::runtime_error("pipe failed");
@@ -98,7 +99,6 @@ PrivateBus::PrivateBus(const std::function<std::string(const std::string &)> &ma
         // A test that crashes or times out must not leave its bus behind.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         dup2(fds[1], 3);
-        std::string config_arg = "--config-file=" + config;
         execlp("dbus-daemon", "dbus-daemon", config_arg.c_str(), "--nofork", "--nopidfile",
                "--print-address=3", static_cast<char *>(nullptr));
         _exit(127);
