@@ -70,13 +70,6 @@ class InterfaceTest : public ClientStackTest
 
 } // namespace
 
-TEST_F(InterfaceTest, MissingCallbackIsRefusedBeforeConnecting)
-{
-    EXPECT_EQ(-EINVAL, connman_interface_init(nullptr, stray_callback, this));
-    EXPECT_EQ(-EINVAL, connman_interface_init(stray_callback, nullptr, this));
-    EXPECT_TRUE(no_connections());
-}
-
 TEST_F(InterfaceTest, NameOwnedElsewhereFailsAndReleasesBothConnections)
 {
     DBusConnection *other = connect_to(buses.session.address());
@@ -111,8 +104,14 @@ TEST_F(InterfaceTest, ReportsDaemonArrivalAndDeparture)
     EXPECT_EQ(0, stray_calls);
 }
 
-TEST_F(InterfaceTest, FinalizeReleasesEverythingAndMayRepeat)
+TEST_F(InterfaceTest, MissingCallbackIsRefusedAndFinalizeReleasesEverything)
 {
+    // A missing callback is refused before anything connects.
+    EXPECT_EQ(-EINVAL, connman_interface_init(nullptr, stray_callback, this));
+    EXPECT_EQ(-EINVAL, connman_interface_init(stray_callback, nullptr, this));
+    EXPECT_TRUE(no_connections());
+
+    // Finalizing may repeat.
     ASSERT_NO_FATAL_FAILURE(init_interface());
     connman_interface_finalize();
     connman_interface_finalize();
