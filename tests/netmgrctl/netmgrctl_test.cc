@@ -153,16 +153,6 @@ void expect_error(int code, const std::string &text, const std::vector<std::stri
     EXPECT_THAT(run.err, HasSubstr(text));
 }
 
-connman_sim::Network home()
-{
-    return wifi(kHome, "home", "psk", 70);
-}
-
-connman_sim::Network cafe()
-{
-    return wifi(kCafe, "cafe", "none", 40);
-}
-
 connman_sim::Network wired(bool carrier = true)
 {
     connman_sim::Network net = cable(kCable, carrier);
@@ -192,8 +182,8 @@ class NetmgrctlTest : public ::testing::Test
     {
         store_type_wifi();
         sim_.add_technology("wifi", true);
-        sim_.add_network(home());
-        sim_.add_network(cafe());
+        sim_.add_network(wifi(kHome, "home", "psk", 70));
+        sim_.add_network(wifi(kCafe, "cafe", "none", 40));
         ASSERT_TRUE(sim_.start(buses_.system.address()));
     }
 
@@ -657,8 +647,8 @@ TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
 {
     store_type_wifi();
     sim_.add_technology("wifi", true);
-    sim_.add_network(home());
-    sim_.add_network(cafe());
+    sim_.add_network(wifi(kHome, "home", "psk", 70));
+    sim_.add_network(wifi(kCafe, "cafe", "none", 40));
     sim_.add_network(wifi("wifi_020000000013_686f6d65_managed_none", "home"));
     ASSERT_TRUE(sim_.start(buses_.system.address()));
 
