@@ -186,12 +186,12 @@ TEST(SimScenarioFile, SampleLoadsAndBadInputIsRefused)
 
     EXPECT_FALSE(connman_sim::parse_scenario("{\"networks\": [", scenario, error));
     EXPECT_THAT(error, HasSubstr("not valid JSON"));
-    EXPECT_FALSE(connman_sim::parse_scenario("{\"networks\": [{\"ident\": \"bad/ident\"}]}",
+    EXPECT_FALSE(
+        connman_sim::parse_scenario(R"({"networks": [{"ident": "bad/ident"}]})", scenario, error));
+    EXPECT_FALSE(connman_sim::parse_scenario(R"({"networks": [{"ident": "w", "strength": 300}]})",
                                              scenario, error));
     EXPECT_FALSE(connman_sim::parse_scenario(
-        "{\"networks\": [{\"ident\": \"w\", \"strength\": 300}]}", scenario, error));
-    EXPECT_FALSE(connman_sim::parse_scenario(
-        "{\"networks\": [{\"ident\": \"w\", \"security\": [\"psk\"]}]}", scenario, error));
+        R"({"networks": [{"ident": "w", "security": ["psk"]}]})", scenario, error));
     EXPECT_THAT(error, HasSubstr("passphrase"));
     EXPECT_FALSE(connman_sim::parse_scenario("{\"technology\": []}", scenario, error));
 }

@@ -107,12 +107,6 @@ size_t EventRecorder::mark() const
     return events_.size();
 }
 
-bool EventRecorder::wait_for_event(NetMgrEvent code, int timeout_ms, size_t from,
-                                   RecordedEvent *out)
-{
-    return wait_index(code, timeout_ms, from, out) >= 0;
-}
-
 long EventRecorder::wait_index(NetMgrEvent code, int timeout_ms, size_t from, RecordedEvent *out)
 {
     std::unique_lock<std::mutex> lock(mutex_);

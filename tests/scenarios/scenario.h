@@ -42,10 +42,8 @@ class EventRecorder
 
     // Index of the next event; pass it as `from` to look only at later ones.
     size_t mark() const;
-    // Waits until an event `code` at index >= from has arrived; copies it.
-    bool wait_for_event(NetMgrEvent code, int timeout_ms, size_t from = 0,
-                        RecordedEvent *out = nullptr);
-    // The index of that event, or -1 when it did not come.
+    // Waits until an event `code` at index >= from has arrived and copies
+    // it; its index, or -1 when it did not come.
     long wait_index(NetMgrEvent code, int timeout_ms, size_t from = 0,
                     RecordedEvent *out = nullptr);
     int count(NetMgrEvent code, size_t from = 0) const;
@@ -96,7 +94,7 @@ class Scenario : public ::testing::Test
     bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,
                         int timeout_ms = 10000)
     {
-        return events.wait_for_event(code, timeout_ms, from, out);
+        return events.wait_index(code, timeout_ms, from, out) >= 0;
     }
 
     // Runs fn on the service thread and waits, to read the context safely.
