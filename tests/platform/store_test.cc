@@ -11,24 +11,16 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "platform/zelstorageclient.h"
+#include "tests/support/process.h"
 
 namespace
 {
-
-std::string read_text(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 bool parses_as_object(const std::string &text)
 {
@@ -95,7 +87,7 @@ TEST_F(StoreTest, WritesReplaceTheFileAtomically)
     std::atomic<int> bad_reads{0};
     std::thread reader([&] {
         while (!done)
-            bad_reads += !parses_as_object(read_text(file_));
+            bad_reads += !parses_as_object(read_file(file_));
     });
     std::string big(64 * 1024, 'x');
     for (int i = 0; i < 200; i++)
@@ -124,7 +116,7 @@ TEST_F(StoreTest, CorruptFileReadsEmptyIsReportedOnceAndMovedAsideOnWrite)
     std::string messages = testing::internal::GetCapturedStderr();
     EXPECT_NE(messages.find(file_), std::string::npos) << messages;
     EXPECT_EQ(std::count(messages.begin(), messages.end(), '\n'), 1) << messages;
-    EXPECT_EQ(read_text(file_ + ".corrupt"), garbage);
+    EXPECT_EQ(read_file(file_ + ".corrupt"), garbage);
     EXPECT_EQ(ZL_Storage_GetItem(type_, &out), 0);
     ASSERT_NE(ZL_Storage_GetItem(last_, &out), 0);
     EXPECT_EQ(out.asString(), "/p");
@@ -197,7 +189,7 @@ TEST_F(StoreTest, WritersKilledAtAnyInstantLeaveOldOrNewAndOneTemporaryAtMost)
         int status = 0;
         waitpid(child, &status, 0);
 
-        std::string text = read_text(file_);
+        std::string text = read_file(file_);
         ASSERT_TRUE(parses_as_object(text)) << "round " << round;
         Json::Value out;
         ASSERT_NE(ZL_Storage_GetItem(type_, &out), 0);

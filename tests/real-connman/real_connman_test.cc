@@ -58,7 +58,7 @@ class RealConnmanTest : public Scenario
         if (IsSkipped())
             return;
         // Never deleted: the library holds its bus connections until the
-        // process ends. The guardian removes all of it afterwards.
+        // process ends, and the peer goes only after that.
         peer = new RealConnman();
         probe = std::make_unique<ConnmanProbe>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
         bus = std::make_unique<BusWatch>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
