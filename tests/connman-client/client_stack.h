@@ -32,14 +32,6 @@ class ClientStack
     TestBuses buses;
     fake::Connman connman{buses.system.address()};
 
-    // Answers GetTechnologies with one Wi-Fi technology.
-    void offer_wifi(bool powered)
-    {
-        connman.on("GetTechnologies", std::string("([(objectpath '") + kWifiTechnology +
-                                          "', {'Name': <'WiFi'>, 'Type': <'wifi'>, 'Powered': <" +
-                                          (powered ? "true" : "false") + ">})],)");
-    }
-
     void init_interface()
     {
         ASSERT_EQ(connman_interface_init(on_up, on_down, this), 0);

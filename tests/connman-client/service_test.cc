@@ -63,7 +63,10 @@ class ServiceTest : public ClientStackTest
 
     void start_stack(const std::string &services, bool wifi_powered = true)
     {
-        offer_wifi(wifi_powered);
+        // One Wi-Fi technology.
+        connman.on("GetTechnologies", std::string("([(objectpath '") + kWifiTechnology +
+                                          "', {'Name': <'WiFi'>, 'Type': <'wifi'>, 'Powered': <" +
+                                          (wifi_powered ? "true" : "false") + ">})],)");
         connman.on("GetServices", "([" + services + "],)");
         start();
         ASSERT_TRUE(run_until([] { return connman_technology_get_type(kWifiTechnology); }));

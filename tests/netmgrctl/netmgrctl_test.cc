@@ -25,7 +25,6 @@
 #include "tests/support/sim_networks.h"
 #include "tests/support/wait.h"
 
-using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
@@ -656,9 +655,9 @@ TEST_F(NetmgrctlTest, NamesMustBeUniqueAndCancelSaysWhenNothingWasPending)
     for (const char *action : {"connect", "forget"}) {
         Outcome twice = run_ctl({"wifi", action, "home"});
         EXPECT_EQ(twice.code, 1) << twice.err;
-        EXPECT_THAT(twice.err,
-                    AllOf(HasSubstr("2 networks are called home"), HasSubstr(service_path(kHome)),
-                          HasSubstr(service_path("wifi_020000000013_686f6d65_managed_none"))));
+        EXPECT_THAT(twice.err, HasSubstr("2 networks are called home"));
+        EXPECT_THAT(twice.err, HasSubstr(service_path(kHome)));
+        EXPECT_THAT(twice.err, HasSubstr(service_path("wifi_020000000013_686f6d65_managed_none")));
     }
     EXPECT_EQ(sim_.count_calls("Connect"), 0);
     EXPECT_EQ(sim_.count_calls("Remove"), 0);

@@ -113,16 +113,6 @@ Properties ConnmanProbe::object_list(const char *method, const std::string &type
     return found;
 }
 
-Properties ConnmanProbe::technology(const std::string &type)
-{
-    return object_list("GetTechnologies", type);
-}
-
-Properties ConnmanProbe::service(const std::string &type)
-{
-    return object_list("GetServices", type);
-}
-
 bool ConnmanProbe::set_technology_powered(const std::string &type, bool powered)
 {
     std::string path = "/net/connman/technology/" + type;

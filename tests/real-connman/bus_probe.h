@@ -28,9 +28,9 @@ class ConnmanProbe
     // Empty when the daemon did not answer (absent or an error) or has no
     // such object.
     Properties manager();
-    Properties technology(const std::string &type);
+    Properties technology(const std::string &type) { return object_list("GetTechnologies", type); }
     // The first service of this type, with its object path as "path".
-    Properties service(const std::string &type);
+    Properties service(const std::string &type) { return object_list("GetServices", type); }
     bool set_technology_powered(const std::string &type, bool powered);
     // Unique bus name of the owner of name, "" when none.
     std::string name_owner(const std::string &name);

@@ -41,7 +41,6 @@ class RealConnman
     // vA's MAC address in lower case.
     std::string mac() const;
 
-    const std::string &dir() const { return dir_; }
     std::string daemon_log() const;
 
   private:

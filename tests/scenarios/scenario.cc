@@ -211,11 +211,6 @@ int Scenario::stored_type() const
     return type.isInt() ? type.asInt() : -1;
 }
 
-bool Scenario::wait_stored_last_wifi(const std::string &path, int timeout_ms)
-{
-    return wait_until([&] { return stored("netmgr:last_wifi") == Json::Value(path); }, timeout_ms);
-}
-
 std::vector<std::string> Scenario::commands() const
 {
     std::vector<std::string> lines;
@@ -229,16 +224,6 @@ int Scenario::count_command(const std::string &command) const
 {
     std::vector<std::string> lines = commands();
     return static_cast<int>(std::count(lines.begin(), lines.end(), command));
-}
-
-bool Scenario::wait_command(const std::string &command, int n, int timeout_ms) const
-{
-    return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
-}
-
-bool Scenario::wait_wifi_list(int n, int timeout_ms)
-{
-    return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);
 }
 
 void Scenario::on_service_thread(const std::function<void()> &fn)

@@ -23,6 +23,7 @@
 #include "core/internal.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/sim_networks.h"
+#include "tests/support/wait.h"
 
 struct RecordedEvent {
     NetMgrEvent code;
@@ -82,15 +83,25 @@ class Scenario : public ::testing::Test
     Json::Value stored(const std::string &key) const; // null when absent
     int stored_type() const;                          // -1 when absent
     // Waits until "netmgr:last_wifi" is stored as this string.
-    bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000);
+    bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000)
+    {
+        return wait_until([&] { return stored("netmgr:last_wifi") == Json::Value(path); },
+                          timeout_ms);
+    }
 
     // Commands the library ran through the shell, in order.
     std::vector<std::string> commands() const;
     int count_command(const std::string &command) const;
-    bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const;
+    bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const
+    {
+        return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
+    }
 
     // Waits until the library's Wi-Fi list holds n entries.
-    bool wait_wifi_list(int n, int timeout_ms = 5000);
+    bool wait_wifi_list(int n, int timeout_ms = 5000)
+    {
+        return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);
+    }
     bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,
                         int timeout_ms = 10000)
     {
