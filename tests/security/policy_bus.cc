@@ -41,8 +41,10 @@ std::string start_policy_bus(std::string *reason)
         return "";
     }
     try {
-        // Never destroyed: it goes after the process.
-        auto *bus = new PrivateBus([&](const std::string &dir) {
+        // Never destroyed (but reachable, so no leak is reported): it goes
+        // after the process.
+        static PrivateBus *bus;
+        bus = new PrivateBus([&](const std::string &dir) {
             // The daemon's own user and nobody reach the socket.
             chmod(dir.c_str(), 0755);
             // "system.d" in the stock file is relative to the file: ours comes along.
