@@ -16,35 +16,21 @@
 
 constexpr const char *kWifiTechnology = "/net/connman/technology/wifi";
 
-// libdbus reads DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS once
-// per process and keeps the addresses until dbus_shutdown(). Every stack
-// starts buses of its own, so without a shutdown between stacks the second
-// one in a process would dial the first one's dead sockets. Used as the
-// first member of a stack, so that it runs after the modules, the fake
-// daemon and the buses are gone.
-struct LibdbusReset {
-    LibdbusReset() = default;
-    LibdbusReset(const LibdbusReset &) = delete;
-    LibdbusReset &operator=(const LibdbusReset &) = delete;
-    ~LibdbusReset() { dbus_shutdown(); }
-};
-
 class ClientStack
 {
-  private:
-    LibdbusReset reset_;
+    // libdbus reads DBUS_SYSTEM_BUS_ADDRESS and DBUS_SESSION_BUS_ADDRESS once
+    // per process and keeps the addresses until dbus_shutdown(). Every stack
+    // starts buses of its own, so without a shutdown between stacks the
+    // second one in a process would dial the first one's dead sockets. The
+    // first member, so that it runs after the modules, the fake daemon and
+    // the buses are gone.
+    struct LibdbusReset {
+        ~LibdbusReset() { dbus_shutdown(); }
+    } reset_;
 
   public:
     TestBuses buses;
     fake::Connman connman{buses.system.address()};
-
-    // Answers GetTechnologies with one Wi-Fi technology.
-    void offer_wifi(bool powered)
-    {
-        connman.on("GetTechnologies", std::string("([(objectpath '") + kWifiTechnology +
-                                          "', {'Name': <'WiFi'>, 'Type': <'wifi'>, 'Powered': <" +
-                                          (powered ? "true" : "false") + ">})],)");
-    }
 
     void init_interface()
     {
@@ -81,7 +67,6 @@ class ClientStack
     bool run_until(const std::function<bool()> &pred, int timeout_ms = 5000)
     {
         return run_loop_until(
-            nullptr,
             [&] {
                 connman.pump();
                 return pred();
@@ -147,7 +132,7 @@ class ClientStack
         };
         int before = unread();
         connman.emit(path, interface, member, args);
-        ASSERT_TRUE(wait_until([&] { return unread() > before; }, 5000));
+        ASSERT_TRUE(wait_until([&] { return unread() > before; }));
     }
 
     // ConnMan's presence as the interface reported it.

@@ -76,11 +76,6 @@ void Connman::request_name()
         throw std::runtime_error("cannot own net.connman");
 }
 
-void Connman::release_name()
-{
-    dbus_bus_release_name(connection_, "net.connman", nullptr);
-}
-
 Connman::~Connman()
 {
     dbus_connection_close(connection_);
@@ -92,16 +87,6 @@ void Connman::pump()
     dbus_connection_read_write(connection_, 0);
     while (dbus_connection_dispatch(connection_) == DBUS_DISPATCH_DATA_REMAINS) {
     }
-}
-
-void Connman::on(const std::string &member, Handler handler)
-{
-    handlers_[member] = std::move(handler);
-}
-
-void Connman::on(const std::string &member, const std::string &reply)
-{
-    on(member, [reply](DBusMessage *) { return reply; });
 }
 
 int Connman::count(const std::string &member, const std::string &path) const

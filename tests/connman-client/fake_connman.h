@@ -32,11 +32,14 @@ class Connman
     // Reads and dispatches whatever has arrived, without blocking.
     void pump();
     // Gives "net.connman" up (the daemon leaving) and takes it again.
-    void release_name();
+    void release_name() { dbus_bus_release_name(connection_, "net.connman", nullptr); }
     void request_name();
     // Members without a handler get an empty reply.
-    void on(const std::string &member, Handler handler);
-    void on(const std::string &member, const std::string &reply);
+    void on(const std::string &member, Handler handler) { handlers_[member] = std::move(handler); }
+    void on(const std::string &member, const std::string &reply)
+    {
+        on(member, [reply](DBusMessage *) { return reply; });
+    }
 
     int count(const std::string &member, const std::string &path = "") const;
     // The body of the last call of member, or "".

@@ -62,20 +62,13 @@ class InterfaceTest : public ClientStackTest
     {
         return connman_interface_get_connection() == nullptr &&
                connman_interface_get_session_connection() == nullptr &&
-               wait_until([&] { return count_clients(buses.system.address()) == 1; }, 5000) &&
-               wait_until([&] { return count_clients(buses.session.address()) == session_clients; },
-                          5000);
+               wait_until([&] { return count_clients(buses.system.address()) == 1; }) &&
+               wait_until(
+                   [&] { return count_clients(buses.session.address()) == session_clients; });
     }
 };
 
 } // namespace
-
-TEST_F(InterfaceTest, MissingCallbackIsRefusedBeforeConnecting)
-{
-    EXPECT_EQ(-EINVAL, connman_interface_init(nullptr, stray_callback, this));
-    EXPECT_EQ(-EINVAL, connman_interface_init(stray_callback, nullptr, this));
-    EXPECT_TRUE(no_connections());
-}
 
 TEST_F(InterfaceTest, NameOwnedElsewhereFailsAndReleasesBothConnections)
 {
@@ -111,8 +104,14 @@ TEST_F(InterfaceTest, ReportsDaemonArrivalAndDeparture)
     EXPECT_EQ(0, stray_calls);
 }
 
-TEST_F(InterfaceTest, FinalizeReleasesEverythingAndMayRepeat)
+TEST_F(InterfaceTest, MissingCallbackIsRefusedAndFinalizeReleasesEverything)
 {
+    // A missing callback is refused before anything connects.
+    EXPECT_EQ(-EINVAL, connman_interface_init(nullptr, stray_callback, this));
+    EXPECT_EQ(-EINVAL, connman_interface_init(stray_callback, nullptr, this));
+    EXPECT_TRUE(no_connections());
+
+    // Finalizing may repeat.
     ASSERT_NO_FATAL_FAILURE(init_interface());
     connman_interface_finalize();
     connman_interface_finalize();

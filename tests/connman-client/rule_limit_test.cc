@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <string>
 
@@ -34,11 +33,6 @@ void on_property(const char *path, const char *property, void *)
 std::string ident(int i)
 {
     return "wifi_0200000000" + std::to_string(10 + i) + "_6c696d6974_managed_none";
-}
-
-bool run_until(const std::function<bool()> &pred, int timeout_ms = 5000)
-{
-    return run_loop_until(nullptr, pred, timeout_ms);
 }
 
 bool all_at(uint8_t strength)
@@ -74,15 +68,15 @@ TEST(RuleLimit, EveryServiceChangeArrivesPastTheBusRuleLimit)
     g_dbus_set_rule_fallback_function([](const char *) { fallbacks++; });
     ASSERT_EQ(
         connman_interface_init([](void *) { up = true; }, [](void *) { up = false; }, nullptr), 0);
-    ASSERT_TRUE(run_until([] { return up; }));
+    ASSERT_TRUE(run_loop_until([] { return up; }));
     ASSERT_EQ(connman_manager_init(), 0);
     ASSERT_EQ(connman_service_init(), 0);
     ASSERT_EQ(connman_technology_init(), 0);
     connman_service_set_global_property_callback(on_property, nullptr);
     ASSERT_TRUE(
-        run_until([] { return connman_technology_get_type("/net/connman/technology/wifi"); }));
+        run_loop_until([] { return connman_technology_get_type("/net/connman/technology/wifi"); }));
     ASSERT_EQ(connman_service_refresh_services_list(nullptr, nullptr, nullptr), 0);
-    ASSERT_TRUE(run_until([] { return connman_service_get_services_count() == kServices; }));
+    ASSERT_TRUE(run_loop_until([] { return connman_service_get_services_count() == kServices; }));
     // The bus refused rules: one broader rule took over, reported once.
     EXPECT_EQ(fallbacks, 1);
 
@@ -92,8 +86,8 @@ TEST(RuleLimit, EveryServiceChangeArrivesPastTheBusRuleLimit)
         strength_changes.clear();
         for (int i = 0; i < kServices; i++)
             sim.set_strength(ident(i), value);
-        EXPECT_TRUE(run_until([value] { return all_at(value); }, 10000)) << int(value);
-        EXPECT_TRUE(run_until([] { return strength_changes.size() == kServices; }, 10000));
+        EXPECT_TRUE(run_loop_until([value] { return all_at(value); }, 10000)) << int(value);
+        EXPECT_TRUE(run_loop_until([] { return strength_changes.size() == kServices; }, 10000));
     }
     EXPECT_EQ(fallbacks, 1);
 

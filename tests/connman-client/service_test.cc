@@ -35,25 +35,6 @@ struct Heard {
     std::vector<std::string> removed, notifications, errors, returns;
 } heard;
 
-// Every case starts from nothing heard.
-class ServiceTest : public ::testing::Test
-{
-  protected:
-    void SetUp() override { heard = Heard(); }
-};
-class ServiceList : public ServiceTest
-{
-};
-class ServiceProperties : public ServiceTest
-{
-};
-class ServiceWrites : public ServiceTest
-{
-};
-class ServiceCalls : public ServiceTest
-{
-};
-
 void count_refresh(void *user_data)
 {
     heard.refreshes += user_data == &marker;
@@ -74,45 +55,58 @@ std::vector<std::string> ordered_services()
     return paths;
 }
 
-void start_stack(ClientStack &stack, const std::string &services, bool wifi_powered = true)
+// Every case starts from nothing heard.
+class ServiceTest : public ClientStackTest
 {
-    stack.offer_wifi(wifi_powered);
-    stack.connman.on("GetServices", "([" + services + "],)");
-    stack.start();
-    ASSERT_TRUE(stack.run_until([] { return connman_technology_get_type(kWifiTechnology); }));
-}
+  protected:
+    void SetUp() override { heard = Heard(); }
 
-// Starts the stack with the given services and completes one refresh.
-void start_with(ClientStack &stack, const std::string &services)
-{
-    start_stack(stack, services);
-    ASSERT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
-    ASSERT_TRUE(stack.run_until([] { return heard.refreshes == 1 && heard.scans == 1; }));
-}
+    void start_stack(const std::string &services, bool wifi_powered = true)
+    {
+        // One Wi-Fi technology.
+        connman.on("GetTechnologies", std::string("([(objectpath '") + kWifiTechnology +
+                                          "', {'Name': <'WiFi'>, 'Type': <'wifi'>, 'Powered': <" +
+                                          (wifi_powered ? "true" : "false") + ">})],)");
+        connman.on("GetServices", "([" + services + "],)");
+        start();
+        ASSERT_TRUE(run_until([] { return connman_technology_get_type(kWifiTechnology); }));
+    }
 
-void property_changed(ClientStack &stack, const std::string &name, const std::string &value)
-{
-    stack.connman.emit(kA, "net.connman.Service", "PropertyChanged",
-                       "('" + name + "', <" + value + ">)");
-}
+    // Starts the stack with the given services and completes one refresh.
+    void start_with(const std::string &services)
+    {
+        start_stack(services);
+        ASSERT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
+        ASSERT_TRUE(run_until([] { return heard.refreshes == 1 && heard.scans == 1; }));
+    }
+
+    void property_changed(const std::string &name, const std::string &value)
+    {
+        connman.emit(kA, "net.connman.Service", "PropertyChanged",
+                     "('" + name + "', <" + value + ">)");
+    }
+};
+using ServiceList = ServiceTest;
+using ServiceProperties = ServiceTest;
+using ServiceWrites = ServiceTest;
+using ServiceCalls = ServiceTest;
 
 } // namespace
 
 TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40) + ", " + wifi(kC, "c", 30));
-    EXPECT_EQ(stack.connman.count("Scan", kWifiTechnology), 1);
-    EXPECT_EQ(stack.connman.count("GetServices"), 2);
+    start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40) + ", " + wifi(kC, "c", 30));
+    EXPECT_EQ(connman.count("Scan", kWifiTechnology), 1);
+    EXPECT_EQ(connman.count("GetServices"), 2);
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kA, kB, kC}));
 
     connman_service_set_removed_callback([](const char *path) { heard.removed.push_back(path); });
     ASSERT_EQ(connman_service_select(kB.c_str()), 0);
     // ConnMan lists unchanged services without properties.
-    stack.connman.emit("/", "net.connman.Manager", "ServicesChanged",
-                       "([" + entry(kC, "") + ", " + entry(kA, "'Strength': <byte 70>") +
-                           "], [objectpath '" + kB + "'])");
-    ASSERT_TRUE(stack.run_until([] { return !heard.removed.empty() && heard.refreshes == 2; }));
+    connman.emit("/", "net.connman.Manager", "ServicesChanged",
+                 "([" + entry(kC, "") + ", " + entry(kA, "'Strength': <byte 70>") +
+                     "], [objectpath '" + kB + "'])");
+    ASSERT_TRUE(run_until([] { return !heard.removed.empty() && heard.refreshes == 2; }));
     EXPECT_EQ(heard.removed, std::vector<std::string>{kB});
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kC, kA}));
     EXPECT_STREQ(connman_service_get_name(kC.c_str()), "c");
@@ -127,12 +121,11 @@ TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected
 
     // A selected service that ConnMan drops and lists again stays known.
     ASSERT_EQ(connman_service_select(kC.c_str()), 0);
-    stack.connman.emit("/", "net.connman.Manager", "ServicesChanged",
-                       "([" + entry(kA, "") + "], [objectpath '" + kC + "'])");
-    stack.connman.emit("/", "net.connman.Manager", "ServicesChanged",
-                       "([" + entry(kC, "'Strength': <byte 20>") + ", " + entry(kA, "") +
-                           "], @ao [])");
-    ASSERT_TRUE(stack.barrier());
+    connman.emit("/", "net.connman.Manager", "ServicesChanged",
+                 "([" + entry(kA, "") + "], [objectpath '" + kC + "'])");
+    connman.emit("/", "net.connman.Manager", "ServicesChanged",
+                 "([" + entry(kC, "'Strength': <byte 20>") + ", " + entry(kA, "") + "], @ao [])");
+    ASSERT_TRUE(barrier());
     EXPECT_EQ(heard.removed.size(), 2u);
     EXPECT_EQ(ordered_services(), (std::vector<std::string>{kC, kA}));
     connman_service_deselect();
@@ -142,24 +135,21 @@ TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected
 
 TEST_F(ServiceList, RefreshWithWifiOffReportsTheScanBeforeTheListArrives)
 {
-    ClientStack stack;
-    start_stack(stack, wifi(kA, "a", 50), false);
+    start_stack(wifi(kA, "a", 50), false);
     ASSERT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
     EXPECT_EQ(heard.scans, 1);
     EXPECT_EQ(connman_service_get_services_count(), 0);
 
-    ASSERT_TRUE(stack.run_until([] { return heard.refreshes == 1; }));
+    ASSERT_TRUE(run_until([] { return heard.refreshes == 1; }));
     EXPECT_EQ(ordered_services(), std::vector<std::string>{kA});
-    EXPECT_EQ(stack.connman.count("GetServices"), 2);
-    EXPECT_EQ(stack.connman.count("Scan"), 0);
+    EXPECT_EQ(connman.count("GetServices"), 2);
+    EXPECT_EQ(connman.count("Scan"), 0);
     EXPECT_EQ(heard.scans, 1);
 }
 
 TEST_F(ServiceProperties, MirrorsConnmanValues)
 {
-    ClientStack stack;
-    start_with(stack,
-               wifi(kA, "a", 50,
+    start_with(wifi(kA, "a", 50,
                     ", 'State': <'online'>, 'Security': <['psk', 'wps']>, "
                     "'Nameservers': <['192.0.2.53', '192.0.2.54']>, 'Domains': <@as []>, "
                     "'IPv4': <{'Method': <'dhcp'>, 'Address': <'192.0.2.10'>}>, "
@@ -186,10 +176,10 @@ TEST_F(ServiceProperties, MirrorsConnmanValues)
     EXPECT_EQ(connman_service_get_name("/net/connman/service/unknown"), nullptr);
 
     // An empty dictionary drops the record; a provider appears with its keys.
-    property_changed(stack, "IPv4", "@a{sv} {}");
-    property_changed(stack, "Provider", "{'Host': <'vpn.example'>}");
-    property_changed(stack, "State", "'failure'");
-    ASSERT_TRUE(stack.barrier());
+    property_changed("IPv4", "@a{sv} {}");
+    property_changed("Provider", "{'Host': <'vpn.example'>}");
+    property_changed("State", "'failure'");
+    ASSERT_TRUE(barrier());
     EXPECT_EQ(connman_service_get_ipv4(a), nullptr);
     ASSERT_NE(connman_service_get_provider(a), nullptr);
     EXPECT_STREQ(connman_service_get_provider(a)->host, "vpn.example");
@@ -198,14 +188,13 @@ TEST_F(ServiceProperties, MirrorsConnmanValues)
 
 TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50));
+    start_with(wifi(kA, "a", 50));
     const char *a = kA.c_str();
 
     // No callbacks yet: the change is mirrored and nothing is scheduled, so
     // callbacks set before the next loop turn hear nothing of it.
-    property_changed(stack, "Strength", "byte 80");
-    ASSERT_TRUE(stack.run_until([a] { return connman_service_get_strength(a) == 80; }));
+    property_changed("Strength", "byte 80");
+    ASSERT_TRUE(run_until([a] { return connman_service_get_strength(a) == 80; }));
     connman_service_set_global_property_callback(
         [](const char *path, const char *name, void *) {
             heard.notifications.push_back(std::string("global ") + path + " " + name);
@@ -218,18 +207,18 @@ TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
                 heard.notifications.push_back(std::string("own ") + path + " " + name);
         },
         &marker);
-    ASSERT_TRUE(stack.barrier());
+    ASSERT_TRUE(barrier());
     EXPECT_TRUE(heard.notifications.empty());
 
-    property_changed(stack, "Strength", "byte 90");
-    ASSERT_TRUE(stack.run_until([] { return heard.notifications.size() == 2; }));
+    property_changed("Strength", "byte 90");
+    ASSERT_TRUE(run_until([] { return heard.notifications.size() == 2; }));
     EXPECT_EQ(heard.notifications,
               (std::vector<std::string>{"global " + kA + " Strength", "own " + kA + " Strength"}));
 
     // Name and unknown properties are mirrored silently.
-    property_changed(stack, "Name", "'renamed'");
-    property_changed(stack, "Unknown", "'x'");
-    ASSERT_TRUE(stack.barrier());
+    property_changed("Name", "'renamed'");
+    property_changed("Unknown", "'x'");
+    ASSERT_TRUE(barrier());
     EXPECT_STREQ(connman_service_get_name(a), "renamed");
     EXPECT_EQ(heard.notifications.size(), 2u);
 }
@@ -240,8 +229,7 @@ TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
 // its turn reports nothing.
 TEST_F(ServiceProperties, ReportsOfOneTurnKeepTheirPlaceAmongOtherModules)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
+    start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
     connman_service_set_global_property_callback(
         [](const char *path, const char *name, void *) {
             heard.notifications.push_back(std::string(path) + " " + name);
@@ -252,24 +240,21 @@ TEST_F(ServiceProperties, ReportsOfOneTurnKeepTheirPlaceAmongOtherModules)
             heard.notifications.push_back(std::string(path) + " " + name);
         },
         nullptr);
-    ASSERT_TRUE(stack.barrier());
+    ASSERT_TRUE(barrier());
     heard.notifications.clear();
 
     const std::string service = "net.connman.Service";
+    ASSERT_NO_FATAL_FAILURE(emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
+    ASSERT_NO_FATAL_FAILURE(emit_unread(kWifiTechnology, "net.connman.Technology",
+                                        "PropertyChanged", "('Connected', <true>)"));
     ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
-    ASSERT_NO_FATAL_FAILURE(stack.emit_unread(kWifiTechnology, "net.connman.Technology",
-                                              "PropertyChanged", "('Connected', <true>)"));
+        emit_unread(kB, service, "PropertyChanged", "('State', <'association'>)"));
     ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kB, service, "PropertyChanged", "('State', <'association'>)"));
-    ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
-    ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 61>)"));
-    ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread("/", "net.connman.Manager", "ServicesChanged",
-                          "([" + entry(kA, "") + "], [objectpath '" + kB + "'])"));
-    ASSERT_TRUE(stack.barrier());
+        emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
+    ASSERT_NO_FATAL_FAILURE(emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 61>)"));
+    ASSERT_NO_FATAL_FAILURE(emit_unread("/", "net.connman.Manager", "ServicesChanged",
+                                        "([" + entry(kA, "") + "], [objectpath '" + kB + "'])"));
+    ASSERT_TRUE(barrier());
     EXPECT_EQ(heard.notifications,
               (std::vector<std::string>{std::string(kWifiTechnology) + " Connected", kA + " State",
                                         kA + " Strength"}));
@@ -280,8 +265,7 @@ TEST_F(ServiceProperties, ReportsOfOneTurnKeepTheirPlaceAmongOtherModules)
 // for it, its own and those of other services.
 TEST_F(ServiceProperties, ReportsQueuedForAFreedListAreDropped)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
+    start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
     connman_service_set_global_property_callback(
         [](const char *path, const char *name, void *) {
             heard.notifications.push_back(std::string("global ") + path + " " + name);
@@ -297,23 +281,20 @@ TEST_F(ServiceProperties, ReportsQueuedForAFreedListAreDropped)
             nullptr);
 
     const std::string service = "net.connman.Service";
+    ASSERT_NO_FATAL_FAILURE(emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
+    ASSERT_NO_FATAL_FAILURE(emit_unread(kB, service, "PropertyChanged", "('Strength', <byte 61>)"));
     ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kA, service, "PropertyChanged", "('Strength', <byte 60>)"));
-    ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kB, service, "PropertyChanged", "('Strength', <byte 61>)"));
-    ASSERT_NO_FATAL_FAILURE(
-        stack.emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
-    ASSERT_TRUE(stack.barrier());
+        emit_unread(kA, service, "PropertyChanged", "('State', <'association'>)"));
+    ASSERT_TRUE(barrier());
     EXPECT_EQ(heard.notifications, std::vector<std::string>{"global " + kA + " Strength"});
     EXPECT_EQ(connman_service_get_services_count(), 0);
 }
 
 TEST_F(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50));
+    start_with(wifi(kA, "a", 50));
     const char *a = kA.c_str();
-    stack.connman.on("SetProperty", "!net.connman.Error.InvalidArguments Invalid");
+    connman.on("SetProperty", "!net.connman.Error.InvalidArguments Invalid");
     connman_service_set_property_error_callback(
         a,
         [](const char *path, const char *name, int error, void *) {
@@ -323,32 +304,31 @@ TEST_F(ServiceWrites, FailedSetPropertyReachesTheErrorCallback)
 
     EXPECT_EQ(connman_service_set_autoconnectable(a, true), 0);
     EXPECT_EQ(connman_service_set_autoconnectable(a, false), -EINVAL); // still pending
-    ASSERT_TRUE(stack.run_until([] { return heard.errors.size() == 1; }));
+    ASSERT_TRUE(run_until([] { return heard.errors.size() == 1; }));
     EXPECT_EQ(heard.errors[0], kA + " AutoConnect -1");
-    EXPECT_EQ(stack.connman.last_args("SetProperty"), "('AutoConnect', <true>)");
+    EXPECT_EQ(connman.last_args("SetProperty"), "('AutoConnect', <true>)");
 
-    stack.connman.on("SetProperty", "()");
+    connman.on("SetProperty", "()");
     EXPECT_EQ(connman_service_set_autoconnectable(a, false), 0);
-    ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(stack.connman.count("SetProperty"), 2);
+    ASSERT_TRUE(barrier());
+    EXPECT_EQ(connman.count("SetProperty"), 2);
     EXPECT_EQ(heard.errors.size(), 1u);
 }
 
 TEST_F(ServiceWrites, EqualConfigurationSendsNothingAndOthersAreSentAsLists)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50,
-                           ", 'Nameservers.Configuration': <['192.0.2.1', '192.0.2.2']>, "
-                           "'Proxy.Configuration': <{'Method': <'manual'>, "
-                           "'Servers': <['proxy:3128']>, 'Excludes': <['local']>}>"));
+    start_with(wifi(kA, "a", 50,
+                    ", 'Nameservers.Configuration': <['192.0.2.1', '192.0.2.2']>, "
+                    "'Proxy.Configuration': <{'Method': <'manual'>, "
+                    "'Servers': <['proxy:3128']>, 'Excludes': <['local']>}>"));
     const char *a = kA.c_str();
     char manual[] = "manual", servers[] = "proxy:3128", excludes[] = "local";
     struct connman_proxy proxy = {manual, nullptr, servers, excludes};
     EXPECT_EQ(connman_service_set_nameservers_config(a, "192.0.2.1;192.0.2.2"), 0);
     EXPECT_EQ(connman_service_set_proxy_config(a, &proxy), 0);
     EXPECT_EQ(connman_service_set_domains_config(a, nullptr), 0);
-    ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(stack.connman.count("SetProperty"), 0);
+    ASSERT_TRUE(barrier());
+    EXPECT_EQ(connman.count("SetProperty"), 0);
 
     EXPECT_EQ(connman_service_set_nameservers_config(a, "198.51.100.1;192.0.2.1"), 0);
     char more_excludes[] = "local;example.org";
@@ -363,9 +343,9 @@ TEST_F(ServiceWrites, EqualConfigurationSendsNothingAndOthersAreSentAsLists)
     EXPECT_EQ(connman_service_set_ipv4_config(a, nullptr), -EINVAL);
     EXPECT_EQ(connman_service_set_timeservers_config("/net/connman/service/x", "t"), -EINVAL);
 
-    ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(stack.connman.count("SetProperty"), 3);
-    EXPECT_EQ(stack.connman.last_args("SetProperty"),
+    ASSERT_TRUE(barrier());
+    EXPECT_EQ(connman.count("SetProperty"), 3);
+    EXPECT_EQ(connman.last_args("SetProperty"),
               "('IPv6.Configuration', <{'Method': <'manual'>, 'Address': <'2001:db8::2'>, "
               "'PrefixLength': <byte 0x40>, 'Gateway': <'2001:db8::1'>, "
               "'Privacy': <'disabled'>}>)");
@@ -385,8 +365,7 @@ void record_return(DBusMessageIter *iter, int error, const char *message, void *
 
 TEST_F(ServiceCalls, ConnectRepliesAreMappedToErrorCodes)
 {
-    ClientStack stack;
-    start_with(stack, wifi(kA, "a", 50));
+    start_with(wifi(kA, "a", 50));
     const char *a = kA.c_str();
     const std::vector<std::pair<std::string, int>> cases = {
         {"org.freedesktop.DBus.Error.UnknownMethod", -EOPNOTSUPP},
@@ -397,22 +376,22 @@ TEST_F(ServiceCalls, ConnectRepliesAreMappedToErrorCodes)
         {"net.connman.Error.InProgress", -EINVAL},
     };
     for (size_t i = 0; i < cases.size(); i++) {
-        stack.connman.on("Connect", "!" + cases[i].first + " why");
+        connman.on("Connect", "!" + cases[i].first + " why");
         ASSERT_EQ(connman_service_connect_cb(a, record_return, &marker), 0);
-        ASSERT_TRUE(stack.run_until([i] { return heard.returns.size() == i + 1; }));
+        ASSERT_TRUE(run_until([i] { return heard.returns.size() == i + 1; }));
         EXPECT_EQ(heard.returns[i], std::to_string(cases[i].second) + " why") << cases[i].first;
     }
-    stack.connman.on("Connect", "()");
+    connman.on("Connect", "()");
     ASSERT_EQ(connman_service_connect_cb(a, record_return, &marker), 0);
-    stack.connman.on("Disconnect", "!net.connman.Error.AlreadyDisabled off");
+    connman.on("Disconnect", "!net.connman.Error.AlreadyDisabled off");
     ASSERT_EQ(connman_service_disconnect_cb(a, record_return, &marker), 0);
-    ASSERT_TRUE(stack.run_until([] { return heard.returns.size() == 8; }));
+    ASSERT_TRUE(run_until([] { return heard.returns.size() == 8; }));
     EXPECT_EQ(heard.returns[6], "0 reply");
     EXPECT_EQ(heard.returns[7], std::to_string(-EALREADY) + " off");
 
     EXPECT_EQ(connman_service_connect_cb("/net/connman/service/x", record_return, &marker),
               -EINVAL);
     EXPECT_EQ(connman_service_remove(a), 0);
-    ASSERT_TRUE(stack.barrier());
-    EXPECT_EQ(stack.connman.count("Remove", kA), 1);
+    ASSERT_TRUE(barrier());
+    EXPECT_EQ(connman.count("Remove", kA), 1);
 }

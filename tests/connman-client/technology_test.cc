@@ -19,29 +19,9 @@ struct Heard {
     int scans = 0;
 } heard;
 
-void on_added(const char *path)
-{
-    heard.added.push_back(path);
-}
-void on_removed(const char *path)
-{
-    heard.removed.push_back(path);
-}
 void on_scan(void *marker)
 {
     heard.scans += marker == &heard.scans;
-}
-void on_error(const char *path, const char *name, int error, void *)
-{
-    heard.errors.push_back(std::string(path) + "|" + name + "|" + std::to_string(error));
-}
-void on_own_property(const char *path, const char *name, void *)
-{
-    heard.own_notes.push_back(std::string(path) + "|" + name);
-}
-void record_property(const char *path, const char *name, void *)
-{
-    heard.notes.push_back(std::string(path) + "|" + name);
 }
 
 bool contains(const std::vector<std::string> &list, const std::string &item)
@@ -76,9 +56,15 @@ class TechnologyTest : public ClientStackTest
         });
         ASSERT_NO_FATAL_FAILURE(init_manager());
         ASSERT_EQ(0, connman_technology_init());
-        connman_technology_set_added_callback(on_added);
-        connman_technology_set_removed_callback(on_removed);
-        connman_technology_set_global_property_callback(record_property, nullptr);
+        connman_technology_set_added_callback(
+            [](const char *path) { heard.added.push_back(path); });
+        connman_technology_set_removed_callback(
+            [](const char *path) { heard.removed.push_back(path); });
+        connman_technology_set_global_property_callback(
+            [](const char *path, const char *name, void *) {
+                heard.notes.push_back(std::string(path) + "|" + name);
+            },
+            nullptr);
         // The client asks twice; a scan answered after the second answer
         // tells that both have been handled.
         ASSERT_TRUE(run_until([&] { return connman.count("GetTechnologies") == 2; }));
@@ -108,7 +94,7 @@ TEST_F(TechnologyTest, NothingBeforeInit)
     connman_technology_finalize();
 }
 
-TEST_F(TechnologyTest, MirrorsListAndRemovals)
+TEST_F(TechnologyTest, MirrorsListChangesAndRemovals)
 {
     ASSERT_NO_FATAL_FAILURE(init_technologies());
     std::sort(heard.added.begin(), heard.added.end());
@@ -125,6 +111,22 @@ TEST_F(TechnologyTest, MirrorsListAndRemovals)
 
     for (const char *name : {"Powered", "Connected", "Tethering"})
         EXPECT_TRUE(contains(heard.notes, std::string(kWifi) + "|" + name)) << name;
+
+    // Changes handled in one turn are reported once.
+    connman_technology_set_property_changed_callback(
+        kWifi,
+        [](const char *path, const char *name, void *) {
+            heard.own_notes.push_back(std::string(path) + "|" + name);
+        },
+        nullptr);
+    heard.notes.clear();
+    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <true>)");
+    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <false>)");
+    ASSERT_TRUE(run_until([&] { return !heard.notes.empty(); }));
+    drain();
+    EXPECT_EQ(std::vector<std::string>{std::string(kWifi) + "|Powered"}, heard.notes);
+    EXPECT_EQ(heard.notes, heard.own_notes);
+    EXPECT_FALSE(connman_technology_is_enabled(kWifi));
 
     // Removal of an unknown path is reported and changes nothing else.
     connman.emit("/", kManager, "TechnologyRemoved",
@@ -165,20 +167,6 @@ TEST_F(TechnologyTest, ReportsUnderTheLastHandledProperty)
     EXPECT_TRUE(connman_technology_is_connected(kP2p));
 }
 
-TEST_F(TechnologyTest, ChangesInOneTurnAreReportedOnce)
-{
-    ASSERT_NO_FATAL_FAILURE(init_technologies());
-    connman_technology_set_property_changed_callback(kWifi, on_own_property, nullptr);
-    heard.notes.clear();
-    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <true>)");
-    emit_unread(kWifi, kTechnology, "PropertyChanged", "('Powered', <false>)");
-    ASSERT_TRUE(run_until([&] { return !heard.notes.empty(); }));
-    drain();
-    EXPECT_EQ(std::vector<std::string>{std::string(kWifi) + "|Powered"}, heard.notes);
-    EXPECT_EQ(heard.notes, heard.own_notes);
-    EXPECT_FALSE(connman_technology_is_enabled(kWifi));
-}
-
 TEST_F(TechnologyTest, EnableSendsOnlyWhatIsNeeded)
 {
     ASSERT_NO_FATAL_FAILURE(init_technologies());
@@ -201,7 +189,12 @@ TEST_F(TechnologyTest, EnableSendsOnlyWhatIsNeeded)
 TEST_F(TechnologyTest, FailedSetPropertyReachesErrorCallback)
 {
     ASSERT_NO_FATAL_FAILURE(init_technologies());
-    connman_technology_set_property_error_callback(kWifi, on_error, nullptr);
+    connman_technology_set_property_error_callback(
+        kWifi,
+        [](const char *path, const char *name, int error, void *) {
+            heard.errors.push_back(std::string(path) + "|" + name + "|" + std::to_string(error));
+        },
+        nullptr);
     fail_next = "net.connman.Error.Failed Radio jammed";
     testing::internal::CaptureStdout();
     ASSERT_EQ(0, connman_technology_enable(kWifi, true));

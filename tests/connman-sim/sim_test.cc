@@ -4,9 +4,11 @@
 #include "connman_sim.h"
 #include "scenario_file.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/sim_networks.h"
 #include "tests/support/wait.h"
 
 #include <gio/gio.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -14,6 +16,8 @@
 #include <fstream>
 #include <string>
 #include <vector>
+
+using ::testing::HasSubstr;
 
 namespace
 {
@@ -91,42 +95,20 @@ class Client
 const char kOpenId[] = "wifi_02_6f70656e_managed_none";
 const char kPskId[] = "wifi_02_70736b_managed_psk";
 
-std::string svc_path(const std::string &ident)
-{
-    return "/net/connman/service/" + ident;
-}
-
-connman_sim::Network wifi(const std::string &ident, const std::string &name, uint8_t strength)
-{
-    connman_sim::Network n;
-    n.ident = ident;
-    n.name = name;
-    n.strength = strength;
-    return n;
-}
-
-// Paths of a list of (path, properties), in order, with the number of
-// properties each carries.
-std::vector<std::pair<std::string, size_t>> entries(GVariant *list)
+// The first argument of a reply or signal, a list of (path, properties):
+// the paths in order, with the number of properties each carries.
+std::vector<std::pair<std::string, size_t>> first_list(GVariant *args)
 {
     std::vector<std::pair<std::string, size_t>> out;
-    GVariantIter iter;
-    g_variant_iter_init(&iter, list);
+    GVariantIter *iter = nullptr;
     const gchar *path;
     GVariant *dict;
-    while (g_variant_iter_next(&iter, "(&o@a{sv})", &path, &dict)) {
+    g_variant_get_child(args, 0, "a(oa{sv})", &iter);
+    while (g_variant_iter_next(iter, "(&o@a{sv})", &path, &dict)) {
         out.emplace_back(path, g_variant_n_children(dict));
         g_variant_unref(dict);
     }
-    return out;
-}
-
-// The first argument of a reply or signal, as a list of entries.
-std::vector<std::pair<std::string, size_t>> first_list(GVariant *args)
-{
-    GVariant *list = g_variant_get_child_value(args, 0);
-    auto out = entries(list);
-    g_variant_unref(list);
+    g_variant_iter_free(iter);
     return out;
 }
 
@@ -145,21 +127,18 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     PrivateBus bus("system");
     connman_sim::Simulator sim;
     sim.add_technology("wifi", true);
-    sim.add_network(wifi(kOpenId, "open", 40));
-    connman_sim::Network psk = wifi(kPskId, "psk", 80);
-    psk.security = {"psk"};
-    psk.passphrase = "correct horse";
-    sim.add_network(psk);
+    sim.add_network(wifi(kOpenId, "open", "none", 40));
+    sim.add_network(wifi(kPskId, "psk", "psk", 80));
     ASSERT_TRUE(sim.start(bus.address()));
     Client client(bus.address());
 
     // A new service comes with all its properties, the others with none.
     const std::string strong = "wifi_02_7374726f6e67_managed_none";
-    sim.add_network(wifi(strong, "strong", 90));
+    sim.add_network(wifi(strong, "strong", "none", 90));
     ASSERT_TRUE(client.wait_changes(1));
     auto list = first_list(client.changes[0]);
     ASSERT_EQ(list.size(), 3u);
-    EXPECT_EQ(list[0].first, svc_path(strong));
+    EXPECT_EQ(list[0].first, service_path(strong));
     EXPECT_GT(list[0].second, 10u);
     EXPECT_EQ(list[1].second + list[2].second, 0u);
 
@@ -168,15 +147,13 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     sim.set_strength(kOpenId, 95);
     ASSERT_TRUE(client.wait_changes(2));
     list = first_list(client.changes[1]);
-    EXPECT_EQ(list[0], std::make_pair(svc_path(kOpenId), size_t{1}));
+    EXPECT_EQ(list[0], std::make_pair(service_path(kOpenId), size_t{1}));
     EXPECT_EQ(list[1].second, 0u);
-    EXPECT_NE(text(client.changes[1]).find("'Strength': <byte 0x5f>"), std::string::npos)
-        << text(client.changes[1]);
+    EXPECT_THAT(text(client.changes[1]), HasSubstr("'Strength': <byte 0x5f>"));
 
     sim.remove_network(kPskId);
     ASSERT_TRUE(client.wait_changes(3));
-    EXPECT_NE(text(client.changes[2]).find("['" + svc_path(kPskId) + "']"), std::string::npos)
-        << text(client.changes[2]);
+    EXPECT_THAT(text(client.changes[2]), HasSubstr("['" + service_path(kPskId) + "']"));
 
     // Wi-Fi off takes every Wi-Fi service off the bus.
     sim.set_powered("wifi", false);
@@ -186,7 +163,7 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     EXPECT_TRUE(first_list(services).empty());
     g_variant_unref(services);
     std::string error;
-    EXPECT_EQ(client.call(svc_path(kOpenId), "net.connman.Service", "GetProperties", &error),
+    EXPECT_EQ(client.call(service_path(kOpenId), "net.connman.Service", "GetProperties", &error),
               nullptr);
     EXPECT_EQ(error, "org.freedesktop.DBus.Error.UnknownObject");
 }
@@ -208,35 +185,34 @@ TEST(SimScenarioFile, SampleLoadsAndBadInputIsRefused)
     EXPECT_EQ(weak + strong + hidden, 3);
 
     EXPECT_FALSE(connman_sim::parse_scenario("{\"networks\": [", scenario, error));
-    EXPECT_NE(error.find("not valid JSON"), std::string::npos);
-    EXPECT_FALSE(connman_sim::parse_scenario("{\"networks\": [{\"ident\": \"bad/ident\"}]}",
+    EXPECT_THAT(error, HasSubstr("not valid JSON"));
+    EXPECT_FALSE(
+        connman_sim::parse_scenario(R"({"networks": [{"ident": "bad/ident"}]})", scenario, error));
+    EXPECT_FALSE(connman_sim::parse_scenario(R"({"networks": [{"ident": "w", "strength": 300}]})",
                                              scenario, error));
     EXPECT_FALSE(connman_sim::parse_scenario(
-        "{\"networks\": [{\"ident\": \"w\", \"strength\": 300}]}", scenario, error));
-    EXPECT_FALSE(connman_sim::parse_scenario(
-        "{\"networks\": [{\"ident\": \"w\", \"security\": [\"psk\"]}]}", scenario, error));
-    EXPECT_NE(error.find("passphrase"), std::string::npos);
+        R"({"networks": [{"ident": "w", "security": ["psk"]}]})", scenario, error));
+    EXPECT_THAT(error, HasSubstr("passphrase"));
     EXPECT_FALSE(connman_sim::parse_scenario("{\"technology\": []}", scenario, error));
 }
 
-TEST(SimScenarioFile, ProgramExitsWithTwoOnBadScenario)
+// The program refuses a bad file with exit code 2, serves a good one and
+// takes commands on stdin.
+TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
 {
-    std::string file = testing::TempDir() + "/bad-scenario.json";
-    std::ofstream(file) << "{ \"technologies\": [ { \"type\": 7 } ] }";
-    std::string command = std::string(CONNMAN_SIM_PROGRAM) +
-                          " --address unix:path=/nonexistent --scenario " + file + " 2>&1";
-    FILE *out = popen(command.c_str(), "r");
+    std::string bad = testing::TempDir() + "/bad-scenario.json";
+    std::ofstream(bad) << "{ \"technologies\": [ { \"type\": 7 } ] }";
+    FILE *out = popen((std::string(CONNMAN_SIM_PROGRAM) +
+                       " --address unix:path=/nonexistent --scenario " + bad + " 2>&1")
+                          .c_str(),
+                      "r");
     ASSERT_NE(out, nullptr);
     char buffer[512] = {0};
     size_t n = fread(buffer, 1, sizeof buffer - 1, out);
     int status = pclose(out);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 2);
-    EXPECT_NE(std::string(buffer, n).find("\"type\" must be a UTF-8 string"), std::string::npos);
-}
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2) << status;
+    EXPECT_THAT(std::string(buffer, n), HasSubstr("\"type\" must be a UTF-8 string"));
 
-TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
-{
     PrivateBus bus("system");
     std::string file = testing::TempDir() + "/scenario.json";
     std::ofstream(file) << R"({"technologies": [{"type": "wifi", "powered": true}],
@@ -246,22 +222,22 @@ TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
     FILE *in = popen(command.c_str(), "w");
     ASSERT_NE(in, nullptr);
     Client client(bus.address());
-    auto properties = [&]() -> std::string {
-        GVariant *reply = client.call(svc_path("wifi_1_6e6574_managed_none"), "net.connman.Service",
-                                      "GetProperties");
-        std::string printed = reply ? text(reply) : "";
-        if (reply)
-            g_variant_unref(reply);
-        return printed;
+    auto strength = [&](const char *byte) {
+        return wait_until([&] {
+            GVariant *reply = client.call(service_path("wifi_1_6e6574_managed_none"),
+                                          "net.connman.Service", "GetProperties");
+            std::string printed = reply ? text(reply) : "";
+            if (reply)
+                g_variant_unref(reply);
+            return printed.find(std::string("'Strength': <byte ") + byte + ">") !=
+                   std::string::npos;
+        });
     };
-    EXPECT_TRUE(wait_until(
-        [&] { return properties().find("'Strength': <byte 0x32>") != std::string::npos; }, 5000));
+    EXPECT_TRUE(strength("0x32"));
     fputs("no-such-command\nstrength wifi_1_6e6574_managed_none 10\n", in);
     fflush(in);
-    EXPECT_TRUE(wait_until(
-        [&] { return properties().find("'Strength': <byte 0x0a>") != std::string::npos; }, 5000));
+    EXPECT_TRUE(strength("0x0a"));
     fputs("quit\n", in);
-    int status = pclose(in);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    status = pclose(in);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }

@@ -73,8 +73,8 @@ DBusMessage *GlueTest::call(DBusConnection *from, DBusMessage *message, int time
     dbus_message_unref(message);
     if (!pending)
         return nullptr;
-    bool completed = run_loop_until(
-        nullptr, [&] { return dbus_pending_call_get_completed(pending); }, timeout_ms + 5000);
+    bool completed =
+        run_loop_until([&] { return dbus_pending_call_get_completed(pending); }, timeout_ms + 5000);
     EXPECT_TRUE(completed) << "neither a reply nor a timeout error";
     if (!completed)
         dbus_pending_call_cancel(pending);
@@ -105,8 +105,7 @@ void GlueTest::sync_signals(DBusConnection *from, DBusConnection *to)
     SignalCounter seen;
     dbus_connection_add_filter(to, count_filter, &seen, nullptr);
     emit(from, "Sentinel", nullptr, dbus_bus_get_unique_name(to), "/sync");
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return seen["Sentinel"] > 0; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return seen["Sentinel"] > 0; }));
     dbus_connection_remove_filter(to, count_filter, &seen);
 }
 
@@ -134,8 +133,7 @@ void GlueTest::sync_monitor(DBusConnection *from)
     ASSERT_NE(reply, nullptr);
     dbus_message_unref(reply);
     int before = bus_calls(from, "GetId", "");
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return bus_calls(from, "GetId", "") > before; }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return bus_calls(from, "GetId", "") > before; }));
 }
 
 int GlueTest::bus_calls(DBusConnection *from, const std::string &member, const std::string &arg0)

@@ -192,6 +192,12 @@ class ObjectTest : public GlueTest
         va_end(args);
         return m;
     }
+    // A call of this side's org.test.Obj at /obj; the arguments end without
+    // DBUS_TYPE_INVALID.
+    template <typename... Args> DBusMessage *obj(const char *member, Args... args)
+    {
+        return request("/obj", "org.test.Obj", member, args..., DBUS_TYPE_INVALID);
+    }
     // The reply's first string, or its error name.
     std::string answer(DBusMessage *message, int timeout_ms = 5000)
     {
@@ -257,31 +263,22 @@ TEST_F(ObjectTest, CallsAreDispatchedBySignatureAndFlags)
     const char *text = "hello";
     dbus_int32_t number = 21;
     double real = 1.5;
-    EXPECT_EQ(
-        answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_STRING, &text, DBUS_TYPE_INVALID)),
-        "hello");
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_INT32, &number,
-                             DBUS_TYPE_INVALID)),
-              "number");
-    EXPECT_EQ(
-        answer(request("/obj", "org.test.Obj", "Echo", DBUS_TYPE_DOUBLE, &real, DBUS_TYPE_INVALID)),
-        DBUS_ERROR_UNKNOWN_METHOD);
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Hidden")), DBUS_ERROR_UNKNOWN_METHOD);
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_STRING, &text)), "hello");
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_INT32, &number)), "number");
+    EXPECT_EQ(answer(obj("Echo", DBUS_TYPE_DOUBLE, &real)), DBUS_ERROR_UNKNOWN_METHOD);
+    EXPECT_EQ(answer(obj("Hidden")), DBUS_ERROR_UNKNOWN_METHOD);
 
     // An asynchronous method answers when it is ready.
-    DBusPendingCall *pending =
-        send(request("/obj", "org.test.Obj", "Later", DBUS_TYPE_INT32, &number, DBUS_TYPE_INVALID));
-    ASSERT_TRUE(run_loop_until(
-        nullptr, [] { return held != nullptr; }, 5000));
+    DBusPendingCall *pending = send(obj("Later", DBUS_TYPE_INT32, &number));
+    ASSERT_TRUE(run_loop_until([] { return held != nullptr; }));
     EXPECT_FALSE(dbus_pending_call_get_completed(pending));
     EXPECT_TRUE(g_dbus_send_reply(conn, held, DBUS_TYPE_INVALID));
-    EXPECT_TRUE(run_loop_until(
-        nullptr, [&] { return dbus_pending_call_get_completed(pending); }, 5000));
+    EXPECT_TRUE(run_loop_until([&] { return dbus_pending_call_get_completed(pending); }));
     dbus_pending_call_unref(pending);
 
     // A no-reply method's own reply is discarded.
     fired = 0;
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Fire"), 300), DBUS_ERROR_NO_REPLY);
+    EXPECT_EQ(answer(obj("Fire"), 300), DBUS_ERROR_NO_REPLY);
     EXPECT_EQ(fired, 1);
 }
 
@@ -310,10 +307,10 @@ TEST_F(ObjectTest, RegistrationRules)
     dbus_free_string_array(children);
 
     EXPECT_TRUE(g_dbus_unregister_interface(conn, "/obj", "org.test.Ping"));
-    EXPECT_EQ(answer(request("/obj", "org.test.Obj", "Simple")), "");
+    EXPECT_EQ(answer(obj("Simple")), "");
     EXPECT_TRUE(g_dbus_unregister_interface(conn, "/obj", "org.test.Obj"));
     EXPECT_EQ(destroyed, 2);
-    EXPECT_NE(answer(request("/obj", "org.test.Obj", "Simple")), "") << "path is gone";
+    EXPECT_NE(answer(obj("Simple")), "") << "path is gone";
 }
 
 TEST_F(ObjectTest, OnlyTabledSignalsAreSent)
@@ -394,15 +391,13 @@ TEST_F(ObjectTest, PropertiesGetGetAllAndSet)
     for (const char *error : {static_cast<const char *>(nullptr), "org.test.Error.Busy"}) {
         values.pending = 0;
         DBusPendingCall *pending = send(set_request("Level", DBUS_TYPE_INT32, &level, "i"));
-        ASSERT_TRUE(run_loop_until(
-            nullptr, [&] { return values.pending != 0; }, 5000));
+        ASSERT_TRUE(run_loop_until([&] { return values.pending != 0; }));
         EXPECT_EQ(values.requested, 9);
         EXPECT_FALSE(dbus_pending_call_get_completed(pending));
         if (error)
             g_dbus_pending_property_error(values.pending, error, "busy");
         g_dbus_pending_property_success(values.pending); // ignored once answered
-        ASSERT_TRUE(run_loop_until(
-            nullptr, [&] { return dbus_pending_call_get_completed(pending); }, 5000));
+        ASSERT_TRUE(run_loop_until([&] { return dbus_pending_call_get_completed(pending); }));
         DBusMessage *reply = dbus_pending_call_steal_reply(pending);
         EXPECT_STREQ(dbus_message_get_error_name(reply), error);
         dbus_message_unref(reply);

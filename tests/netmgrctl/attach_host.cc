@@ -1,8 +1,7 @@
 // An application that runs the library on its own, for netmgrctl to attach
-// to: it prints "event CODE" for every event and takes commands on stdin:
-//   connect PATH PASSPHRASE   connects, answering the passphrase request
-//                             (the rest of the line)
-//   quit                      leaves
+// to: it prints "started PID", then "event CODE" for every event, and takes
+// "connect PATH PASSPHRASE" lines on stdin (connects, answering the
+// passphrase request with the rest of the line); it leaves at end of input.
 #include <unistd.h>
 
 #include <condition_variable>
@@ -38,8 +37,6 @@ int main()
         std::cout << "started " << getpid() << std::endl;
     }
     for (std::string command; std::cin >> command;) {
-        if (command == "quit")
-            break;
         if (command != "connect")
             continue;
         std::string path, passphrase;

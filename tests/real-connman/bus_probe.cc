@@ -8,88 +8,56 @@ namespace
 
 const char *const kConnman = "net.connman";
 
-DBusConnection *connect_bus(const std::string &address)
+GDBusConnection *connect_bus(const std::string &address)
 {
-    DBusError err;
-    dbus_error_init(&err);
-    DBusConnection *conn = dbus_connection_open_private(address.c_str(), &err);
-    if (conn && !dbus_bus_register(conn, &err)) {
-        dbus_connection_close(conn);
-        dbus_connection_unref(conn);
-        conn = nullptr;
-    }
-    std::string why = dbus_error_is_set(&err) ? err.message : "";
-    dbus_error_free(&err);
-    if (!conn)
+    GError *error = nullptr;
+    GDBusConnection *conn = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (!conn) {
+        std::string why = error->message;
+        g_error_free(error);
         throw std::runtime_error("cannot connect to " + address + ": " + why);
+    }
     return conn;
 }
 
-void flatten(DBusMessageIter *value, const std::string &key, Properties *out);
-
-// Walks an array of {sv} entries.
-void flatten_dict(DBusMessageIter *array, const std::string &prefix, Properties *out)
+void close_bus(GDBusConnection *conn)
 {
-    DBusMessageIter entry;
-    dbus_message_iter_recurse(array, &entry);
-    while (dbus_message_iter_get_arg_type(&entry) == DBUS_TYPE_DICT_ENTRY) {
-        DBusMessageIter kv;
-        dbus_message_iter_recurse(&entry, &kv);
-        const char *name = nullptr;
-        if (dbus_message_iter_get_arg_type(&kv) == DBUS_TYPE_STRING) {
-            dbus_message_iter_get_basic(&kv, &name);
-            dbus_message_iter_next(&kv);
-            flatten(&kv, prefix + name, out);
-        }
-        dbus_message_iter_next(&entry);
-    }
+    g_dbus_connection_close_sync(conn, nullptr, nullptr);
+    g_object_unref(conn);
 }
 
-void flatten(DBusMessageIter *value, const std::string &key, Properties *out)
+// Walks an a{sv}; takes dict's reference.
+void flatten(GVariant *dict, const std::string &prefix, Properties *out)
 {
-    int type = dbus_message_iter_get_arg_type(value);
-    DBusBasicValue basic;
-    if (type == DBUS_TYPE_VARIANT) {
-        DBusMessageIter inner;
-        dbus_message_iter_recurse(value, &inner);
-        flatten(&inner, key, out);
-    } else if (type == DBUS_TYPE_ARRAY &&
-               dbus_message_iter_get_element_type(value) == DBUS_TYPE_DICT_ENTRY) {
-        flatten_dict(value, key + ".", out);
-    } else if (type == DBUS_TYPE_ARRAY) {
-        std::string joined;
-        DBusMessageIter item;
-        for (dbus_message_iter_recurse(value, &item);
-             dbus_message_iter_get_arg_type(&item) == DBUS_TYPE_STRING;
-             dbus_message_iter_next(&item)) {
-            dbus_message_iter_get_basic(&item, &basic);
-            joined += (joined.empty() ? "" : ",") + std::string(basic.str);
+    GVariantIter iter;
+    const char *key = nullptr;
+    GVariant *value = nullptr;
+    g_variant_iter_init(&iter, dict);
+    while (g_variant_iter_next(&iter, "{&sv}", &key, &value)) {
+        std::string name = prefix + key;
+        if (g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT)) {
+            flatten(g_variant_ref(value), name + ".", out);
+        } else if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY)) {
+            const gchar **items = g_variant_get_strv(value, nullptr);
+            gchar *joined = g_strjoinv(",", const_cast<gchar **>(items));
+            (*out)[name] = joined;
+            g_free(joined);
+            g_free(items);
+        } else if (g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) ||
+                   g_variant_is_of_type(value, G_VARIANT_TYPE_OBJECT_PATH)) {
+            (*out)[name] = g_variant_get_string(value, nullptr);
+        } else {
+            gchar *text = g_variant_print(value, FALSE);
+            (*out)[name] = text;
+            g_free(text);
         }
-        (*out)[key] = joined;
-    } else if (dbus_type_is_basic(type)) {
-        dbus_message_iter_get_basic(value, &basic);
-        switch (type) {
-        case DBUS_TYPE_STRING:
-        case DBUS_TYPE_OBJECT_PATH:
-            (*out)[key] = basic.str;
-            break;
-        case DBUS_TYPE_BOOLEAN:
-            (*out)[key] = basic.bool_val ? "true" : "false";
-            break;
-        case DBUS_TYPE_BYTE:
-            (*out)[key] = std::to_string(basic.byt);
-            break;
-        case DBUS_TYPE_UINT16:
-            (*out)[key] = std::to_string(basic.u16);
-            break;
-        case DBUS_TYPE_INT32:
-            (*out)[key] = std::to_string(basic.i32);
-            break;
-        case DBUS_TYPE_UINT32:
-            (*out)[key] = std::to_string(basic.u32);
-            break;
-        }
+        g_variant_unref(value);
     }
+    g_variant_unref(dict);
 }
 
 } // namespace
@@ -98,229 +66,167 @@ ConnmanProbe::ConnmanProbe(const std::string &address) : conn_(connect_bus(addre
 
 ConnmanProbe::~ConnmanProbe()
 {
-    dbus_connection_close(conn_);
-    dbus_connection_unref(conn_);
+    close_bus(conn_);
 }
 
-// Sends msg (consumed) and returns the successful reply, or null.
-DBusMessage *ConnmanProbe::call(DBusMessage *msg)
+// The successful reply, or null.
+GVariant *ConnmanProbe::call(const char *path, const char *interface, const char *method,
+                             GVariant *args)
 {
-    DBusError err;
-    dbus_error_init(&err);
-    DBusMessage *reply = dbus_connection_send_with_reply_and_block(conn_, msg, 5000, &err);
-    dbus_message_unref(msg);
-    dbus_error_free(&err);
-    return reply;
+    return g_dbus_connection_call_sync(conn_, kConnman, path, interface, method, args, nullptr,
+                                       G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
 }
 
-bool ConnmanProbe::manager_properties(Properties *out)
+Properties ConnmanProbe::manager()
 {
-    DBusMessage *reply =
-        call(dbus_message_new_method_call(kConnman, "/", "net.connman.Manager", "GetProperties"));
-    if (!reply)
-        return false;
-    out->clear();
-    DBusMessageIter it;
-    if (dbus_message_iter_init(reply, &it) &&
-        dbus_message_iter_get_arg_type(&it) == DBUS_TYPE_ARRAY)
-        flatten_dict(&it, "", out);
-    dbus_message_unref(reply);
-    return true;
+    Properties props;
+    GVariant *reply = call("/", "net.connman.Manager", "GetProperties");
+    if (reply) {
+        flatten(g_variant_get_child_value(reply, 0), "", &props);
+        g_variant_unref(reply);
+    }
+    return props;
 }
 
-// Reply of GetTechnologies or GetServices: a(oa{sv}); picks the first object
+// Reply of GetTechnologies or GetServices: a(oa{sv}); the first object
 // whose "Type" is type.
-bool ConnmanProbe::object_list(const char *method, const std::string &type, Properties *out)
+Properties ConnmanProbe::object_list(const char *method, const std::string &type)
 {
-    DBusMessage *reply =
-        call(dbus_message_new_method_call(kConnman, "/", "net.connman.Manager", method));
+    GVariant *reply = call("/", "net.connman.Manager", method);
     if (!reply)
-        return false;
-    bool found = false;
-    DBusMessageIter it, item;
-    if (dbus_message_iter_init(reply, &it) &&
-        dbus_message_iter_get_arg_type(&it) == DBUS_TYPE_ARRAY) {
-        dbus_message_iter_recurse(&it, &item);
-        while (!found && dbus_message_iter_get_arg_type(&item) == DBUS_TYPE_STRUCT) {
-            DBusMessageIter field;
-            dbus_message_iter_recurse(&item, &field);
-            const char *path = nullptr;
-            dbus_message_iter_get_basic(&field, &path);
-            dbus_message_iter_next(&field);
-            Properties props;
-            flatten_dict(&field, "", &props);
-            if (props["Type"] == type) {
-                props["path"] = path;
-                *out = props;
-                found = true;
-            }
-            dbus_message_iter_next(&item);
+        return {};
+    Properties found;
+    GVariantIter *items = nullptr;
+    const char *path = nullptr;
+    GVariant *dict = nullptr;
+    g_variant_get(reply, "(a(oa{sv}))", &items);
+    while (found.empty() && g_variant_iter_next(items, "(&o@a{sv})", &path, &dict)) {
+        Properties props;
+        flatten(dict, "", &props);
+        if (props["Type"] == type) {
+            props["path"] = path;
+            found = props;
         }
     }
-    dbus_message_unref(reply);
+    g_variant_iter_free(items);
+    g_variant_unref(reply);
     return found;
-}
-
-bool ConnmanProbe::technology(const std::string &type, Properties *out)
-{
-    return object_list("GetTechnologies", type, out);
-}
-
-bool ConnmanProbe::service(const std::string &type, Properties *out)
-{
-    return object_list("GetServices", type, out);
 }
 
 bool ConnmanProbe::set_technology_powered(const std::string &type, bool powered)
 {
     std::string path = "/net/connman/technology/" + type;
-    DBusMessage *msg = dbus_message_new_method_call(kConnman, path.c_str(),
-                                                    "net.connman.Technology", "SetProperty");
-    const char *name = "Powered";
-    dbus_bool_t value = powered;
-    DBusMessageIter it, variant;
-    dbus_message_iter_init_append(msg, &it);
-    dbus_message_iter_append_basic(&it, DBUS_TYPE_STRING, &name);
-    dbus_message_iter_open_container(&it, DBUS_TYPE_VARIANT, "b", &variant);
-    dbus_message_iter_append_basic(&variant, DBUS_TYPE_BOOLEAN, &value);
-    dbus_message_iter_close_container(&it, &variant);
-    DBusMessage *reply = call(msg);
-    if (!reply)
-        return false;
-    dbus_message_unref(reply);
-    return true;
+    GVariant *reply = call(path.c_str(), "net.connman.Technology", "SetProperty",
+                           g_variant_new("(sv)", "Powered", g_variant_new_boolean(powered)));
+    if (reply)
+        g_variant_unref(reply);
+    return reply != nullptr;
 }
 
 std::string ConnmanProbe::name_owner(const std::string &name)
 {
-    DBusMessage *msg = dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                    "org.freedesktop.DBus", "GetNameOwner");
-    const char *arg = name.c_str();
-    dbus_message_append_args(msg, DBUS_TYPE_STRING, &arg, DBUS_TYPE_INVALID);
-    DBusMessage *reply = call(msg);
+    GVariant *reply = g_dbus_connection_call_sync(
+        conn_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetNameOwner", g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"),
+        G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
     if (!reply)
         return "";
     const char *owner = "";
-    dbus_message_get_args(reply, nullptr, DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID);
+    g_variant_get(reply, "(&s)", &owner);
     std::string result = owner;
-    dbus_message_unref(reply);
+    g_variant_unref(reply);
     return result;
 }
 
 BusWatch::BusWatch(const std::string &address) : conn_(connect_bus(address))
 {
-    DBusMessage *msg =
-        dbus_message_new_method_call("org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                     "org.freedesktop.DBus.Monitoring", "BecomeMonitor");
     const char *rules[] = {
         "type='method_call',interface='net.connman.Manager',member='RegisterAgent'",
         "type='method_call',interface='net.connman.Agent'",
         "type='method_call',interface='net.connman.Technology',member='SetProperty'",
         "type='method_return'",
         "type='error'",
+        nullptr,
     };
-    const char **rule_list = rules;
-    dbus_uint32_t flags = 0;
-    dbus_message_append_args(msg, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &rule_list,
-                             static_cast<int>(sizeof(rules) / sizeof(rules[0])), DBUS_TYPE_UINT32,
-                             &flags, DBUS_TYPE_INVALID);
-    DBusError err;
-    dbus_error_init(&err);
-    DBusMessage *reply = dbus_connection_send_with_reply_and_block(conn_, msg, 5000, &err);
-    dbus_message_unref(msg);
-    std::string why = dbus_error_is_set(&err) ? err.message : "";
-    dbus_error_free(&err);
+    g_dbus_connection_add_filter(conn_, filter, this, nullptr);
+    GError *error = nullptr;
+    GVariant *reply = g_dbus_connection_call_sync(
+        conn_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring",
+        "BecomeMonitor", g_variant_new("(^asu)", rules, 0u), nullptr, G_DBUS_CALL_FLAGS_NONE, 5000,
+        nullptr, &error);
     if (!reply) {
-        dbus_connection_close(conn_);
-        dbus_connection_unref(conn_);
+        std::string why = error->message;
+        g_error_free(error);
+        close_bus(conn_);
         throw std::runtime_error("BecomeMonitor failed: " + why);
     }
-    dbus_message_unref(reply);
-    thread_ = std::thread([this] { run(); });
+    g_variant_unref(reply);
 }
 
 BusWatch::~BusWatch()
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stop_ = true;
-    }
-    thread_.join();
-    dbus_connection_close(conn_);
-    dbus_connection_unref(conn_);
+    close_bus(conn_);
 }
 
-void BusWatch::run()
+// Runs on GDBus's worker thread. Only what is addressed to this connection
+// goes on to GDBus: a monitor must never answer the calls it watches.
+GDBusMessage *BusWatch::filter(GDBusConnection *conn, GDBusMessage *msg, gboolean incoming,
+                               gpointer data)
 {
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (stop_)
-                return;
+    if (!incoming || g_strcmp0(g_dbus_message_get_destination(msg),
+                               g_dbus_connection_get_unique_name(conn)) == 0)
+        return msg;
+    auto *self = static_cast<BusWatch *>(data);
+    auto text = [](const char *s) { return std::string(s ? s : ""); };
+    GDBusMessageType type = g_dbus_message_get_message_type(msg);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR) {
+        for (auto &call : self->calls_)
+            call.answered |= call.serial == g_dbus_message_get_reply_serial(msg) &&
+                             call.sender == text(g_dbus_message_get_destination(msg));
+    } else if (type == G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        Call call;
+        call.member = text(g_dbus_message_get_member(msg));
+        call.sender = text(g_dbus_message_get_sender(msg));
+        call.destination = text(g_dbus_message_get_destination(msg));
+        call.serial = g_dbus_message_get_serial(msg);
+        call.path = text(g_dbus_message_get_path(msg));
+        GVariant *body = g_dbus_message_get_body(msg);
+        const char *agent = nullptr;
+        if (call.member == "RegisterAgent" && body &&
+            g_variant_is_of_type(body, G_VARIANT_TYPE("(o)"))) {
+            g_variant_get(body, "(&o)", &agent);
+            call.path = agent;
         }
-        if (!dbus_connection_read_write(conn_, 100))
-            return;
-        while (DBusMessage *msg = dbus_connection_pop_message(conn_)) {
-            handle(msg);
-            dbus_message_unref(msg);
-        }
+        self->calls_.push_back(call);
     }
+    self->changed_.notify_all();
+    g_object_unref(msg);
+    return nullptr;
 }
 
-static std::string text_or_empty(const char *s)
+bool BusWatch::wait(int timeout_ms, const std::function<bool()> &done)
 {
-    return s ? s : "";
-}
-
-void BusWatch::handle(DBusMessage *msg)
-{
-    int type = dbus_message_get_type(msg);
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (type == DBUS_MESSAGE_TYPE_METHOD_RETURN || type == DBUS_MESSAGE_TYPE_ERROR) {
-        std::string destination = text_or_empty(dbus_message_get_destination(msg));
-        for (auto &call : calls_) {
-            if (call.serial == dbus_message_get_reply_serial(msg) && call.sender == destination)
-                call.answered = true;
-        }
-        changed_.notify_all();
-        return;
-    }
-    if (type != DBUS_MESSAGE_TYPE_METHOD_CALL)
-        return;
-    Call call;
-    call.member = text_or_empty(dbus_message_get_member(msg));
-    call.sender = text_or_empty(dbus_message_get_sender(msg));
-    call.destination = text_or_empty(dbus_message_get_destination(msg));
-    call.serial = dbus_message_get_serial(msg);
-    call.path = text_or_empty(dbus_message_get_path(msg));
-    if (dbus_message_is_method_call(msg, "net.connman.Manager", "RegisterAgent")) {
-        const char *path = "";
-        if (dbus_message_get_args(msg, nullptr, DBUS_TYPE_OBJECT_PATH, &path, DBUS_TYPE_INVALID))
-            call.path = path;
-    }
-    calls_.push_back(call);
-    changed_.notify_all();
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), done);
 }
 
 bool BusWatch::wait_calls(const std::string &member, size_t count, int timeout_ms)
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+    return wait(timeout_ms, [&] {
         size_t seen = 0;
         for (const auto &c : calls_)
-            seen += c.member == member ? 1 : 0;
+            seen += c.member == member;
         return seen >= count;
     });
 }
 
 bool BusWatch::wait_answered(const std::string &member, int timeout_ms)
 {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
-        for (const auto &c : calls_) {
+    return wait(timeout_ms, [&] {
+        for (const auto &c : calls_)
             if (c.member == member && !c.answered)
                 return false;
-        }
         return true;
     });
 }
@@ -329,9 +235,8 @@ std::vector<BusWatch::Call> BusWatch::calls(const std::string &member)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Call> result;
-    for (const auto &c : calls_) {
+    for (const auto &c : calls_)
         if (c.member == member)
             result.push_back(c);
-    }
     return result;
 }

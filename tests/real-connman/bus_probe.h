@@ -3,17 +3,18 @@
 // sees the library register its agent.
 #pragma once
 
-#include <dbus/dbus.h>
+#include <gio/gio.h>
 
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 // Property dictionaries flattened to text: nested dictionaries as
-// "IPv4.Address", string arrays joined with ",", booleans "true"/"false".
+// "IPv4.Address", string arrays joined with ",", strings as they are and
+// other values as GVariant text (booleans "true"/"false").
 using Properties = std::map<std::string, std::string>;
 
 class ConnmanProbe
@@ -24,20 +25,22 @@ class ConnmanProbe
     ConnmanProbe(const ConnmanProbe &) = delete;
     ConnmanProbe &operator=(const ConnmanProbe &) = delete;
 
-    // False when the daemon did not answer (absent or an error).
-    bool manager_properties(Properties *out);
-    bool technology(const std::string &type, Properties *out);
+    // Empty when the daemon did not answer (absent or an error) or has no
+    // such object.
+    Properties manager();
+    Properties technology(const std::string &type) { return object_list("GetTechnologies", type); }
     // The first service of this type, with its object path as "path".
-    bool service(const std::string &type, Properties *out);
+    Properties service(const std::string &type) { return object_list("GetServices", type); }
     bool set_technology_powered(const std::string &type, bool powered);
     // Unique bus name of the owner of name, "" when none.
     std::string name_owner(const std::string &name);
 
   private:
-    DBusMessage *call(DBusMessage *msg);
-    bool object_list(const char *method, const std::string &type, Properties *out);
+    GVariant *call(const char *path, const char *interface, const char *method,
+                   GVariant *args = nullptr);
+    Properties object_list(const char *method, const std::string &type);
 
-    DBusConnection *conn_ = nullptr;
+    GDBusConnection *conn_ = nullptr;
 };
 
 // Watches calls on the bus as a monitor: the library's RegisterAgent calls
@@ -53,7 +56,7 @@ class BusWatch
         std::string sender;
         std::string destination;
         std::string path; // RegisterAgent: its argument; other calls: the object
-        dbus_uint32_t serial = 0;
+        uint32_t serial = 0;
         bool answered = false;
     };
 
@@ -69,13 +72,12 @@ class BusWatch
     std::vector<Call> calls(const std::string &member);
 
   private:
-    void run();
-    void handle(DBusMessage *msg);
+    static GDBusMessage *filter(GDBusConnection *, GDBusMessage *msg, gboolean incoming,
+                                gpointer self);
+    bool wait(int timeout_ms, const std::function<bool()> &done);
 
-    DBusConnection *conn_ = nullptr;
+    GDBusConnection *conn_ = nullptr;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Call> calls_;
-    bool stop_ = false;
-    std::thread thread_;
 };

@@ -1,6 +1,5 @@
 #include "tests/real-connman/harness.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -9,12 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 
 namespace
@@ -49,100 +47,19 @@ std::string tool(const std::string &name)
     return path;
 }
 
-std::vector<char *> to_argv(const std::vector<std::string> &args)
-{
-    std::vector<char *> argv;
-    for (const auto &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    return argv;
-}
-
-// Starts argv with stdin from /dev/null and stdout and stderr on out.
-// Everything the child needs is prepared before fork, because the library's
-// threads may be running.
-pid_t spawn(const std::vector<std::string> &args, int out)
-{
-    std::vector<char *> argv = to_argv(args);
-    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(in);
-    return pid;
-}
-
+// Starts args with stdin from /dev/null and stdout and stderr on log.
 pid_t spawn(const std::vector<std::string> &args, const std::string &log)
 {
     int out = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (out < 0)
+    int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (out < 0 || in < 0)
         throw std::runtime_error("cannot open " + log);
-    pid_t pid = spawn(args, out);
+    pid_t pid = ::spawn(args, in, out, out);
+    close(in);
     close(out);
     if (pid < 0)
         throw std::runtime_error("fork failed");
     return pid;
-}
-
-// Field 22 of /proc/PID/stat: with the pid it names one process for good.
-std::string start_time(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    size_t paren = stat.rfind(')');
-    if (paren == std::string::npos)
-        return "";
-    std::stringstream fields(stat.substr(paren + 2));
-    std::string field;
-    for (int i = 3; i <= 22 && fields >> field; i++) {
-        if (i == 22)
-            return field;
-    }
-    return "";
-}
-
-// Shell lines that end one process, but only if the pid still names the
-// process that was started (no pid reuse), and never by name.
-std::string kill_script(pid_t pid)
-{
-    std::ostringstream s;
-    s << "p=" << pid << "; s=" << start_time(pid) << "\n"
-      << "alive() { st=$(cat /proc/$p/stat 2>/dev/null) || return 1; st=${st##*) }; set -- $st; "
-         "[ \"$1\" != Z ] && [ \"${20}\" = \"$s\" ]; }\n"
-      << "if alive; then kill -TERM $p; i=0\n"
-      << "  while alive && [ $i -lt 50 ]; do sleep 0.1; i=$((i+1)); done\n"
-      << "  alive && kill -KILL $p\n"
-      << "fi\n";
-    return s.str();
-}
-
-// Waits for a child of this process; SIGKILL after timeout_ms.
-void reap(pid_t pid, int timeout_ms)
-{
-    bool gone = wait_until([pid] { return waitpid(pid, nullptr, WNOHANG) != 0; }, timeout_ms);
-    if (!gone) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-}
-
-std::string read_file(const std::string &path)
-{
-    std::ifstream in(path);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream out(path);
-    out << text;
-    if (!out)
-        throw std::runtime_error("cannot write " + path);
 }
 
 void run_or_throw(const std::vector<std::string> &argv)
@@ -189,27 +106,19 @@ std::string check_machine()
 
 int run_command(const std::vector<std::string> &args, std::string *output)
 {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) < 0)
-        return -1;
-    pid_t pid = spawn(args, fds[1]);
-    close(fds[1]);
-    std::string text;
-    char buf[512];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof(buf))) != 0) {
-        if (n > 0)
-            text.append(buf, static_cast<size_t>(n));
-        else if (errno != EINTR)
-            break;
-    }
-    close(fds[0]);
-    int status = 0;
-    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    std::vector<char *> argv;
+    for (const std::string &arg : args)
+        argv.push_back(const_cast<char *>(arg.c_str()));
+    argv.push_back(nullptr);
+    gchar *out = nullptr, *err = nullptr;
+    gint status = 0;
+    bool ran = g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr,
+                            &out, &err, &status, nullptr);
     if (output)
-        *output = text;
-    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        *output = std::string(out ? out : "") + (err ? err : "");
+    g_free(out);
+    g_free(err);
+    return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string RealConnman::unavailable_reason()
@@ -229,65 +138,23 @@ RealConnman::RealConnman()
     if (!mkdtemp(tmpl))
         throw std::runtime_error("mkdtemp failed");
     dir_ = tmpl;
-    for (const char *sub : {"/cleanup.d", "/varlib", "/varlib/connman", "/run", "/run/connman"}) {
+    for (const char *sub : {"/varlib", "/varlib/connman", "/run", "/run/connman"}) {
         if (mkdir((dir_ + sub).c_str(), 0755) < 0)
             throw std::runtime_error("mkdir failed in " + dir_);
     }
-    start_guardian();
+    // Registered before creation, so that a failure half-way is cleaned too.
+    std::string ip = tool("ip");
+    clean_up_after_exit({}, {dir_},
+                        ip + " netns del " + ns_a_ + "\n" + ip + " netns del " + ns_b_ +
+                            "\nrm -rf /etc/netns/" + ns_a_ + "\nrmdir /etc/netns");
     make_namespaces();
     start_dhcp_server();
     write_daemon_files();
 }
 
-// Nothing is removed here: the library may still hold bus connections to the
-// daemons until the process ends, so the guardian does all of it afterwards.
-RealConnman::~RealConnman() = default;
-
-// The guardian waits for end-of-file on a pipe whose only writer is this
-// process, then runs the cleanup scripts, newest first. It sits in a session
-// of its own so that Ctrl-C on the test does not take it down as well.
-void RealConnman::start_guardian()
-{
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) < 0)
-        throw std::runtime_error("pipe failed");
-    std::vector<std::string> args = {
-        tool("sh"), "-c",
-        "cat >/dev/null\n"
-        "for f in $(ls -r \"$1/cleanup.d\" 2>/dev/null); do sh \"$1/cleanup.d/$f\" >/dev/null "
-        "2>&1; done\n"
-        "rm -rf \"$1\"\n",
-        "netmgr-guardian", dir_};
-    std::vector<char *> argv = to_argv(args);
-    pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        setsid();
-        dup2(fds[0], 0);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    close(fds[0]);
-    guardian_fd_ = fds[1];
-}
-
-void RealConnman::add_cleanup(const std::string &name, const std::string &script)
-{
-    write_file(dir_ + "/cleanup.d/" + name, script);
-}
-
-void RealConnman::drop_cleanup(const std::string &name)
-{
-    unlink((dir_ + "/cleanup.d/" + name).c_str());
-}
-
 void RealConnman::make_namespaces()
 {
     std::string ip = tool("ip");
-    // Registered before creation, so that a failure half-way is cleaned too.
-    add_cleanup("10-netns", ip + " netns del " + ns_a_ + "\n" + ip + " netns del " + ns_b_ +
-                                "\nrm -rf /etc/netns/" + ns_a_ + "\nrmdir /etc/netns\n");
     run_or_throw({ip, "netns", "add", ns_a_});
     run_or_throw({ip, "netns", "add", ns_b_});
     // Both ends are created inside their namespaces, so parallel runs never
@@ -315,7 +182,8 @@ void RealConnman::start_dhcp_server()
                "--dhcp-option=6,192.0.2.53,192.0.2.54", "--dhcp-leasefile=" + dir_ + "/leases",
                "--pid-file=" + dir_ + "/dnsmasq.pid", "--log-dhcp", "--log-facility=" + log},
               dir_ + "/dnsmasq.out");
-    add_cleanup("20-dnsmasq", kill_script(dnsmasq_pid_));
+    // dnsmasq changes its credentials, which clears the parent's death signal.
+    clean_up_after_exit({dnsmasq_pid_}, {});
     bool ready = wait_until(
         [&] {
             return read_file(log).find("DHCP, sockets bound") != std::string::npos ||
@@ -329,12 +197,12 @@ void RealConnman::start_dhcp_server()
 
 void RealConnman::write_daemon_files()
 {
-    write_file(dir_ + "/main.conf", "[General]\n"
-                                    "EnableOnlineCheck=false\n"
-                                    "AllowHostnameUpdates=false\n"
-                                    "AllowDomainnameUpdates=false\n"
-                                    "PreferredTechnologies=ethernet,wifi\n"
-                                    "SingleConnectedTechnology=false\n");
+    std::ofstream(dir_ + "/main.conf") << "[General]\n"
+                                          "EnableOnlineCheck=false\n"
+                                          "AllowHostnameUpdates=false\n"
+                                          "AllowDomainnameUpdates=false\n"
+                                          "PreferredTechnologies=ethernet,wifi\n"
+                                          "SingleConnectedTechnology=false\n";
     // ip netns exec binds this over /etc/resolv.conf, so the daemon's resolver
     // writes stay in the test. Another run may remove an empty /etc/netns at
     // any moment, hence the retries.
@@ -363,17 +231,19 @@ void RealConnman::start_daemon()
                            "connmand-start", dir_ + "/varlib", dir_ + "/run", connmand_path(),
                            dir_ + "/main.conf", kExcludedPlugins},
                           dir_ + "/connmand.log");
-    add_cleanup("30-connmand", kill_script(connmand_pid_));
 }
 
 void RealConnman::stop_daemon()
 {
     if (connmand_pid_ <= 0)
         return;
+    // SIGKILL when it takes longer than 5 s.
     kill(connmand_pid_, SIGTERM);
-    reap(connmand_pid_, 5000);
+    if (!wait_until([&] { return waitpid(connmand_pid_, nullptr, WNOHANG) != 0; })) {
+        kill(connmand_pid_, SIGKILL);
+        waitpid(connmand_pid_, nullptr, 0);
+    }
     connmand_pid_ = -1;
-    drop_cleanup("30-connmand");
 }
 
 void RealConnman::set_far_end_up(bool up)
@@ -407,12 +277,6 @@ std::string RealConnman::mac() const
     std::vector<std::string> found =
         words_after(ns_a_, {"link", "show", "dev", "vA"}, "link/ether");
     return found.empty() ? "" : found[0];
-}
-
-void RealConnman::adopt_process(pid_t pid, const std::string &dir_to_remove)
-{
-    add_cleanup("05-adopted-" + std::to_string(pid),
-                kill_script(pid) + "rm -rf '" + dir_to_remove + "'\n");
 }
 
 std::string RealConnman::daemon_log() const

@@ -3,11 +3,11 @@
 // in a second namespace. Only the unix socket of the private system bus
 // connects it to the test process.
 //
-// Everything the harness creates (namespaces, daemons, temporary files) is
-// handed to a guardian process that removes it once the test process is gone,
-// however it ends: normal exit, failed assertion, signal or SIGKILL. The
-// daemons must outlive the test body because the library keeps its bus
-// connections until the process ends.
+// Everything the harness creates goes once the test process has gone,
+// however it ends (normal exit, failed assertion, signal or SIGKILL): a
+// clean-up process ends the DHCP server and removes the namespaces and
+// temporary files, and ConnMan gets the parent's death signal. Nothing goes earlier, because the
+// library keeps its bus connections to the daemons until the process ends.
 #pragma once
 
 #include <sys/types.h>
@@ -25,7 +25,6 @@ class RealConnman
     // Namespaces, veth pair and DHCP server; throws std::runtime_error with
     // the failing command's output.
     RealConnman();
-    ~RealConnman();
     RealConnman(const RealConnman &) = delete;
     RealConnman &operator=(const RealConnman &) = delete;
 
@@ -33,7 +32,6 @@ class RealConnman
     void start_daemon();
     // SIGTERM, then SIGKILL after a grace period; the daemon is reaped.
     void stop_daemon();
-    pid_t daemon_pid() const { return connmand_pid_; }
 
     // Carrier of the far end (vB), as pulling and plugging the cable.
     void set_far_end_up(bool up);
@@ -43,19 +41,9 @@ class RealConnman
     // vA's MAC address in lower case.
     std::string mac() const;
 
-    // Hands a process and a directory of the caller to the guardian, so that
-    // they are removed after the test process is gone.
-    void adopt_process(pid_t pid, const std::string &dir_to_remove);
-
-    const std::string &dir() const { return dir_; }
-    const std::string &ns_a() const { return ns_a_; }
-    const std::string &ns_b() const { return ns_b_; }
     std::string daemon_log() const;
 
   private:
-    void start_guardian();
-    void add_cleanup(const std::string &name, const std::string &script);
-    void drop_cleanup(const std::string &name);
     void make_namespaces();
     void start_dhcp_server();
     void write_daemon_files();
@@ -63,11 +51,10 @@ class RealConnman
     std::string dir_;
     std::string ns_a_;
     std::string ns_b_;
-    int guardian_fd_ = -1;
     pid_t dnsmasq_pid_ = -1;
     pid_t connmand_pid_ = -1;
 };
 
 // Runs argv, waits for it and returns its exit status (-1 when it could not be
-// run); output, when given, receives stdout and stderr together.
+// run); output, when given, receives stdout and then stderr.
 int run_command(const std::vector<std::string> &argv, std::string *output = nullptr);

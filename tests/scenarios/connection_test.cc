@@ -18,21 +18,6 @@ const char *const kHiddenPsk = "wifi_0a0000000005_hidden_managed_psk";
 class ConnectionScenario : public Scenario
 {
   protected:
-    // Wi-Fi type (and a last network when given), Wi-Fi powered, the given
-    // networks; waits for the list.
-    void start_on_wifi(const std::vector<connman_sim::Network> &networks,
-                       const std::string &last_wifi = "")
-    {
-        store("netmgr:type", 1);
-        if (!last_wifi.empty())
-            store("netmgr:last_wifi", last_wifi);
-        sim.add_technology("wifi", true);
-        for (const connman_sim::Network &network : networks)
-            sim.add_network(network);
-        ASSERT_NO_FATAL_FAILURE(start());
-        ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
-    }
-
     // Connects as the user would and waits for the announcement.
     void connect_open(const char *ident)
     {
@@ -85,7 +70,7 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from, &event));
     EXPECT_EQ(0, event.byte);
     EXPECT_EQ(1, sim.count_calls("Disconnect", path));
-    EXPECT_TRUE(wait_service_state(kHome, "idle"));
+    EXPECT_TRUE(wait_until([&] { return sim.service_state(kHome) == "idle"; }));
 
     // Forgetting the connected last network: it is lost (non-zero byte) and
     // the last Wi-Fi is stored as "".
@@ -99,7 +84,7 @@ TEST_F(ConnectionScenario, OpenNetworkConnectsDisconnectsAndIsDismissed)
     EXPECT_TRUE(wait_stored_last_wifi(""));
 }
 
-TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
+TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledRejectedThenAnsweredWithPassword)
 {
     start_on_wifi({wifi(kOffice, "office", "psk")});
     const std::string path = service_path(kOffice);
@@ -113,8 +98,17 @@ TEST_F(ConnectionScenario, ProtectedNetworkIsCancelledThenAnsweredWithPassword)
     EXPECT_EQ("psk", event.wifi.security);
     EXPECT_FALSE(event.wifi.hidden);
     EXPECT_TRUE(NetMgr_CancelWifiConnection());
-    EXPECT_TRUE(wait_until(
-        [&] { return sim.last_agent_reply() == "net.connman.Agent.Error.Canceled"; }, 5000));
+    EXPECT_TRUE(
+        wait_until([&] { return sim.last_agent_reply() == "net.connman.Agent.Error.Canceled"; }));
+
+    // A wrong passphrase raises invalid-key and forgets the network.
+    from = events.mark();
+    ASSERT_TRUE(NetMgr_ConnectWifi(path));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
+    EXPECT_TRUE(NetMgr_SetWifiPassword(path, "wrong horse"));
+    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_INVALID_KEY, from));
+    EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
+    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_CONNECTED, from));
 
     from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(path));
@@ -157,20 +151,6 @@ TEST_F(ConnectionScenario, HiddenNetworksAreAnsweredWithNameAndPassword)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from));
     EXPECT_NE(std::string::npos, sim.last_agent_reply().find("'Passphrase': <'correct horse'>"));
     EXPECT_TRUE(wait_stored_last_wifi(psk_path));
-}
-
-TEST_F(ConnectionScenario, WrongPassphraseRaisesInvalidKeyAndForgetsTheNetwork)
-{
-    start_on_wifi({wifi(kOffice, "office", "psk")});
-    const std::string path = service_path(kOffice);
-
-    size_t from = events.mark();
-    ASSERT_TRUE(NetMgr_ConnectWifi(path));
-    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, from));
-    EXPECT_TRUE(NetMgr_SetWifiPassword(path, "wrong horse"));
-    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_INVALID_KEY, from));
-    EXPECT_TRUE(sim.wait_for_calls("Remove", 1, 5000, path));
-    EXPECT_EQ(0, events.count(NETMGR_EVT_WIFI_CONNECTED, from));
 }
 
 TEST_F(ConnectionScenario, AgentErrorsBecomeEventsByNetworkType)

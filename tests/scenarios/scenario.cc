@@ -1,7 +1,5 @@
 #include "tests/scenarios/scenario.h"
 
-#include <fcntl.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -10,6 +8,7 @@
 
 #include "core/bridge.h"
 #include "platform/zelstorageclient.h"
+#include "tests/support/process.h"
 #include "tests/support/wait.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -48,43 +47,13 @@ World &world()
     if (!the_world) {
         std::string dir = make_dir_and_environment();
         the_world = new World{dir, dir + "/shell.log", {}, {}};
+        // The bus daemons go only after this process, however it ends, so
+        // the library never sees its buses vanish (libdbus would end the
+        // process on that).
+        clean_up_after_exit({the_world->buses.system.pid(), the_world->buses.session.pid()},
+                            {dir, the_world->buses.system.dir(), the_world->buses.session.dir()});
     }
     return *the_world;
-}
-
-// Kills the bus daemons and removes the directories once this process has
-// gone, so the library never sees its buses vanish (libdbus would end the
-// process on that).
-void start_reaper()
-{
-    int fds[2];
-    if (!the_world || pipe2(fds, O_CLOEXEC) < 0)
-        return;
-    pid_t daemons[] = {the_world->buses.system.pid(), the_world->buses.session.pid()};
-    std::string dirs[] = {the_world->dir, the_world->buses.system.dir(),
-                          the_world->buses.session.dir()};
-    if (fork() != 0) {
-        close(fds[0]);
-        return; // the parent keeps the write end until it exits
-    }
-    int devnull = open("/dev/null", O_RDWR);
-    for (int fd = 0; fd < 3; fd++)
-        dup2(devnull, fd);
-    for (int fd = 3; fd < 1024; fd++)
-        if (fd != fds[0])
-            close(fd);
-    setsid();
-    char byte;
-    while (read(fds[0], &byte, 1) > 0) {
-    }
-    for (pid_t pid : daemons)
-        kill(pid, SIGTERM);
-    for (const std::string &dir : dirs)
-        if (dir.rfind("/tmp/netmgr-", 0) != 0)
-            _exit(0);
-    execlp("rm", "rm", "-rf", dirs[0].c_str(), dirs[1].c_str(), dirs[2].c_str(),
-           static_cast<char *>(nullptr));
-    _exit(0);
 }
 
 std::mutex hold_mutex;
@@ -138,21 +107,18 @@ size_t EventRecorder::mark() const
     return events_.size();
 }
 
-bool EventRecorder::wait_for_event(NetMgrEvent code, int timeout_ms, size_t from,
-                                   RecordedEvent *out)
+long EventRecorder::wait_index(NetMgrEvent code, int timeout_ms, size_t from, RecordedEvent *out)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    auto found = [&]() -> const RecordedEvent * {
-        for (size_t i = from; i < events_.size(); i++)
-            if (events_[i].code == code)
-                return &events_[i];
-        return nullptr;
-    };
-    bool arrived = arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                                     [&] { return found() != nullptr; });
-    if (arrived && out)
-        *out = *found();
-    return arrived;
+    long at = -1;
+    arrived_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] {
+        for (size_t i = from; at < 0 && i < events_.size(); i++)
+            at = events_[i].code == code ? static_cast<long>(i) : -1;
+        return at >= 0;
+    });
+    if (at >= 0 && out)
+        *out = events_[static_cast<size_t>(at)];
+    return at;
 }
 
 int EventRecorder::count(NetMgrEvent code, size_t from) const
@@ -160,6 +126,14 @@ int EventRecorder::count(NetMgrEvent code, size_t from) const
     std::vector<RecordedEvent> seen = events(from);
     return static_cast<int>(std::count_if(seen.begin(), seen.end(),
                                           [&](const RecordedEvent &e) { return e.code == code; }));
+}
+
+std::vector<int> EventRecorder::codes(size_t from) const
+{
+    std::vector<int> codes;
+    for (const RecordedEvent &event : events(from))
+        codes.push_back(event.code);
+    return codes;
 }
 
 std::vector<RecordedEvent> EventRecorder::events(size_t from) const
@@ -181,10 +155,10 @@ void Scenario::SetUp()
                         "(ctest does)";
 }
 
-void Scenario::start_sim()
+void Scenario::start_sim(const std::string &address)
 {
     int registered = sim.count_calls("RegisterAgent");
-    ASSERT_TRUE(sim.start(world().buses.system.address()));
+    ASSERT_TRUE(sim.start(address.empty() ? world().buses.system.address() : address));
     if (library_started) {
         ASSERT_TRUE(sim.wait_for_calls("RegisterAgent", registered + 1, 10000))
             << "the library did not register its agent";
@@ -197,12 +171,25 @@ void Scenario::start_library()
     ASSERT_EQ(0, NetMgr_StartRoutine(EventRecorder::callback));
 }
 
-void Scenario::start()
+void Scenario::start(const std::string &address)
 {
-    ASSERT_NO_FATAL_FAILURE(start_sim());
+    ASSERT_NO_FATAL_FAILURE(start_sim(address));
     ASSERT_NO_FATAL_FAILURE(start_library());
     ASSERT_TRUE(wait_until([&] { return sim.agent_registered(); }, 10000))
         << "the library did not register its agent";
+}
+
+void Scenario::start_on_wifi(const std::vector<connman_sim::Network> &networks,
+                             const std::string &last_wifi, const std::string &address)
+{
+    store("netmgr:type", 1);
+    if (!last_wifi.empty())
+        store("netmgr:last_wifi", last_wifi);
+    sim.add_technology("wifi", true);
+    for (const connman_sim::Network &network : networks)
+        sim.add_network(network);
+    ASSERT_NO_FATAL_FAILURE(start(address));
+    ASSERT_TRUE(wait_wifi_list(static_cast<int>(networks.size())));
 }
 
 void Scenario::store(const std::string &key, const Json::Value &value)
@@ -224,11 +211,6 @@ int Scenario::stored_type() const
     return type.isInt() ? type.asInt() : -1;
 }
 
-bool Scenario::wait_stored_last_wifi(const std::string &path, int timeout_ms)
-{
-    return wait_until([&] { return stored("netmgr:last_wifi") == Json::Value(path); }, timeout_ms);
-}
-
 std::vector<std::string> Scenario::commands() const
 {
     std::vector<std::string> lines;
@@ -242,22 +224,6 @@ int Scenario::count_command(const std::string &command) const
 {
     std::vector<std::string> lines = commands();
     return static_cast<int>(std::count(lines.begin(), lines.end(), command));
-}
-
-bool Scenario::wait_command(const std::string &command, int n, int timeout_ms) const
-{
-    return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
-}
-
-bool Scenario::wait_service_state(const std::string &ident, const std::string &state,
-                                  int timeout_ms)
-{
-    return wait_until([&] { return sim.service_state(ident) == state; }, timeout_ms);
-}
-
-bool Scenario::wait_wifi_list(int n, int timeout_ms)
-{
-    return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);
 }
 
 void Scenario::on_service_thread(const std::function<void()> &fn)
@@ -289,39 +255,6 @@ void Scenario::release_service_thread()
     hold_cv.notify_all();
 }
 
-connman_sim::Network Scenario::wifi(const std::string &ident, const std::string &name,
-                                    const std::string &security, uint8_t strength)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.name = name;
-    network.security = {security};
-    network.strength = strength;
-    if (security != "none")
-        network.passphrase = "correct horse";
-    return network;
-}
-
-connman_sim::Network Scenario::hidden_wifi(const std::string &ident, const std::string &security,
-                                           const std::string &hidden_name, uint8_t strength)
-{
-    connman_sim::Network network = wifi(ident, "", security, strength);
-    network.hidden = true;
-    network.hidden_name = hidden_name;
-    return network;
-}
-
-connman_sim::Network Scenario::cable(const std::string &ident, bool carrier)
-{
-    connman_sim::Network network;
-    network.ident = ident;
-    network.type = "ethernet";
-    network.name = "Wired";
-    network.interface = "eth0";
-    network.carrier = carrier;
-    return network;
-}
-
 int main(int argc, char **argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
@@ -333,7 +266,6 @@ int main(int argc, char **argv)
 #endif
     fflush(stdout);
     fflush(stderr);
-    start_reaper();
     // The library's thread, the simulator and the buses are left as they
     // are: ending the process is the only way to stop the library.
     _exit(result);

@@ -22,6 +22,8 @@
 #include "connman_sim.h"
 #include "core/internal.h"
 #include "tests/support/private_bus.h"
+#include "tests/support/sim_networks.h"
+#include "tests/support/wait.h"
 
 struct RecordedEvent {
     NetMgrEvent code;
@@ -41,11 +43,13 @@ class EventRecorder
 
     // Index of the next event; pass it as `from` to look only at later ones.
     size_t mark() const;
-    // Waits until an event `code` at index >= from has arrived; copies it.
-    bool wait_for_event(NetMgrEvent code, int timeout_ms, size_t from = 0,
-                        RecordedEvent *out = nullptr);
+    // Waits until an event `code` at index >= from has arrived and copies
+    // it; its index, or -1 when it did not come.
+    long wait_index(NetMgrEvent code, int timeout_ms, size_t from = 0,
+                    RecordedEvent *out = nullptr);
     int count(NetMgrEvent code, size_t from = 0) const;
     std::vector<RecordedEvent> events(size_t from = 0) const;
+    std::vector<int> codes(size_t from = 0) const;
 
   private:
     EventRecorder() = default;
@@ -61,35 +65,47 @@ class Scenario : public ::testing::Test
     Scenario();
     void SetUp() override;
 
-    // Starts the simulator (or brings it back) and, once the library runs,
-    // waits until the library has registered its agent with it again.
-    void start_sim();
+    // Starts the simulator (or brings it back) on the system bus or the
+    // given one and, once the library runs, waits until the library has
+    // registered its agent with it again.
+    void start_sim(const std::string &address = "");
     // NetMgr_StartRoutine with the recorder.
     void start_library();
     // The simulator, then the library; waits for the agent.
-    void start();
+    void start(const std::string &address = "");
+    // Wi-Fi type (and a last network when given), Wi-Fi powered, the given
+    // networks, then start(address); waits for the list.
+    void start_on_wifi(const std::vector<connman_sim::Network> &networks,
+                       const std::string &last_wifi = "", const std::string &address = "");
 
     // The settings store, read and written as the library does.
     void store(const std::string &key, const Json::Value &value);
     Json::Value stored(const std::string &key) const; // null when absent
     int stored_type() const;                          // -1 when absent
     // Waits until "netmgr:last_wifi" is stored as this string.
-    bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000);
+    bool wait_stored_last_wifi(const std::string &path, int timeout_ms = 5000)
+    {
+        return wait_until([&] { return stored("netmgr:last_wifi") == Json::Value(path); },
+                          timeout_ms);
+    }
 
     // Commands the library ran through the shell, in order.
     std::vector<std::string> commands() const;
     int count_command(const std::string &command) const;
-    bool shell_ran(const std::string &command) const { return count_command(command) > 0; }
-    bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const;
+    bool wait_command(const std::string &command, int n = 1, int timeout_ms = 5000) const
+    {
+        return wait_until([&] { return count_command(command) >= n; }, timeout_ms);
+    }
 
-    bool wait_service_state(const std::string &ident, const std::string &state,
-                            int timeout_ms = 5000);
     // Waits until the library's Wi-Fi list holds n entries.
-    bool wait_wifi_list(int n, int timeout_ms = 5000);
+    bool wait_wifi_list(int n, int timeout_ms = 5000)
+    {
+        return wait_until([&] { return NetMgr_GetWifiListCount() == n; }, timeout_ms);
+    }
     bool wait_for_event(NetMgrEvent code, size_t from = 0, RecordedEvent *out = nullptr,
                         int timeout_ms = 10000)
     {
-        return events.wait_for_event(code, timeout_ms, from, out);
+        return events.wait_index(code, timeout_ms, from, out) >= 0;
     }
 
     // Runs fn on the service thread and waits, to read the context safely.
@@ -97,18 +113,6 @@ class Scenario : public ::testing::Test
     // Keeps the service thread busy until release_service_thread().
     static void hold_service_thread();
     static void release_service_thread();
-
-    static std::string service_path(const std::string &ident)
-    {
-        return "/net/connman/service/" + ident;
-    }
-    static connman_sim::Network wifi(const std::string &ident, const std::string &name,
-                                     const std::string &security = "none", uint8_t strength = 60);
-    // A network without a broadcast name; the agent must answer hidden_name.
-    static connman_sim::Network hidden_wifi(const std::string &ident, const std::string &security,
-                                            const std::string &hidden_name, uint8_t strength = 60);
-    // A wired service on eth0 named "Wired".
-    static connman_sim::Network cable(const std::string &ident, bool carrier = true);
 
     connman_sim::Simulator &sim;
     EventRecorder &events = EventRecorder::instance();

@@ -1,11 +1,11 @@
 // The library's read-only state object on the session bus, as another
 // process sees it.
-#include <dbus/dbus.h>
+#include <gio/gio.h>
 #include <stdlib.h>
 
-#include <chrono>
 #include <initializer_list>
-#include <memory>
+#include <map>
+#include <mutex>
 
 #include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
@@ -19,11 +19,6 @@ const char *const kStatePath = "/net/connman/gaskaidra";
 const char *const kStateInterface = "net.connman.Gaskaidra.State";
 const char *const kSecret = "correct horse"; // what the simulator expects
 
-struct MessageUnref {
-    void operator()(DBusMessage *m) const { dbus_message_unref(m); }
-};
-using Message = std::unique_ptr<DBusMessage, MessageUnref>;
-
 // A client of the session bus that is not the library: another process
 // would see the same.
 class StateScenario : public Scenario
@@ -32,137 +27,128 @@ class StateScenario : public Scenario
     void TearDown() override
     {
         if (client_) {
-            dbus_connection_close(client_);
-            dbus_connection_unref(client_);
+            g_dbus_connection_close_sync(client_, nullptr, nullptr);
+            g_object_unref(client_);
         }
     }
 
     void connect_client()
     {
-        client_ = dbus_connection_open_private(getenv("DBUS_SESSION_BUS_ADDRESS"), nullptr);
+        client_ = g_dbus_connection_new_for_address_sync(
+            getenv("DBUS_SESSION_BUS_ADDRESS"),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr);
         ASSERT_NE(client_, nullptr);
-        ASSERT_TRUE(dbus_bus_register(client_, nullptr));
+        g_dbus_connection_add_filter(client_, remember, this, nullptr);
     }
 
-    // The reply, or the error as a message of type error. Arguments are
+    // Whether the call was answered without an error. Arguments are
     // strings, then a string variant when given.
-    Message call(const char *interface, const char *member,
-                 std::initializer_list<const char *> strings = {}, const char *variant = nullptr)
+    bool call(const char *interface, const char *member,
+              std::initializer_list<const char *> strings = {}, const char *variant = nullptr,
+              const char *destination = "net.connman.Gaskaidra", const char *path = kStatePath)
     {
-        Message m(
-            dbus_message_new_method_call("net.connman.Gaskaidra", kStatePath, interface, member));
-        DBusMessageIter iter, inner;
-        dbus_message_iter_init_append(m.get(), &iter);
+        GVariantBuilder args;
+        g_variant_builder_init(&args, G_VARIANT_TYPE_TUPLE);
         for (const char *text : strings)
-            dbus_message_iter_append_basic(&iter, DBUS_TYPE_STRING, &text);
-        if (variant) {
-            dbus_message_iter_open_container(&iter, DBUS_TYPE_VARIANT, "s", &inner);
-            dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &variant);
-            dbus_message_iter_close_container(&iter, &inner);
-        }
-        DBusPendingCall *pending = nullptr;
-        dbus_connection_send_with_reply(client_, m.get(), &pending, 5000);
-        dbus_pending_call_block(pending);
-        Message reply(dbus_pending_call_steal_reply(pending));
-        dbus_pending_call_unref(pending);
-        remember(reply.get());
-        return reply;
+            g_variant_builder_add(&args, "s", text);
+        if (variant)
+            g_variant_builder_add(&args, "v", g_variant_new_string(variant));
+        GVariant *reply = g_dbus_connection_call_sync(
+            client_, destination, path, interface, member, g_variant_builder_end(&args), nullptr,
+            G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+        if (reply)
+            g_variant_unref(reply);
+        return reply != nullptr;
     }
 
-    // Every byte the client received, to look for secrets in.
-    void remember(DBusMessage *m)
+    // Keeps every byte the client receives, to look for secrets in, and
+    // the Event signals' codes with their Name and Path. Runs on GDBus's
+    // thread.
+    static GDBusMessage *remember(GDBusConnection *, GDBusMessage *m, gboolean incoming,
+                                  gpointer data)
     {
-        char *bytes = nullptr;
-        int length = 0;
-        if (m && dbus_message_marshal(m, &bytes, &length)) {
-            received_.append(bytes, length);
-            dbus_free(bytes);
+        auto *self = static_cast<StateScenario *>(data);
+        gsize size = 0;
+        guchar *bytes =
+            incoming ? g_dbus_message_to_blob(m, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr)
+                     : nullptr;
+        GVariant *body = g_dbus_message_get_body(m);
+        std::lock_guard<std::mutex> lock(self->mutex_);
+        if (bytes)
+            self->received_.append(reinterpret_cast<char *>(bytes), size);
+        g_free(bytes);
+        if (incoming && g_strcmp0(g_dbus_message_get_member(m), "Event") == 0 && body &&
+            g_variant_is_of_type(body, G_VARIANT_TYPE("(ua{sv})"))) {
+            guint32 code = 0;
+            GVariant *dict = nullptr;
+            const char *name = "", *path = "";
+            g_variant_get(body, "(u@a{sv})", &code, &dict);
+            g_variant_lookup(dict, "Name", "&s", &name);
+            g_variant_lookup(dict, "Path", "&s", &path);
+            self->events_[code] = {name, path};
+            g_variant_unref(dict);
         }
+        return m;
     }
 
-    // Waits for an Event signal with this code; returns its message.
-    Message wait_event(uint32_t code)
+    std::string received()
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            dbus_connection_read_write(client_, 100);
-            while (DBusMessage *m = dbus_connection_pop_message(client_)) {
-                Message held(m);
-                remember(m);
-                dbus_uint32_t got = 0;
-                if (dbus_message_is_signal(m, kStateInterface, "Event") &&
-                    dbus_message_get_args(m, nullptr, DBUS_TYPE_UINT32, &got, DBUS_TYPE_INVALID) &&
-                    got == code)
-                    return held;
-            }
-        }
-        return nullptr;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return received_;
     }
 
-    // The string members of the a{sv} argument of an Event signal.
-    static std::string text_entry(DBusMessage *m, const std::string &key)
+    // Waits for an Event signal with this code; returns its Name and Path.
+    std::pair<std::string, std::string> wait_event(uint32_t code)
     {
-        DBusMessageIter iter, dict, entry, variant;
-        dbus_message_iter_init(m, &iter);
-        dbus_message_iter_next(&iter);
-        for (dbus_message_iter_recurse(&iter, &dict);
-             dbus_message_iter_get_arg_type(&dict) == DBUS_TYPE_DICT_ENTRY;
-             dbus_message_iter_next(&dict)) {
-            const char *name = nullptr, *value = nullptr;
-            dbus_message_iter_recurse(&dict, &entry);
-            dbus_message_iter_get_basic(&entry, &name);
-            dbus_message_iter_next(&entry);
-            dbus_message_iter_recurse(&entry, &variant);
-            if (key == name && dbus_message_iter_get_arg_type(&variant) == DBUS_TYPE_STRING) {
-                dbus_message_iter_get_basic(&variant, &value);
-                return value;
-            }
-        }
-        return "";
+        std::pair<std::string, std::string> event;
+        auto seen = [&] {
+            std::lock_guard<std::mutex> lock(mutex_);
+            bool found = events_.count(code) > 0;
+            if (found)
+                event = events_[code];
+            return found;
+        };
+        EXPECT_TRUE(wait_until(seen, 10000)) << "no event " << code;
+        return event;
     }
 
-    DBusConnection *client_ = nullptr;
+    GDBusConnection *client_ = nullptr;
+    std::mutex mutex_;
     std::string received_;
+    std::map<uint32_t, std::pair<std::string, std::string>> events_;
 };
 
 TEST_F(StateScenario, OthersReadTheStateAndFollowEventsButChangeNothingAndSeeNoSecret)
 {
-    store("netmgr:type", 1);
-    sim.add_technology("wifi", true);
-    sim.add_network(wifi(kOffice, "office", "psk"));
-    sim.add_network(wifi(kHome, "home"));
-    ASSERT_NO_FATAL_FAILURE(start());
-    ASSERT_TRUE(wait_wifi_list(2));
+    ASSERT_NO_FATAL_FAILURE(start_on_wifi({wifi(kOffice, "office", "psk"), wifi(kHome, "home")}));
     ASSERT_NO_FATAL_FAILURE(connect_client());
 
-    Message version = call(DBUS_INTERFACE_PROPERTIES, "Get", {kStateInterface, "Version"});
-    ASSERT_EQ(dbus_message_get_type(version.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
-    Message all = call(DBUS_INTERFACE_PROPERTIES, "GetAll", {kStateInterface});
-    ASSERT_EQ(dbus_message_get_type(all.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    ASSERT_TRUE(call("org.freedesktop.DBus.Properties", "Get", {kStateInterface, "Version"}));
+    ASSERT_TRUE(call("org.freedesktop.DBus.Properties", "GetAll", {kStateInterface}));
     for (const char *expected : {"office", "home", NETMGR_VERSION, "WifiStatus", "Connection"})
-        EXPECT_NE(received_.find(expected), std::string::npos) << expected;
+        EXPECT_NE(received().find(expected), std::string::npos) << expected;
 
     // Read-only: Set is refused and the type stays.
-    Message set = call(DBUS_INTERFACE_PROPERTIES, "Set", {kStateInterface, "LastWifi"}, "/evil");
-    EXPECT_EQ(dbus_message_get_type(set.get()), DBUS_MESSAGE_TYPE_ERROR);
+    EXPECT_FALSE(
+        call("org.freedesktop.DBus.Properties", "Set", {kStateInterface, "LastWifi"}, "/evil"));
     on_service_thread([] { EXPECT_EQ(g_netMgr->lastWifi, ""); });
 
     // Events follow once asked for, with the network's record and never the
     // passphrase the application answers with.
-    Message watch = call(kStateInterface, "WatchEvents");
-    ASSERT_EQ(dbus_message_get_type(watch.get()), DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    ASSERT_TRUE(call(kStateInterface, "WatchEvents"));
     std::string rule = std::string("type='signal',interface='") + kStateInterface + "'";
-    dbus_bus_add_match(client_, rule.c_str(), nullptr);
+    ASSERT_TRUE(call("org.freedesktop.DBus", "AddMatch", {rule.c_str()}, nullptr,
+                     "org.freedesktop.DBus", "/org/freedesktop/DBus"));
     ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kOffice)));
-    Message asked = wait_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED);
-    ASSERT_TRUE(asked);
-    EXPECT_EQ(text_entry(asked.get(), "Name"), "office");
-    EXPECT_EQ(text_entry(asked.get(), "Path"), service_path(kOffice));
+    EXPECT_EQ(wait_event(NETMGR_EVT_WIFI_PASSWORD_REQUIRED),
+              std::make_pair(std::string("office"), service_path(kOffice)));
     EXPECT_TRUE(NetMgr_SetWifiPassword(service_path(kOffice), kSecret));
-    EXPECT_TRUE(wait_event(NETMGR_EVT_WIFI_CONNECTED));
-    call(DBUS_INTERFACE_PROPERTIES, "GetAll", {kStateInterface});
-    EXPECT_EQ(received_.find(kSecret), std::string::npos);
-    EXPECT_NE(received_.find("office"), std::string::npos);
+    wait_event(NETMGR_EVT_WIFI_CONNECTED);
+    call("org.freedesktop.DBus.Properties", "GetAll", {kStateInterface});
+    EXPECT_EQ(received().find(kSecret), std::string::npos);
+    EXPECT_NE(received().find("office"), std::string::npos);
 }
 
 } // namespace

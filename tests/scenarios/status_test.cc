@@ -16,13 +16,15 @@ bool status_becomes(NetType type, NetStatus status)
 
 using StatusTest = Scenario;
 
-TEST_F(StatusTest, CableStatusAndConnectionDetails)
+TEST_F(StatusTest, CableStatusConnectionDetailsAndTheNetworkSwitch)
 {
     sim.add_technology("ethernet", true);
     sim.add_technology("wifi", false);
     sim.add_network(cable(kCable, false));
     start_library();
+    EXPECT_FALSE(NetMgr_GetNetworkEnable()) << "without ConnMan, offline";
     start_sim();
+    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }));
 
     ASSERT_TRUE(status_becomes(NET_TYPE_ETHERNET, NET_STATUS_ENABLED));
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
@@ -60,17 +62,11 @@ TEST_F(StatusTest, CableStatusAndConnectionDetails)
     NetConnInfo direct;
     EXPECT_TRUE(NetMgr_GetCurrentConnInfoInternel(&direct)) << "the cable is connected";
     EXPECT_EQ(direct.name + direct.ipv4Address + direct.dns2, "Wired192.0.2.10192.0.2.54");
-}
 
-TEST_F(StatusTest, NetworkEnableFollowsConnmansOfflineMode)
-{
-    start_library();
-    EXPECT_FALSE(NetMgr_GetNetworkEnable()) << "without ConnMan, offline";
-    start_sim();
-    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
+    // The network switch follows ConnMan's offline mode, and sets it.
     sim.set_offline_mode(true);
-    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 5000));
+    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }));
     EXPECT_TRUE(NetMgr_SetNetworkEnable(true));
-    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 5000));
+    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }));
     EXPECT_FALSE(sim.offline_mode());
 }

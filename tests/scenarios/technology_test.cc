@@ -27,19 +27,15 @@ class TechnologyScenario : public Scenario
     bool wait_powered(const std::string &type, bool powered)
     {
         const char *text = powered ? "true" : "false";
-        return wait_until([&] { return sim.technology_property(type, "Powered") == text; }, 5000);
+        return wait_until([&] { return sim.technology_property(type, "Powered") == text; });
     }
 };
 
 TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
 {
-    store("netmgr:type", 1);
     sim.add_technology("ethernet", true);
-    sim.add_technology("wifi", true);
-    sim.add_network(wifi(kHome, "home"));
     add_cable(false);
-    start();
-    ASSERT_TRUE(wait_wifi_list(1));
+    ASSERT_NO_FATAL_FAILURE(start_on_wifi({wifi(kHome, "home")}));
 
     size_t from = events.mark();
     ASSERT_TRUE(NetMgr_ConnectWifi(service_path(kHome)));
@@ -50,7 +46,7 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     sim.set_carrier(kCable, true);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
     EXPECT_TRUE(wait_powered("wifi", false));
-    EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }, 5000));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 0; }));
     EXPECT_EQ(NET_TYPE_ETHERNET, NetMgr_GetNetworkType());
 
     // While the cable is connected Wi-Fi cannot be chosen.
@@ -64,7 +60,7 @@ TEST_F(TechnologyScenario, CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi)
     sim.set_carrier(kCable, false);
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_WIFI_ENABLED, from));
-    EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }, 5000));
+    EXPECT_TRUE(wait_until([&] { return stored_type() == 1; }));
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_CONNECTED, from, nullptr, 15000));
     EXPECT_EQ("ready", sim.service_state(kHome));
 }
@@ -114,7 +110,7 @@ TEST_F(TechnologyScenario, P2PKeepsTheTypeAsideAndScans)
 
     EXPECT_TRUE(NetMgr_ScanP2P());
     EXPECT_TRUE(sim.wait_for_calls("Scan", 1, 5000, kP2pTech));
-    EXPECT_TRUE(shell_ran("wpa_cli p2p_find"));
+    EXPECT_TRUE(wait_command("wpa_cli p2p_find"));
 
     EXPECT_TRUE(NetMgr_DisableP2P(false));
     EXPECT_EQ(NET_TYPE_WIFI, NetMgr_GetNetworkType());
@@ -144,12 +140,10 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     EXPECT_EQ(NETMGR_EVT_WIFI_CONNECTED, (first + 1)->code);
 
     NetConnInfo info;
-    ASSERT_TRUE(wait_until(
-        [&] {
-            NetMgr_GetCurrentConnInfo(&info);
-            return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
-        },
-        5000));
+    ASSERT_TRUE(wait_until([&] {
+        NetMgr_GetCurrentConnInfo(&info);
+        return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
+    }));
     EXPECT_EQ("192.0.2.53", info.dns1);
     EXPECT_EQ("192.0.2.54", info.dns2);
     EXPECT_EQ("2001:db8::10", info.ipv6Address);
@@ -157,19 +151,12 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
 
     // A single server replaces the first and leaves the second.
-    NetIPv4Config config;
-    config.method = "manual";
-    config.address = "192.0.2.20";
-    config.netmask = "255.255.255.0";
-    config.gateway = "192.0.2.1";
-    config.dns1 = "192.0.2.99";
+    NetIPv4Config config{"manual", "192.0.2.20", "255.255.255.0", "192.0.2.1", "192.0.2.99", ""};
     ASSERT_TRUE(NetMgr_SetIPv4Config(&config));
-    EXPECT_TRUE(wait_until(
-        [&] {
-            NetMgr_GetCurrentConnInfo(&info);
-            return info.dns1 == "192.0.2.99";
-        },
-        5000));
+    EXPECT_TRUE(wait_until([&] {
+        NetMgr_GetCurrentConnInfo(&info);
+        return info.dns1 == "192.0.2.99";
+    }));
     EXPECT_EQ("192.0.2.54", info.dns2);
 }
 

@@ -1,9 +1,6 @@
 #include "tests/security/policy_bus.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <pwd.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -11,7 +8,9 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+
+#include "tests/support/private_bus.h"
+#include "tests/support/process.h"
 
 namespace
 {
@@ -31,82 +30,38 @@ const char kConnmanPolicy[] =
 </busconfig>
 )";
 
-// Removes the bus and its directory once the test process has gone (the
-// daemon runs as messagebus, so it no longer gets the parent's death signal).
-void reap_after_exit(pid_t daemon, const std::string &dir)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        return;
-    if (fork() == 0) {
-        close(fds[1]);
-        char c;
-        while (read(fds[0], &c, 1) > 0) {
-        }
-        kill(daemon, SIGTERM);
-        execlp("rm", "rm", "-rf", dir.c_str(), static_cast<char *>(nullptr));
-        _exit(0);
-    }
-    close(fds[0]); // the write end stays open until this process ends
-}
-
 } // namespace
 
-PolicyBus::PolicyBus()
+std::string start_policy_bus(std::string *reason)
 {
-    std::ifstream in(kStockConfig);
-    std::stringstream text;
-    text << in.rdbuf();
-    std::string config = text.str();
+    std::string config = read_file(kStockConfig);
     size_t listen = config.find(kStockListen);
-    if (config.empty() || listen == std::string::npos) {
-        reason_ = std::string(kStockConfig) + " is missing or has no stock listen address";
-        return;
+    if (listen == std::string::npos) {
+        *reason = std::string(kStockConfig) + " is missing or has no stock listen address";
+        return "";
     }
-    char tmpl[] = "/tmp/netmgr-policy-bus-XXXXXX";
-    if (!mkdtemp(tmpl) || chmod(tmpl, 0755) != 0) {
-        reason_ = "no temporary directory";
-        return;
+    try {
+        // Never destroyed (but reachable, so no leak is reported): it goes
+        // after the process.
+        static PrivateBus *bus;
+        bus = new PrivateBus([&](const std::string &dir) {
+            // The daemon's own user and nobody reach the socket.
+            chmod(dir.c_str(), 0755);
+            // "system.d" in the stock file is relative to the file: ours comes along.
+            mkdir((dir + "/system.d").c_str(), 0755);
+            std::ofstream(dir + "/system.d/netmgr-test-connman.conf") << kConnmanPolicy;
+            return config.replace(listen, sizeof(kStockListen) - 1,
+                                  "<listen>unix:path=" + dir + "/bus_socket</listen>");
+        });
+        // The daemon runs as messagebus, so the parent's death signal no
+        // longer reaches it.
+        clean_up_after_exit({bus->pid()}, {bus->dir()});
+        return bus->address();
+    } catch (const std::exception &e) {
+        *reason =
+            std::string("dbus-daemon with the stock system policy did not start: ") + e.what();
+        return "";
     }
-    dir_ = tmpl;
-    // "system.d" in the stock file is relative to the file: ours comes along.
-    config.replace(listen, sizeof(kStockListen) - 1,
-                   "<listen>unix:path=" + dir_ + "/system_bus_socket</listen>");
-    std::ofstream(dir_ + "/system.conf") << config;
-    mkdir((dir_ + "/system.d").c_str(), 0755);
-    std::ofstream(dir_ + "/system.d/netmgr-test-connman.conf") << kConnmanPolicy;
-
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        reason_ = "pipe failed";
-        return;
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 3);
-        std::string config_arg = "--config-file=" + dir_ + "/system.conf";
-        // --nofork and --nopidfile keep the host's /run/dbus untouched.
-        execlp("dbus-daemon", "dbus-daemon", config_arg.c_str(), "--nofork", "--nopidfile",
-               "--print-address=3", static_cast<char *>(nullptr));
-        _exit(127);
-    }
-    close(fds[1]);
-    std::string line;
-    struct pollfd pfd = {fds[0], POLLIN, 0};
-    while (line.find('\n') == std::string::npos && poll(&pfd, 1, 10000) > 0) {
-        char buf[256];
-        ssize_t n = read(fds[0], buf, sizeof(buf));
-        if (n <= 0)
-            break;
-        line.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    if (line.find('\n') == std::string::npos) {
-        reason_ = "dbus-daemon with the stock system policy did not start";
-        return;
-    }
-    address_ = line.substr(0, line.find('\n'));
-    reap_after_exit(pid, dir_);
 }
 
 std::string run_as_nobody(const std::string &command, std::string *skip, int *status)

@@ -4,21 +4,11 @@
 // policy file does on a device).
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
-class PolicyBus
-{
-  public:
-    // Empty reason() when the bus runs; else why it could not start.
-    PolicyBus();
-    const std::string &address() const { return address_; }
-    const std::string &reason() const { return reason_; }
-
-  private:
-    std::string dir_, address_, reason_;
-};
+// Starts the bus and returns its address; "" with *reason set when it
+// cannot run. The bus stays until the test process has gone.
+std::string start_policy_bus(std::string *reason);
 
 // Runs `program args` as user nobody (setpriv) and returns its standard
 // output; *skip gets a reason when nobody or setpriv is missing.

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 namespace
@@ -23,10 +24,9 @@ std::string make_temp_dir()
     return tmpl;
 }
 
-void write_config(const std::string &path, const char *kind, const std::string &socket,
-                  const std::string &extra)
+std::string allow_all_config(const char *kind, const std::string &socket, const std::string &extra)
 {
-    std::ofstream out(path);
+    std::ostringstream out;
     out << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
         << "<busconfig>\n"
@@ -47,6 +47,7 @@ void write_config(const std::string &path, const char *kind, const std::string &
         << "    <allow eavesdrop=\"true\"/>\n"
         << "  </policy>\n"
         << extra << "</busconfig>\n";
+    return out.str();
 }
 
 // Reads the address line the daemon prints once it listens.
@@ -74,11 +75,20 @@ std::string read_address(int fd, int timeout_ms)
 
 } // namespace
 
-PrivateBus::PrivateBus(const char *kind, const std::string &extra_config) : dir_(make_temp_dir())
+PrivateBus::PrivateBus(const char *kind, const std::string &extra_config)
+    : PrivateBus([&](const std::string &dir) {
+          return allow_all_config(kind, dir + "/bus_socket", extra_config);
+      })
+{
+}
+
+PrivateBus::PrivateBus(const std::function<std::string(const std::string &)> &make_config)
+    : dir_(make_temp_dir())
 {
     std::string config = dir_ + "/bus.conf";
-    write_config(config, kind, dir_ + "/bus_socket", extra_config);
+    std::ofstream(config) << make_config(dir_);
 
+    std::string config_arg = "--config-file=" + config;
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) < 0)
         throw std::runtime_error("pipe failed");
@@ -89,7 +99,6 @@ PrivateBus::PrivateBus(const char *kind, const std::string &extra_config) : dir_
         // A test that crashes or times out must not leave its bus behind.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         dup2(fds[1], 3);
-        std::string config_arg = "--config-file=" + config;
         execlp("dbus-daemon", "dbus-daemon", config_arg.c_str(), "--nofork", "--nopidfile",
                "--print-address=3", static_cast<char *>(nullptr));
         _exit(127);

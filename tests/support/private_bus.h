@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
 class PrivateBus
@@ -13,6 +14,9 @@ class PrivateBus
     // a fresh temporary directory and allows everything. extra_config is
     // added inside <busconfig>, e.g. a <limit> element.
     explicit PrivateBus(const char *kind, const std::string &extra_config = "");
+    // A bus under the configuration make_config returns for the fresh
+    // directory; it must listen on DIR/bus_socket.
+    explicit PrivateBus(const std::function<std::string(const std::string &dir)> &make_config);
     ~PrivateBus();
     PrivateBus(const PrivateBus &) = delete;
     PrivateBus &operator=(const PrivateBus &) = delete;
