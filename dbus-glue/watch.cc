@@ -113,9 +113,9 @@ static GSList *name_keepers = nullptr;
 static g_dbus_rule_fallback_function_t fallback_function = nullptr;
 
 // An open match batch: per-path rules of its connection go to the bus without
-// waiting, at most kBatchWindow at a time, oldest first in `waiting`. A long
+// waiting, at most kBatchWindow unanswered, oldest first in `waiting`. A long
 // service list then costs a few round trips instead of one per service.
-enum { kBatchWindow = 16 };
+enum { kBatchWindow = 32 };
 static struct {
     DBusConnection *connection;
     guint depth;
@@ -459,12 +459,13 @@ static bool batching(DBusConnection *connection)
     return batch.depth > 0 && batch.connection == connection;
 }
 
-// Waits for the answers of the batch's rules in the order they were sent. A
-// rule refused for the bus's limit falls back to the broader rule as a
-// blocking add would; one refused otherwise leaves its match without a rule.
-static void settle_rules()
+// Waits for the answers of the batch's rules in the order they were sent,
+// until at most `left` are unanswered. A rule refused for the bus's limit
+// falls back to the broader rule as a blocking add would; one refused
+// otherwise leaves its match without a rule.
+static void settle_rules(guint left = 0)
 {
-    while (batch.count > 0) {
+    while (batch.count > left) {
         struct filter_data *data = batch.waiting[0];
         memmove(&batch.waiting[0], &batch.waiting[1], --batch.count * sizeof(batch.waiting[0]));
         scoped_pending_call call(data->pending_rule);
@@ -514,9 +515,10 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
     struct rule_cover *cover = nullptr;
     bool later = data->path && batching(data->connection);
 
-    // A full window is settled first: that may put a broader rule in place.
+    // A full window waits for its oldest answer first, which may put a
+    // broader rule in place; the others stay in flight.
     if (later && batch.count == kBatchWindow)
-        settle_rules();
+        settle_rules(kBatchWindow - 1);
     // While a broader rule is in place, more rules of its kind would only
     // be refused again: use it instead of asking the bus.
     if (data->path) {
