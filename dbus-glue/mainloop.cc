@@ -5,11 +5,21 @@
 #include "dbus-glue/gdbus.h"
 #include "dbus-glue/scoped.h"
 
+#include <sys/ioctl.h>
+
 struct watch_info {
     guint id;
     DBusWatch *watch;
     DBusConnection *conn;
+    // Set while watch_func runs; libdbus may drop the watch meanwhile, and
+    // the record then outlives it until watch_func is done with it.
+    bool handling;
+    bool dropped;
 };
+
+// At most this many reads of one watch per main-loop turn: a long reply
+// comes in far fewer turns, and other sources still get theirs.
+enum { kReadsPerTurn = 32 };
 
 struct timeout_handler {
     guint id;
@@ -90,15 +100,24 @@ static void watch_info_free(void *data)
         g_source_remove(info->id);
         info->id = 0;
     }
+    if (info->handling) {
+        info->dropped = true;
+        return;
+    }
     dbus_connection_unref(info->conn);
     g_free(info);
 }
 
+// Bytes waiting on the watch's socket.
+static int bytes_waiting(int fd)
+{
+    int count = 0;
+    return fd >= 0 && ioctl(fd, FIONREAD, &count) == 0 ? count : 0;
+}
+
 static gboolean watch_func(GIOChannel *channel, GIOCondition cond, void *data)
 {
-    (void)channel;
     auto *info = static_cast<struct watch_info *>(data);
-    // The record may be freed while libdbus handles the watch.
     DBusConnection *conn = dbus_connection_ref(info->conn);
     unsigned int flags = 0;
 
@@ -111,7 +130,18 @@ static gboolean watch_func(GIOChannel *channel, GIOCondition cond, void *data)
     if (cond & G_IO_ERR)
         flags |= DBUS_WATCH_ERROR;
 
+    // libdbus reads a few KiB per call: while more is waiting, read on
+    // rather than going round the main loop for each piece.
+    info->handling = true;
     dbus_watch_handle(info->watch, flags);
+    int fd = g_io_channel_unix_get_fd(channel);
+    for (int reads = 1; reads < kReadsPerTurn && (flags & DBUS_WATCH_READABLE) && !info->dropped &&
+                        dbus_watch_get_enabled(info->watch) && bytes_waiting(fd) > 0;
+         reads++)
+        dbus_watch_handle(info->watch, DBUS_WATCH_READABLE);
+    info->handling = false;
+    if (info->dropped)
+        watch_info_free(info);
 
     if (dbus_connection_get_dispatch_status(conn) == DBUS_DISPATCH_DATA_REMAINS)
         schedule_dispatch(conn);
