@@ -597,7 +597,7 @@ int main(int argc, char **argv)
     printf("idle wake-ups per second with Ethernet connected: %.1f\n",
            results["idle_wakeups_per_s"].asDouble());
 
-    // The targets, each a ratio within this run.
+    // The performance targets, each a ratio within this run.
     auto at = [&](int n) -> const Json::Value * {
         for (const Json::Value &r : rows)
             if (r["services"].asInt() == n)
