@@ -277,11 +277,6 @@ void interleaved_signals(connman_sim::Simulator &sim, Child &lib, Child &raw,
     kill(raw.pid(), SIGCONT);
 }
 
-void write_store(const std::string &file, int type)
-{
-    std::ofstream(file) << "{\"netmgr:type\": " << type << "}\n";
-}
-
 // The bus daemons inherit /dev/null as stderr while this lives: their
 // complaints (the floor's thousands of refused rules past the limit) would
 // bury the table.
@@ -309,9 +304,11 @@ struct Environment {
     PrivateBus system{"system"};
     PrivateBus session{"session"};
     std::string store = system.dir() + "/store.json";
-    Environment()
+    // type: the network type the store holds (0 Ethernet, 1 Wi-Fi).
+    explicit Environment(int type)
     {
         quiet.restore();
+        std::ofstream(store) << "{\"netmgr:type\": " << type << "}\n";
         setenv("DBUS_SYSTEM_BUS_ADDRESS", system.address().c_str(), 1);
         setenv("DBUS_SESSION_BUS_ADDRESS", session.address().c_str(), 1);
         setenv("NETMGR_STORE", store.c_str(), 1);
@@ -319,6 +316,13 @@ struct Environment {
         setenv("NETMGR_SHELL", "/bin/true", 1);
     }
 };
+
+void start_simulator(connman_sim::Simulator &sim, const Environment &env)
+{
+    if (!sim.start(env.system.address()))
+        throw std::runtime_error("simulator did not start");
+    sim.set_step_duration_ms(1);
+}
 
 std::vector<std::string> raw_args(int n)
 {
@@ -328,14 +332,11 @@ std::vector<std::string> raw_args(int n)
 Json::Value run_size(int n, int k, bool bridge)
 {
     Json::Value out;
-    Environment env;
-    write_store(env.store, 1);
+    Environment env(1);
     connman_sim::Simulator sim;
-    if (!sim.start(env.system.address()))
-        throw std::runtime_error("simulator did not start");
+    start_simulator(sim, env);
     // The first list must come from GetServices, not from a finished scan.
     sim.set_scan_duration_ms(600000);
-    sim.set_step_duration_ms(1);
     sim.add_technology("wifi", true);
     for (int i = 0; i < n; i++) {
         connman_sim::Network net;
@@ -395,8 +396,7 @@ Json::Value run_size(int n, int k, bool bridge)
     // Cold starts against the replaying peer, library and floor in turn, each
     // in a fresh process; the medians go into the table. The peer runs in this
     // process, so this process's CPU time over a start is what it spent on it.
-    Environment replay_env;
-    write_store(replay_env.store, 1);
+    Environment replay_env(1);
     ReplayPeer peer(env.system.address(), replay_env.system.address());
     const int cold_runs = n >= 3000 ? 3 : 5;
     std::vector<double> cold_ms, floor_ms, peer_ms, floor_peer_ms;
@@ -453,12 +453,9 @@ long context_switches(pid_t pid)
 
 double idle_wakeups(double seconds)
 {
-    Environment env;
-    write_store(env.store, 0);
+    Environment env(0);
     connman_sim::Simulator sim;
-    if (!sim.start(env.system.address()))
-        throw std::runtime_error("simulator did not start");
-    sim.set_step_duration_ms(1);
+    start_simulator(sim, env);
     sim.add_technology("ethernet", true);
     connman_sim::Network cable;
     cable.ident = "ethernet_020000000001_cable";
