@@ -419,11 +419,9 @@ int cui_dbus_foreach_dict_entry(DBusMessageIter *iter, cui_dbus_dict_entry_cb_t 
 }
 
 struct dict_lookup {
-    const char *key;
-    int kind;
-    int type;
-    void *out1;
-    void *out2;
+    struct cui_dbus_dict_key *keys;
+    int count;
+    int found;
 };
 
 static int get_dict_entry_cb(DBusMessageIter *iter, void *user_data)
@@ -432,19 +430,38 @@ static int get_dict_entry_cb(DBusMessageIter *iter, void *user_data)
     const char *key = nullptr;
     if (cui_dbus_get_basic(iter, DBUS_TYPE_STRING, &key) < 0)
         return 0;
-    // Kept: compared over the wanted key's length only, so "Name" also finds
-    // "Nameservers" when that entry comes first; pinned by
-    // ValueReaders.DictAndStructLookups.
-    if (strncmp(key, lookup->key, strlen(lookup->key)) != 0)
-        return 0;
-
     dbus_message_iter_next(iter);
-    if (dbus_message_iter_get_arg_type(iter) == DBUS_TYPE_VARIANT) {
-        DBusMessageIter value;
-        dbus_message_iter_recurse(iter, &value);
-        cui_dbus_get(&value, lookup->kind, lookup->type, lookup->out1, lookup->out2);
+    for (int i = 0; i < lookup->count; i++) {
+        struct cui_dbus_dict_key *wanted = &lookup->keys[i];
+        // Kept: compared over the wanted key's length only, so "Name" also
+        // finds "Nameservers" when that entry comes first; pinned by
+        // ValueReaders.DictAndStructLookups.
+        if (wanted->found || strncmp(key, wanted->key, strlen(wanted->key)) != 0)
+            continue;
+        wanted->found = true;
+        lookup->found++;
+        if (dbus_message_iter_get_arg_type(iter) == DBUS_TYPE_VARIANT) {
+            DBusMessageIter value;
+            dbus_message_iter_recurse(iter, &value);
+            cui_dbus_get(&value, wanted->kind, wanted->type, wanted->out1, wanted->out2);
+        }
     }
-    return 1;
+    // The walk stops once every key has its entry.
+    return lookup->found == lookup->count;
+}
+
+int cui_dbus_get_dict_entries(DBusMessageIter *iter, struct cui_dbus_dict_key *keys, int count)
+{
+    if (!keys || count <= 0)
+        return 0;
+    for (int i = 0; i < count; i++) {
+        if (!keys[i].key)
+            return 0;
+        keys[i].found = false;
+    }
+    struct dict_lookup lookup = {keys, count, 0};
+    cui_dbus_foreach_dict_entry(iter, get_dict_entry_cb, &lookup);
+    return lookup.found;
 }
 
 int cui_dbus_get_dict_entry(DBusMessageIter *iter, const char *key, int kind, int type, void *out1,
@@ -452,8 +469,8 @@ int cui_dbus_get_dict_entry(DBusMessageIter *iter, const char *key, int kind, in
 {
     if (!key)
         return -EINVAL;
-    struct dict_lookup lookup = {key, kind, type, out1, out2};
-    return cui_dbus_foreach_dict_entry(iter, get_dict_entry_cb, &lookup);
+    struct cui_dbus_dict_key wanted = {key, kind, type, out1, out2, false};
+    return cui_dbus_get_dict_entries(iter, &wanted, 1) == 1 ? 0 : -EINVAL;
 }
 
 int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int type, void *out1,

@@ -44,5 +44,17 @@ int cui_dbus_foreach_dict_entry(DBusMessageIter *iter, cui_dbus_dict_entry_cb_t 
                                 void *user_data);
 int cui_dbus_get_dict_entry(DBusMessageIter *iter, const char *key, int kind, int type, void *out1,
                             void *out2);
+// Several keys in one walk of the dictionary: each key takes the first entry
+// it matches (compared as cui_dbus_get_dict_entry does) and sets `found`.
+// Returns how many were found.
+struct cui_dbus_dict_key {
+    const char *key;
+    int kind;
+    int type;
+    void *out1;
+    void *out2;
+    bool found;
+};
+int cui_dbus_get_dict_entries(DBusMessageIter *iter, struct cui_dbus_dict_key *keys, int count);
 int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int type, void *out1,
                               void *out2);

@@ -491,39 +491,69 @@ static void read_joined_list(DBusMessageIter *variant, char **field)
     g_free(array);
 }
 
-// Readers for one key of a dictionary; true when the key was present.
-static bool dict_string(DBusMessageIter *dict, const char *key, char **field)
+// One field of a sub-record and the dictionary key it is read from: a
+// string, a 16-bit number or a string array joined with ";".
+struct DictField {
+    const char *key;
+    char **text;
+    uint16_t *number;
+    char **list;
+    bool found;
+};
+
+static DictField text_field(const char *key, char **field)
 {
-    const char *value = nullptr;
-    if (cui_dbus_get_dict_entry(dict, key, CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING, nullptr, &value) <
-        0)
-        return false;
-    if (value)
-        replace_string(field, value);
-    return true;
+    return {key, field, nullptr, nullptr, false};
+}
+static DictField number_field(const char *key, uint16_t *field)
+{
+    return {key, nullptr, field, nullptr, false};
+}
+static DictField list_field(const char *key, char **field)
+{
+    return {key, nullptr, nullptr, field, false};
 }
 
-static bool dict_uint16(DBusMessageIter *dict, const char *key, uint16_t *field)
+// Reads the fields in one walk of the dictionary (each key takes the first
+// entry it matches) and returns how many keys were present.
+template <size_t N> static int read_dict_fields(DBusMessageIter *dict, DictField (&fields)[N])
 {
-    uint16_t value = *field;
-    if (cui_dbus_get_dict_entry(dict, key, CUI_DBUS_KIND_BASIC, DBUS_TYPE_UINT16, nullptr, &value) <
-        0)
-        return false;
-    *field = value;
-    return true;
-}
-
-static bool dict_joined_list(DBusMessageIter *dict, const char *key, char **field)
-{
-    int count = 0;
-    void *array = nullptr;
-    if (cui_dbus_get_dict_entry(dict, key, CUI_DBUS_KIND_ARRAY, DBUS_TYPE_STRING, &count, &array) <
-        0)
-        return false;
-    g_free(*field);
-    *field = array ? g_strjoinv(";", static_cast<char **>(array)) : nullptr;
-    g_free(array);
-    return true;
+    struct cui_dbus_dict_key keys[N];
+    const char *texts[N] = {};
+    uint16_t numbers[N] = {};
+    int counts[N] = {};
+    void *arrays[N] = {};
+    for (size_t i = 0; i < N; i++) {
+        if (fields[i].text) {
+            keys[i] = {fields[i].key, CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING,
+                       nullptr,       &texts[i],           false};
+        } else if (fields[i].number) {
+            numbers[i] = *fields[i].number;
+            keys[i] = {fields[i].key, CUI_DBUS_KIND_BASIC, DBUS_TYPE_UINT16,
+                       nullptr,       &numbers[i],         false};
+        } else {
+            keys[i] = {fields[i].key, CUI_DBUS_KIND_ARRAY, DBUS_TYPE_STRING,
+                       &counts[i],    &arrays[i],          false};
+        }
+    }
+    int found = cui_dbus_get_dict_entries(dict, keys, static_cast<int>(N));
+    for (size_t i = 0; i < N; i++) {
+        fields[i].found = keys[i].found;
+        if (!keys[i].found)
+            continue;
+        if (fields[i].text) {
+            if (texts[i])
+                replace_string(fields[i].text, texts[i]);
+        } else if (fields[i].number) {
+            *fields[i].number = numbers[i];
+        } else {
+            g_free(*fields[i].list);
+            *fields[i].list =
+                arrays[i] ? g_strjoinv(";", static_cast<char **>(arrays[i])) : nullptr;
+            g_free(arrays[i]);
+        }
+    }
+    return found;
 }
 
 // Positions dict on the dictionary inside a variant; false if it is none.
@@ -544,10 +574,10 @@ static struct connman_ipv4 *parse_ipv4(DBusMessageIter *variant, struct connman_
     DBusMessageIter dict;
     int found = 0;
     if (enter_variant_dict(variant, &dict)) {
-        found += dict_string(&dict, "Method", &ipv4->method);
-        found += dict_string(&dict, "Address", &ipv4->address);
-        found += dict_string(&dict, "Netmask", &ipv4->netmask);
-        found += dict_string(&dict, "Gateway", &ipv4->gateway);
+        DictField fields[] = {
+            text_field("Method", &ipv4->method), text_field("Address", &ipv4->address),
+            text_field("Netmask", &ipv4->netmask), text_field("Gateway", &ipv4->gateway)};
+        found = read_dict_fields(&dict, fields);
     }
     if (!found) {
         ipv4_free(ipv4);
@@ -563,17 +593,16 @@ static struct connman_ipv6 *parse_ipv6(DBusMessageIter *variant, struct connman_
     DBusMessageIter dict;
     int found = 0;
     if (enter_variant_dict(variant, &dict)) {
-        found += dict_string(&dict, "Method", &ipv6->method);
-        found += dict_string(&dict, "Address", &ipv6->address);
         // Kept: read as 16 bits under "Prefix" and kept in 8, so ConnMan's own
         // "PrefixLength" byte is never taken (ServiceProperties.MirrorsConnmanValues).
         uint16_t prefix = ipv6->prefix_length;
-        if (dict_uint16(&dict, "Prefix", &prefix)) {
+        DictField fields[] = {
+            text_field("Method", &ipv6->method), text_field("Address", &ipv6->address),
+            number_field("Prefix", &prefix), text_field("Gateway", &ipv6->gateway),
+            text_field("Privacy", &ipv6->privacy)};
+        found = read_dict_fields(&dict, fields);
+        if (fields[2].found)
             ipv6->prefix_length = static_cast<uint8_t>(prefix);
-            found++;
-        }
-        found += dict_string(&dict, "Gateway", &ipv6->gateway);
-        found += dict_string(&dict, "Privacy", &ipv6->privacy);
     }
     if (!found) {
         ipv6_free(ipv6);
@@ -589,10 +618,10 @@ static struct connman_proxy *parse_proxy(DBusMessageIter *variant, struct connma
     DBusMessageIter dict;
     int found = 0;
     if (enter_variant_dict(variant, &dict)) {
-        found += dict_string(&dict, "Method", &proxy->method);
-        found += dict_string(&dict, "URL", &proxy->url);
-        found += dict_joined_list(&dict, "Servers", &proxy->servers);
-        found += dict_joined_list(&dict, "Excludes", &proxy->excludes);
+        DictField fields[] = {text_field("Method", &proxy->method), text_field("URL", &proxy->url),
+                              list_field("Servers", &proxy->servers),
+                              list_field("Excludes", &proxy->excludes)};
+        found = read_dict_fields(&dict, fields);
     }
     if (!found) {
         proxy_free(proxy);
@@ -609,10 +638,10 @@ static struct connman_provider *parse_provider(DBusMessageIter *variant,
     DBusMessageIter dict;
     int found = 0;
     if (enter_variant_dict(variant, &dict)) {
-        found += dict_string(&dict, "Host", &provider->host);
-        found += dict_string(&dict, "Domain", &provider->domain);
-        found += dict_string(&dict, "Name", &provider->name);
-        found += dict_string(&dict, "Type", &provider->type);
+        DictField fields[] = {
+            text_field("Host", &provider->host), text_field("Domain", &provider->domain),
+            text_field("Name", &provider->name), text_field("Type", &provider->type)};
+        found = read_dict_fields(&dict, fields);
     }
     if (!found) {
         provider_free(provider);
@@ -628,12 +657,13 @@ static struct connman_ethernet *parse_ethernet(DBusMessageIter *variant,
         ethernet = g_new0(struct connman_ethernet, 1);
     DBusMessageIter dict;
     if (enter_variant_dict(variant, &dict)) {
-        dict_string(&dict, "Method", &ethernet->method);
-        dict_string(&dict, "Interface", &ethernet->interface);
-        dict_string(&dict, "Address", &ethernet->address);
-        dict_uint16(&dict, "MTU", &ethernet->mtu);
-        dict_uint16(&dict, "Speed", &ethernet->speed);
-        dict_string(&dict, "Duplex", &ethernet->duplex);
+        DictField fields[] = {text_field("Method", &ethernet->method),
+                              text_field("Interface", &ethernet->interface),
+                              text_field("Address", &ethernet->address),
+                              number_field("MTU", &ethernet->mtu),
+                              number_field("Speed", &ethernet->speed),
+                              text_field("Duplex", &ethernet->duplex)};
+        read_dict_fields(&dict, fields);
     }
     return ethernet;
 }
