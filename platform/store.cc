@@ -254,6 +254,10 @@ int ZL_Storage_SetItem(std::string &key, const Json::Value &value)
         return 0; // never overwrite settings we could not read
     if (loaded == LoadResult::corrupt)
         move_aside(path);
+    // The core saves its settings again on every switch and at each start;
+    // an equal value costs no write, no fsync and no flash wear.
+    else if (root.isMember(key) && root[key] == value)
+        return 1;
     root[key] = value;
     return replace_file(path, root) ? 1 : 0;
 }

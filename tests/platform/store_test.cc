@@ -67,6 +67,17 @@ TEST_F(StoreTest, ValuesKeepTheirTypesAndKeysAreIndependent)
     EXPECT_EQ(ZL_Storage_GetItem(type_, &out), 0);
     EXPECT_NE(ZL_Storage_GetItem(last_, &out), 0) << "other keys survive a removal";
 
+    // Saving the value already stored leaves the file as it is; a different
+    // value of the same key replaces it.
+    struct stat first, again;
+    ASSERT_EQ(stat(file_.c_str(), &first), 0);
+    EXPECT_NE(ZL_Storage_SetItem(last_, Json::Value("")), 0);
+    ASSERT_EQ(stat(file_.c_str(), &again), 0);
+    EXPECT_EQ(first.st_ino, again.st_ino);
+    EXPECT_NE(ZL_Storage_SetItem(last_, Json::Value("x")), 0);
+    ASSERT_EQ(stat(file_.c_str(), &again), 0);
+    EXPECT_NE(first.st_ino, again.st_ino);
+
     // A directory in the store's place cannot be read, so it is not replaced.
     std::filesystem::remove(file_);
     std::filesystem::create_directory(file_);
