@@ -12,6 +12,9 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <memory>
+#include <vector>
+
 #include "connman-client/names.h"
 #include "dbus-glue/valid.h"
 
@@ -488,4 +491,113 @@ int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int ty
             return -EINVAL;
     }
     return cui_dbus_get(&field, kind, type, out1, out2);
+}
+
+namespace
+{
+
+size_t align_up(size_t offset, size_t alignment)
+{
+    return (offset + alignment - 1) & ~(alignment - 1);
+}
+
+// The wire bytes of a whole message and its byte order.
+struct WireBytes {
+    const unsigned char *data;
+    size_t size;
+    bool little_endian;
+
+    bool read_u32(size_t at, uint32_t *value) const
+    {
+        if (at > size || size - at < 4)
+            return false;
+        const unsigned char *p = data + at;
+        *value = little_endian ? (uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 |
+                                  uint32_t{p[3]} << 24)
+                               : (uint32_t{p[3]} | uint32_t{p[2]} << 8 | uint32_t{p[1]} << 16 |
+                                  uint32_t{p[0]} << 24);
+        return true;
+    }
+};
+
+uint64_t mix64(uint64_t x)
+{
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ULL;
+    x ^= x >> 33;
+    return x;
+}
+
+// Multiply-and-rotate over 8-byte words; the seed carries the byte order and
+// the length goes into the final mix, so equal hashes need equal layouts.
+uint64_t fingerprint(const unsigned char *bytes, size_t length, uint64_t seed)
+{
+    uint64_t hash = seed ^ 0x9e3779b97f4a7c15ULL;
+    size_t i = 0;
+    for (; i + 8 <= length; i += 8) {
+        uint64_t word;
+        memcpy(&word, bytes + i, 8);
+        hash = (hash ^ mix64(word)) * 0x100000001b3ULL;
+        hash = (hash << 29) | (hash >> 35);
+    }
+    uint64_t tail = 0;
+    memcpy(&tail, bytes + i, length - i);
+    hash = (hash ^ mix64(tail + (length - i))) * 0x100000001b3ULL;
+    return mix64(hash ^ length);
+}
+
+} // namespace
+
+int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out)
+{
+    if (!message || !out)
+        return -EINVAL;
+    *out = nullptr;
+    if (!dbus_message_has_signature(message, "a(oa{sv})"))
+        return -EINVAL;
+    char *raw = nullptr;
+    int raw_length = 0;
+    if (!dbus_message_marshal(message, &raw, &raw_length) || !raw)
+        return -ENOMEM;
+    std::unique_ptr<char, void (*)(void *)> owned(raw, dbus_free);
+
+    WireBytes wire = {reinterpret_cast<const unsigned char *>(raw), static_cast<size_t>(raw_length),
+                      raw[0] == 'l'};
+    if (raw_length < 16 || (raw[0] != 'l' && raw[0] != 'B'))
+        return -EINVAL;
+    // Fixed header, then the header fields' array; the body starts 8-aligned,
+    // and every alignment inside counts from the message's first byte.
+    uint32_t fields_length = 0, array_length = 0;
+    if (!wire.read_u32(12, &fields_length))
+        return -EINVAL;
+    size_t body = align_up(16 + size_t{fields_length}, 8);
+    if (!wire.read_u32(body, &array_length))
+        return -EINVAL;
+    size_t pos = align_up(body + 4, 8);
+    if (pos > wire.size || wire.size - pos < array_length)
+        return -EINVAL;
+    const size_t end = pos + array_length;
+
+    std::vector<uint64_t> prints;
+    while (pos < end) {
+        uint32_t path_length = 0, dict_length = 0;
+        pos = align_up(pos, 8); // each element is a struct
+        if (!wire.read_u32(pos, &path_length) || pos + 4 > end || end - pos - 4 <= path_length)
+            return -EINVAL;
+        pos = align_up(pos + 4 + size_t{path_length} + 1, 4);
+        if (!wire.read_u32(pos, &dict_length))
+            return -EINVAL;
+        pos = align_up(pos + 4, 8); // dictionary entries are 8-aligned
+        if (pos > end || end - pos < dict_length)
+            return -EINVAL;
+        prints.push_back(fingerprint(wire.data + pos, dict_length, wire.little_endian ? 1 : 2));
+        pos += dict_length;
+    }
+    if (!prints.empty()) {
+        *out = g_new(uint64_t, prints.size());
+        memcpy(*out, prints.data(), prints.size() * sizeof(uint64_t));
+    }
+    return static_cast<int>(prints.size());
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <dbus/dbus.h>
+#include <stdint.h>
 
 // Value kinds understood by cui_dbus_append_dict_entry and cui_dbus_get.
 enum {
@@ -58,3 +59,11 @@ struct cui_dbus_dict_key {
 int cui_dbus_get_dict_entries(DBusMessageIter *iter, struct cui_dbus_dict_key *keys, int count);
 int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int type, void *out1,
                               void *out2);
+
+// One fingerprint per element of an "a(oa{sv})" message body, in order: a
+// 64-bit hash of the element's dictionary as it stands in the message's wire
+// bytes. Equal fingerprints mean a dictionary that comes back byte for byte,
+// so a reader can skip one it has read before. Returns the element count and
+// sets *out (free it with g_free; null when the count is 0), or a negative
+// errno for another signature or a body it cannot walk.
+int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out);

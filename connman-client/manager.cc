@@ -275,6 +275,9 @@ void connman_manager_unregister_agent(const char *object_path)
     send_agent_call("UnregisterAgent", object_path);
 }
 
+// The reply whose arguments a list callback is reading, while it runs.
+static DBusMessage *delivered_reply;
+
 // Hands the reply's arguments to the callback stored for the request; the
 // slot is cleared first so the callback may start a new request.
 static void deliver_list_reply(DBusPendingCall *call, DBusPendingCall **slot,
@@ -292,8 +295,17 @@ static void deliver_list_reply(DBusPendingCall *call, DBusPendingCall **slot,
 
     scoped_message reply(dbus_pending_call_steal_reply(call));
     DBusMessageIter iter;
-    if (reply && dbus_message_iter_init(reply.get(), &iter) && callback)
+    if (reply && dbus_message_iter_init(reply.get(), &iter) && callback) {
+        DBusMessage *outer = delivered_reply;
+        delivered_reply = reply.get();
         callback(&iter);
+        delivered_reply = outer;
+    }
+}
+
+DBusMessage *__connman_manager_delivered_reply(void)
+{
+    return delivered_reply;
 }
 
 static void get_technologies_reply(DBusPendingCall *call, void *user_data)

@@ -47,6 +47,9 @@ void connman_manager_unregister_agent(const char *object_path);
 // arguments.
 int __connman_manager_get_technologies(connman_iter_cb_t callback);
 int __connman_manager_get_services(connman_iter_cb_t callback);
+// While a list callback runs: the reply message its iterator reads, so that
+// the callback can look at the wire bytes too. Null otherwise.
+DBusMessage *__connman_manager_delivered_reply(void);
 // Subscribes to TechnologyAdded/TechnologyRemoved and ServicesChanged; null
 // callbacks unsubscribe. The service client owns the ServicesChanged one.
 int __connman_manager_register_technology_signals(connman_iter_cb_t added_cb,

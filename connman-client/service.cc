@@ -52,6 +52,10 @@ static const char *const kServiceProperties[PROP_COUNT] = {
     "Provider",    "Ethernet",
 };
 
+// Reports remembered per record for a list that comes back unchanged; a
+// dictionary that reports more is simply read every time.
+enum { kMaxListedReports = PROP_COUNT + 4 };
+
 struct connman_service {
     char *path;
     unsigned int state;
@@ -88,6 +92,14 @@ struct connman_service {
     // must not cost a slot per property in every record.
     guint reports_table;        // 1 + its index in the report tables, or 0
     DBusPendingCall **set_call; // PROP_COUNT slots
+    // The fingerprint of the list dictionary last read into the record and
+    // the properties it reported, in order. Valid only while nothing else
+    // has written the record since: a list that brings the same bytes again
+    // then repeats the reports without reading them.
+    uint64_t list_print;
+    uint8_t listed_reports[kMaxListedReports];
+    uint8_t listed_report_count;
+    bool list_print_valid;
 };
 
 struct connman_service_interface {
@@ -767,11 +779,18 @@ static void update_indexed_property(unsigned int index, DBusMessageIter *value,
     }
 }
 
+static void report_property(struct connman_service *service, unsigned int index)
+{
+    if (service_if && (service_if->property_cb || service->property_cb))
+        schedule_notification(service, index, 0);
+}
+
 // One name and variant pair, from a property dictionary or a PropertyChanged
 // signal. Returns 0 so that dictionary walks visit every entry.
 static int update_service_property(DBusMessageIter *entry, void *user_data)
 {
     auto *service = static_cast<struct connman_service *>(user_data);
+    service->list_print_valid = false;
     const char *name = nullptr;
     if (cui_dbus_get_basic(entry, DBUS_TYPE_STRING, &name) < 0)
         return 0;
@@ -786,8 +805,12 @@ static int update_service_property(DBusMessageIter *entry, void *user_data)
     update_indexed_property(index, entry, service);
     service->last_index = index;
 
-    if (service_if && (service_if->property_cb || service->property_cb))
-        schedule_notification(service, index, 0);
+    if (service->listed_report_count < kMaxListedReports)
+        service->listed_reports[service->listed_report_count] = static_cast<uint8_t>(index);
+    // One past the end marks a dictionary with too many reports to remember.
+    if (service->listed_report_count <= kMaxListedReports)
+        service->listed_report_count++;
+    report_property(service, index);
     return 0;
 }
 
@@ -815,7 +838,8 @@ static struct connman_service *create_service(const char *path)
     return service;
 }
 
-static void update_or_create_service(const char *path, DBusMessageIter *dict)
+// print: the fingerprint of dict's bytes when it comes from a service list.
+static void update_or_create_service(const char *path, DBusMessageIter *dict, const uint64_t *print)
 {
     struct connman_service *service = lookup_service(path);
     if (!service) {
@@ -827,7 +851,19 @@ static void update_or_create_service(const char *path, DBusMessageIter *dict)
     }
     // Built newest first and turned round once the whole array is read.
     service_if->ordered_services = g_slist_prepend(service_if->ordered_services, service->path);
+    if (print && service->list_print_valid && service->list_print == *print) {
+        // The same bytes were read into this record and nothing has written
+        // it since: reading them again would leave it as it is.
+        for (unsigned int i = 0; i < service->listed_report_count; i++)
+            report_property(service, service->listed_reports[i]);
+        return;
+    }
+    service->listed_report_count = 0;
     cui_dbus_foreach_dict_entry(dict, update_service_property, service);
+    if (print && service->listed_report_count <= kMaxListedReports) {
+        service->list_print = *print;
+        service->list_print_valid = true;
+    }
 }
 
 static void free_ordered_list(void)
@@ -854,11 +890,14 @@ static void schedule_trim(void)
 }
 
 // An array of (object path, property dictionary) structs, in ConnMan's order.
-static void update_services_from(DBusMessageIter *array)
+// prints: the dictionaries' fingerprints when the array is a whole list.
+static void update_services_from(DBusMessageIter *array, const uint64_t *prints = nullptr,
+                                 int print_count = 0)
 {
     if (dbus_message_iter_get_arg_type(array) != DBUS_TYPE_ARRAY)
         return;
     guint count = 0;
+    int element = 0;
     DBusMessageIter entry;
     dbus_message_iter_recurse(array, &entry);
     {
@@ -871,9 +910,11 @@ static void update_services_from(DBusMessageIter *array)
             dbus_message_iter_recurse(&entry, &fields);
             if (cui_dbus_get_basic(&fields, DBUS_TYPE_OBJECT_PATH, &path) == 0) {
                 dbus_message_iter_next(&fields);
-                update_or_create_service(path, &fields);
+                update_or_create_service(path, &fields,
+                                         element < print_count ? &prints[element] : nullptr);
                 count++;
             }
+            element++;
             dbus_message_iter_next(&entry);
         }
     }
@@ -900,7 +941,11 @@ static void get_services_cb(DBusMessageIter *iter)
     if (!iter || !service_if)
         return;
     free_ordered_list();
-    update_services_from(iter);
+    // A refresh usually brings most services back unchanged.
+    uint64_t *prints = nullptr;
+    int print_count = cui_dbus_dict_fingerprints(__connman_manager_delivered_reply(), &prints);
+    update_services_from(iter, prints, print_count);
+    g_free(prints);
     if (!service_if->list_received) {
         // Ask once more to catch services that appeared meanwhile.
         service_if->list_received = TRUE;

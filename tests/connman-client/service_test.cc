@@ -133,6 +133,53 @@ TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected
     EXPECT_STREQ(connman_service_get_name(kC.c_str()), "c");
 }
 
+// A list that brings a service back byte for byte leaves it as reading it
+// again would: the same reports in the same order, and values that a signal
+// changed meanwhile are the list's again.
+TEST_F(ServiceList, UnchangedServicesReportAndReadAsIfReadAgain)
+{
+    start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
+    connman_service_set_global_property_callback(
+        [](const char *path, const char *name, void *) {
+            heard.notifications.push_back(std::string(path) + " " + name);
+        },
+        nullptr);
+    auto refresh = [this](int count) {
+        EXPECT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
+        return run_until([count] { return heard.refreshes == count; });
+    };
+    // A refresh reads the list and then asks once more.
+    const std::vector<std::string> listed = {kA + " State",    kA + " Strength", kB + " State",
+                                             kB + " Strength", kA + " State",    kA + " Strength",
+                                             kB + " State",    kB + " Strength"};
+
+    ASSERT_TRUE(refresh(2));
+    EXPECT_EQ(heard.notifications, listed);
+
+    property_changed("Strength", "byte 80");
+    property_changed("Name", "'renamed'");
+    ASSERT_TRUE(run_until([] { return connman_service_get_strength(kA.c_str()) == 80; }));
+    ASSERT_TRUE(barrier());
+    heard.notifications.clear();
+    ASSERT_TRUE(refresh(3));
+    EXPECT_EQ(heard.notifications, listed);
+    EXPECT_EQ(connman_service_get_strength(kA.c_str()), 50);
+    EXPECT_STREQ(connman_service_get_name(kA.c_str()), "a");
+
+    // One service changes in ConnMan's list; the other is still taken as is.
+    connman.on("GetServices",
+               "([" + wifi(kA, "a", 50) + ", " + wifi(kB, "b", 45, ", 'Favorite': <true>") + "],)");
+    heard.notifications.clear();
+    ASSERT_TRUE(refresh(4));
+    std::vector<std::string> changed = {kA + " State", kA + " Strength", kB + " State",
+                                        kB + " Strength", kB + " Favorite"};
+    const std::vector<std::string> once = changed;
+    changed.insert(changed.end(), once.begin(), once.end());
+    EXPECT_EQ(heard.notifications, changed);
+    EXPECT_EQ(connman_service_get_strength(kB.c_str()), 45);
+    EXPECT_TRUE(connman_service_is_favorite(kB.c_str()));
+}
+
 TEST_F(ServiceList, RefreshWithWifiOffReportsTheScanBeforeTheListArrives)
 {
     start_stack(wifi(kA, "a", 50), false);

@@ -1,11 +1,13 @@
 // The value helpers on messages built in memory. Every message is marshalled
 // and parsed again before it is read, so a writer that produced a malformed
 // message fails here just as it would on the bus.
+#include <gio/gio.h>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include "connman-client/dbus.h"
 #include "dbus-glue/valid.h"
@@ -75,6 +77,44 @@ void append_entries(DBusMessageIter *dict, void *)
                                &name);
     cui_dbus_append_dict_entry(dict, "Bytes", CUI_DBUS_KIND_FIXED_ARRAY, DBUS_TYPE_BYTE, 1, nullptr,
                                &strength);
+}
+
+// A reply with the body written as GVariant text, in the given byte order,
+// as libdbus reads it off the wire.
+DBusMessage *wire_reply(const char *body, GDBusMessageByteOrder order)
+{
+    GDBusMessage *message = g_dbus_message_new();
+    g_dbus_message_set_message_type(message, G_DBUS_MESSAGE_TYPE_METHOD_RETURN);
+    g_dbus_message_set_reply_serial(message, 1);
+    g_dbus_message_set_serial(message, 2);
+    g_dbus_message_set_byte_order(message, order);
+    g_dbus_message_set_body(message, g_variant_parse(nullptr, body, nullptr, nullptr, nullptr));
+    gsize size = 0;
+    guchar *blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    g_object_unref(message);
+    DBusMessage *reply =
+        dbus_message_demarshal(reinterpret_cast<char *>(blob), static_cast<int>(size), nullptr);
+    g_free(blob);
+    return reply;
+}
+
+// The fingerprints of a reply's dictionaries; a negative errno comes back as
+// the only element.
+std::vector<int64_t>
+fingerprints(const char *body,
+             GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN)
+{
+    DBusMessage *reply = wire_reply(body, order);
+    EXPECT_NE(reply, nullptr);
+    uint64_t *prints = nullptr;
+    int count = cui_dbus_dict_fingerprints(reply, &prints);
+    dbus_message_unref(reply);
+    if (count < 0)
+        return {count};
+    EXPECT_EQ(count == 0, prints == nullptr);
+    std::vector<int64_t> out(prints, prints + count);
+    g_free(prints);
+    return out;
 }
 
 int count_entry(DBusMessageIter *, void *count)
@@ -249,4 +289,34 @@ TEST(ValueReaders, DictAndStructLookups)
                                                  nullptr, &read_flags));
     EXPECT_EQ(-EINVAL, cui_dbus_get_struct_entry(in, 1, CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING,
                                                  nullptr, &name));
+}
+
+// Equal dictionaries match wherever they stand in the list, whatever the
+// length of the path before them; any other byte differs.
+TEST(ValueReaders, DictFingerprintsFollowTheDictionaryBytes)
+{
+    const char *list =
+        "([(objectpath '/a', {'State': <'idle'>, 'Strength': <byte 50>}),"
+        " (objectpath '/much/longer/path', {'State': <'idle'>, 'Strength': <byte 50>}),"
+        " (objectpath '/c', {'State': <'idle'>, 'Strength': <byte 51>}),"
+        " (objectpath '/d', {'State': <'idle'>, 'Strength': <uint32 50>}),"
+        " (objectpath '/e', @a{sv} {})],)";
+    std::vector<int64_t> little = fingerprints(list);
+    ASSERT_EQ(little.size(), 5u);
+    EXPECT_EQ(little[0], little[1]);
+    EXPECT_NE(little[0], little[2]);
+    EXPECT_NE(little[0], little[3]);
+    EXPECT_NE(little[0], little[4]);
+
+    std::vector<int64_t> big = fingerprints(list, G_DBUS_MESSAGE_BYTE_ORDER_BIG_ENDIAN);
+    ASSERT_EQ(big.size(), 5u);
+    EXPECT_EQ(big[0], big[1]);
+    EXPECT_NE(big[0], big[2]);
+    EXPECT_NE(big[0], little[0]) << "the byte order is part of the bytes";
+
+    EXPECT_EQ(fingerprints("(@a(oa{sv}) [],)"), std::vector<int64_t>{});
+    EXPECT_EQ(fingerprints("({'State': <'idle'>},)"), std::vector<int64_t>{-EINVAL});
+    EXPECT_EQ(fingerprints("([(objectpath '/a', @a{sv} {})], 'more')"),
+              std::vector<int64_t>{-EINVAL});
+    EXPECT_EQ(cui_dbus_dict_fingerprints(nullptr, nullptr), -EINVAL);
 }
