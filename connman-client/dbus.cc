@@ -13,7 +13,6 @@
 #include <string.h>
 
 #include <memory>
-#include <vector>
 
 #include "connman-client/names.h"
 #include "dbus-glue/valid.h"
@@ -562,6 +561,11 @@ int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out)
     if (!dbus_message_marshal(message, &raw, &raw_length) || !raw)
         return -ENOMEM;
     std::unique_ptr<char, void (*)(void *)> owned(raw, dbus_free);
+    // The fingerprints go over the copy's first bytes: element i starts at
+    // least 16 + 16 * i bytes in, past fingerprint i's 8 bytes at 8 * i, so
+    // nothing is overwritten before it has been read.
+    auto *prints = reinterpret_cast<uint64_t *>(raw);
+    int count = 0;
 
     WireBytes wire = {reinterpret_cast<const unsigned char *>(raw), static_cast<size_t>(raw_length),
                       raw[0] == 'l'};
@@ -580,7 +584,6 @@ int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out)
         return -EINVAL;
     const size_t end = pos + array_length;
 
-    std::vector<uint64_t> prints;
     while (pos < end) {
         uint32_t path_length = 0, dict_length = 0;
         pos = align_up(pos, 8); // each element is a struct
@@ -592,12 +595,10 @@ int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out)
         pos = align_up(pos + 4, 8); // dictionary entries are 8-aligned
         if (pos > end || end - pos < dict_length)
             return -EINVAL;
-        prints.push_back(fingerprint(wire.data + pos, dict_length, wire.little_endian ? 1 : 2));
+        uint64_t print = fingerprint(wire.data + pos, dict_length, wire.little_endian ? 1 : 2);
+        memcpy(&prints[count++], &print, sizeof(print));
         pos += dict_length;
     }
-    if (!prints.empty()) {
-        *out = g_new(uint64_t, prints.size());
-        memcpy(*out, prints.data(), prints.size() * sizeof(uint64_t));
-    }
-    return static_cast<int>(prints.size());
+    *out = reinterpret_cast<uint64_t *>(owned.release());
+    return count;
 }

@@ -64,6 +64,9 @@ int cui_dbus_get_struct_entry(DBusMessageIter *iter, int index, int kind, int ty
 // 64-bit hash of the element's dictionary as it stands in the message's wire
 // bytes. Equal fingerprints mean a dictionary that comes back byte for byte,
 // so a reader can skip one it has read before. Returns the element count and
-// sets *out (free it with g_free; null when the count is 0), or a negative
-// errno for another signature or a body it cannot walk.
+// sets *out, or a negative errno for another signature or a body it cannot
+// walk. *out is the message's wire copy with the fingerprints written over
+// its start; free it with dbus_free once the list has been read, not before:
+// a list-sized hole freed earlier fills with the records being made, and that
+// memory cannot go back to the system afterwards.
 int cui_dbus_dict_fingerprints(DBusMessage *message, uint64_t **out);

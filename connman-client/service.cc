@@ -945,7 +945,7 @@ static void get_services_cb(DBusMessageIter *iter)
     uint64_t *prints = nullptr;
     int print_count = cui_dbus_dict_fingerprints(__connman_manager_delivered_reply(), &prints);
     update_services_from(iter, prints, print_count);
-    g_free(prints);
+    dbus_free(prints);
     if (!service_if->list_received) {
         // Ask once more to catch services that appeared meanwhile.
         service_if->list_received = TRUE;

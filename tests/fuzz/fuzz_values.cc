@@ -1,6 +1,8 @@
 // The value helpers on any message a peer could send: every argument is read
 // as the kind and type the input asks for, matching or not, and dictionaries
 // and structures are walked the way the client modules walk them.
+#include <errno.h>
+#include <glib.h>
 #include <stdlib.h>
 
 #include "connman-client/dbus.h"
@@ -96,6 +98,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         do
             read_value(&iter, &plan, 0);
         while (dbus_message_iter_next(&iter));
+    }
+    // The walk over the wire bytes must find the elements libdbus finds.
+    uint64_t *prints = nullptr;
+    int count = cui_dbus_dict_fingerprints(message, &prints);
+    dbus_free(prints);
+    if (dbus_message_has_signature(message, "a(oa{sv})")) {
+        DBusMessageIter array, entry;
+        dbus_message_iter_init(message, &array);
+        dbus_message_iter_recurse(&array, &entry);
+        int elements = 0;
+        for (; dbus_message_iter_get_arg_type(&entry) != DBUS_TYPE_INVALID; elements++)
+            dbus_message_iter_next(&entry);
+        if (count != elements)
+            abort();
+    } else if (count != -EINVAL) {
+        abort();
     }
     dbus_message_unref(message);
     return 0;
