@@ -394,12 +394,15 @@ Json::Value run_size(int n, int k, bool bridge)
     }
 
     // Cold starts against the replaying peer, library and floor in turn, each
-    // in a fresh process; the medians go into the table. The peer runs in this
-    // process, so this process's CPU time over a start is what it spent on it.
+    // in a fresh process; the medians go into the table. Each library start
+    // is also divided by the floor start right after it: the median of those
+    // ratios is the target, as a pair shares whatever the machine was doing
+    // at the time. The peer runs in this process, so this process's CPU time
+    // over a start is what it spent on it.
     Environment replay_env(1);
     ReplayPeer peer(env.system.address(), replay_env.system.address());
-    const int cold_runs = n >= 3000 ? 3 : 5;
-    std::vector<double> cold_ms, floor_ms, peer_ms, floor_peer_ms;
+    const int cold_runs = n >= 3000 ? 3 : 7;
+    std::vector<double> cold_ms, floor_ms, peer_ms, floor_peer_ms, pair_ratios;
     for (int r = 0; r < cold_runs; r++) {
         {
             int64_t cpu = bench_cpu_ns();
@@ -419,9 +422,11 @@ Json::Value run_size(int n, int k, bool bridge)
             floor_ms.push_back(std::stoll(floor) / 1e6);
             floor_peer_ms.push_back((bench_cpu_ns() - cpu) / 1e6);
         }
+        pair_ratios.push_back(cold_ms.back() / floor_ms.back());
     }
     out["cold_ms"] = median(cold_ms);
     out["cold_floor_ms"] = median(floor_ms);
+    out["cold_vs_floor"] = median(pair_ratios);
     out["cold_peer_cpu_ms"] = median(peer_ms);
     out["cold_floor_peer_cpu_ms"] = median(floor_peer_ms);
     out["services"] = n;
@@ -620,9 +625,10 @@ int main(int argc, char **argv)
     }
     for (int n : {500, 1000}) {
         if (const Json::Value *r = at(n)) {
-            double ratio = (*r)["cold_ms"].asDouble() / (*r)["cold_floor_ms"].asDouble();
+            double ratio = (*r)["cold_vs_floor"].asDouble();
             targets["cold_vs_floor_" + std::to_string(n)] = ratio;
-            printf("  cold scan vs floor at %d: %.2f [<= 1.3]\n", n, ratio);
+            printf("  cold scan vs floor at %d: %.2f, median of paired starts [<= 1.3]\n", n,
+                   ratio);
         }
     }
     if (const Json::Value *r = at(1000))
