@@ -611,10 +611,15 @@ int main(int argc, char **argv)
     if (const Json::Value *a = at(10), *b = at(1000); a && b) {
         double cpu = (*b)["cpu_us"].asDouble() / (*a)["cpu_us"].asDouble();
         double floor = (*b)["floor_cpu_us"].asDouble() / (*a)["floor_cpu_us"].asDouble();
-        targets["cpu_1000_vs_10"] = cpu;
-        targets["cpu_1000_vs_10_over_floor_growth"] = cpu / floor;
-        printf("  CPU per signal, 1000 vs 10 services: %.2f (the floor's own: %.2f) [<= 1.3]\n",
-               cpu, floor);
+        // The two sizes run a minute or more apart, and this machine's speed
+        // drifts by more than the target's margin in that time; the floor,
+        // whose cost does not grow with the services, measured in turn with
+        // the library at each size, takes the drift out.
+        targets["cpu_1000_vs_10"] = cpu / floor;
+        targets["cpu_1000_vs_10_raw"] = cpu;
+        printf("  CPU per signal, 1000 vs 10 services, each against its floor: %.2f (raw: %.2f, "
+               "the floor's own: %.2f) [<= 1.3]\n",
+               cpu / floor, cpu, floor);
     }
     for (auto [n, wanted] : {std::pair<int, double>{10, 1.3}, {1000, 1.5}}) {
         if (const Json::Value *r = at(n)) {

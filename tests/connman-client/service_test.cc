@@ -80,6 +80,16 @@ class ServiceTest : public ClientStackTest
         ASSERT_TRUE(run_until([] { return heard.refreshes == 1 && heard.scans == 1; }));
     }
 
+    // Every service's reports land in heard.notifications as "PATH NAME".
+    void hear_service_reports()
+    {
+        connman_service_set_global_property_callback(
+            [](const char *path, const char *name, void *) {
+                heard.notifications.push_back(std::string(path) + " " + name);
+            },
+            nullptr);
+    }
+
     void property_changed(const std::string &name, const std::string &value)
     {
         connman.emit(kA, "net.connman.Service", "PropertyChanged",
@@ -139,11 +149,7 @@ TEST_F(ServiceList, FollowsConnmanOrderAndKeepsTheSelectedServiceUntilDeselected
 TEST_F(ServiceList, UnchangedServicesReportAndReadAsIfReadAgain)
 {
     start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
-    connman_service_set_global_property_callback(
-        [](const char *path, const char *name, void *) {
-            heard.notifications.push_back(std::string(path) + " " + name);
-        },
-        nullptr);
+    hear_service_reports();
     auto refresh = [this](int count) {
         EXPECT_EQ(connman_service_refresh_services_list(count_refresh, count_scan, &marker), 0);
         return run_until([count] { return heard.refreshes == count; });
@@ -277,11 +283,7 @@ TEST_F(ServiceProperties, ChangesNotifyOnlyWhenSomeoneListens)
 TEST_F(ServiceProperties, ReportsOfOneTurnKeepTheirPlaceAmongOtherModules)
 {
     start_with(wifi(kA, "a", 50) + ", " + wifi(kB, "b", 40));
-    connman_service_set_global_property_callback(
-        [](const char *path, const char *name, void *) {
-            heard.notifications.push_back(std::string(path) + " " + name);
-        },
-        nullptr);
+    hear_service_reports();
     connman_technology_set_global_property_callback(
         [](const char *path, const char *name, void *) {
             heard.notifications.push_back(std::string(path) + " " + name);
