@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 #include "wpa_sim.h"
@@ -1020,11 +1021,24 @@ void Supplicant::Impl::remove_network(Iface &iface, const std::string &path)
 
 // ---------------------------------------------------------------- association
 
+// An access point in range that the network's key management can join;
+// wpa_supplicant passes over the others as if they were not there.
 const AccessPoint *Supplicant::Impl::ap_for(const Net &net)
 {
-    for (const auto &ap : aps)
-        if (ap.up && ap.ssid == net.ssid)
+    auto offers = [&](const char *mgmt) {
+        std::istringstream words(net.key_mgmt.empty() ? "WPA-PSK" : net.key_mgmt);
+        for (std::string word; words >> word;)
+            if (word == mgmt)
+                return true;
+        return false;
+    };
+    for (const auto &ap : aps) {
+        bool joinable = ap.security == "psk"   ? offers("WPA-PSK")
+                        : ap.security == "sae" ? offers("SAE")
+                                               : offers("NONE");
+        if (ap.up && ap.ssid == net.ssid && joinable)
             return &ap;
+    }
     return nullptr;
 }
 
