@@ -219,7 +219,8 @@ TEST_F(RealWifiTest, WrongPassphraseReportsInvalidKeyAndForgetsTheNetwork)
     EXPECT_EQ(seen,
               (std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED, NETMGR_EVT_WIFI_INVALID_KEY}));
     // The library removes the service, so the daemon forgets the passphrase.
-    EXPECT_TRUE(bus->wait_calls("Remove", 1, 10000));
+    ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));
+    EXPECT_EQ(bus->calls("Remove")[0].path, path);
     EXPECT_TRUE(radio->wait_for_state("disconnected", 10000)) << radio->state();
     EXPECT_TRUE(stored("netmgr:last_wifi").isNull() || stored("netmgr:last_wifi") == "");
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
