@@ -290,7 +290,7 @@ void RealConnman::set_far_end_up(bool up)
     run_or_throw({tool("ip"), "-n", ns_b_, "link", "set", "vB", up ? "up" : "down"});
 }
 
-// The words that follow marker in the output of `ip -n NS -o ARGS... dev vA`.
+// The words that follow marker in the output of `ip -n NS -o ARGS...`.
 static std::vector<std::string>
 words_after(const std::string &ns, const std::vector<std::string> &args, const std::string &marker)
 {
