@@ -90,7 +90,7 @@ struct connman_service {
     void *error_user_data;
     // Both only while something is pending: a list of hundreds of services
     // must not cost a slot per property in every record.
-    guint reports_table;        // 1 + its index in the report tables, or 0
+    guint reports;              // the handle on its queued reports
     DBusPendingCall **set_call; // PROP_COUNT slots
     // The fingerprint of the list dictionary last read into the record and
     // the properties it reported, in order. Valid only while nothing else
@@ -118,46 +118,6 @@ struct connman_service_interface {
 };
 
 static struct connman_service_interface *service_if;
-
-// The reports a record has waiting: per property and kind (change, failed
-// write) the ticket of the one queued report that still counts. Found
-// through the queued reports too, so it outlives a record freed meanwhile.
-struct service_reports {
-    struct connman_service *service; // null once the record is gone
-    guint32 ticket[2][PROP_COUNT];
-    guint queued;
-};
-
-// A change (error 0) or a failed SetProperty (error -1) waiting for the
-// next main-loop turn.
-struct service_report {
-    guint table;
-    guint32 ticket;
-    uint8_t index;
-    uint8_t error;
-};
-
-// Services do not use cui_notify_later's one timeout per property: a list of
-// a thousand services would arm some fifteen thousand sources at once.
-// Reports queued by one handler behind one 0 ms timeout. Dispatched in
-// queue order, they come out exactly as one timeout per report would: the
-// batch takes reports only while no other source was added after it, and
-// a report queued again later lands at the end, as a new timeout would.
-struct report_batch {
-    GArray *reports;
-    guint source;
-};
-
-// The ticket tables of records with reports queued, in one array (and the
-// indices of its unused entries) that goes away whole once nothing is
-// queued: after a long list no scattered small blocks stay behind.
-static GArray *report_tables;
-static GArray *free_tables;
-
-static struct service_reports *report_table(guint table)
-{
-    return &g_array_index(report_tables, struct service_reports, table);
-}
 
 struct set_property_context {
     struct connman_service *service;
@@ -259,8 +219,7 @@ static void service_destroy(struct connman_service *service)
     if (service->watch_id && service_if)
         g_dbus_remove_watch(service_if->connection, service->watch_id);
     // Its queued reports find the record gone and are dropped.
-    if (service->reports_table)
-        report_table(service->reports_table - 1)->service = nullptr;
+    cui_reports_forget(&service->reports);
     if (service->set_call) {
         for (int i = 0; i < PROP_COUNT; i++)
             cui_cancel_call(&service->set_call[i]);
@@ -300,162 +259,34 @@ static void service_free(gpointer data)
 
 // ---- notifications ----
 
-static struct report_batch *open_batch;
-static guint open_batch_last_id;
-static guint32 report_tickets;
-
-// The id the next source of the thread's context will get: ids are handed
-// out in sequence, so a gap since the last probe means another source came.
-static guint probe_source_id(void)
+static void deliver_report(void *owner, unsigned int index, bool failed)
 {
-    GSource *probe = g_idle_source_new();
-    guint id = g_source_attach(probe, nullptr);
-    g_source_destroy(probe);
-    g_source_unref(probe);
-    return id;
-}
-
-// Ends the open batch: later reports go behind whatever came since.
-static void end_report_batch(void)
-{
-    open_batch = nullptr;
-}
-
-// After calling out of this module while a batch is open: the batch stays
-// open only if nothing added a source meanwhile.
-static void check_report_batch(void)
-{
-    if (!open_batch)
+    auto *service = static_cast<struct connman_service *>(owner);
+    if (!service_if)
         return;
-    guint id = probe_source_id();
-    if (id == open_batch_last_id + 1)
-        open_batch_last_id = id;
-    else
-        end_report_batch();
-}
-
-static void release_report(guint table)
-{
-    struct service_reports *reports = report_table(table);
-    if (--reports->queued > 0)
-        return;
-    if (reports->service)
-        reports->service->reports_table = 0;
-    reports->service = nullptr;
-    g_array_append_val(free_tables, table);
-    // Nothing queued any more: the tables go as one block.
-    if (free_tables->len == report_tables->len) {
-        g_array_free(report_tables, TRUE);
-        g_array_free(free_tables, TRUE);
-        report_tables = nullptr;
-        free_tables = nullptr;
-    }
-}
-
-// The record's ticket table, taken from the free ones or added.
-static guint take_report_table(struct connman_service *service)
-{
-    if (!report_tables) {
-        report_tables = g_array_new(FALSE, TRUE, sizeof(struct service_reports));
-        free_tables = g_array_new(FALSE, FALSE, sizeof(guint));
-    }
-    guint table;
-    if (free_tables->len > 0) {
-        table = g_array_index(free_tables, guint, free_tables->len - 1);
-        g_array_set_size(free_tables, free_tables->len - 1);
-        memset(report_table(table), 0, sizeof(struct service_reports));
-    } else {
-        table = report_tables->len;
-        g_array_set_size(report_tables, table + 1);
-    }
-    report_table(table)->service = service;
-    service->reports_table = table + 1;
-    return table;
-}
-
-static void report(const struct service_report *entry)
-{
-    // Callbacks may add tables and move them: looked up afresh each time.
-    struct service_reports *reports = report_table(entry->table);
-    struct connman_service *owner = reports->service;
-    if (!owner || reports->ticket[entry->error][entry->index] != entry->ticket)
-        return;
-    reports->ticket[entry->error][entry->index] = 0;
-
-    // A live record is the one its path finds (listed or selected). The
-    // path is copied: the callbacks may free the record.
-    char *path = g_strdup(owner->path);
-    const char *name = kServiceProperties[entry->index];
-    if (entry->error) {
-        if (owner->error_cb)
-            owner->error_cb(path, name, -1, owner->error_user_data);
+    // The path is copied: the callbacks may free the record. A live record
+    // is the one its path finds (listed or selected).
+    char *path = g_strdup(service->path);
+    const char *name = kServiceProperties[index];
+    if (failed) {
+        if (service->error_cb)
+            service->error_cb(path, name, -1, service->error_user_data);
     } else {
         if (service_if->property_cb)
             service_if->property_cb(path, name, service_if->property_user_data);
         // The global callback may have dropped the service.
-        struct connman_service *alive = report_table(entry->table)->service;
-        struct connman_service *service = alive ? alive : lookup_service(path);
+        service = lookup_service(path);
         if (service && service->property_cb)
             service->property_cb(path, name, service->property_user_data);
     }
     g_free(path);
 }
 
-static gboolean dispatch_batch(gpointer data)
-{
-    auto *batch = static_cast<struct report_batch *>(data);
-    if (batch == open_batch)
-        end_report_batch();
-    // Reports queued by the callbacks go to a new batch, so this one holds
-    // still; each entry's reports stay alive until it has been looked at.
-    for (guint i = 0; i < batch->reports->len; i++) {
-        const struct service_report *entry =
-            &g_array_index(batch->reports, struct service_report, i);
-        if (service_if)
-            report(entry);
-        release_report(entry->table);
-    }
-    g_array_set_size(batch->reports, 0);
-    return FALSE;
-}
-
-static void free_batch(gpointer data)
-{
-    auto *batch = static_cast<struct report_batch *>(data);
-    if (batch == open_batch)
-        end_report_batch();
-    // Removed before it ran (the loop going away): drop what it held.
-    for (guint i = 0; i < batch->reports->len; i++)
-        release_report(g_array_index(batch->reports, struct service_report, i).table);
-    g_array_free(batch->reports, TRUE);
-    g_free(batch);
-}
-
 // Several changes of one property within a main-loop turn give one
 // notification; the callbacks read the latest value through the getters.
 static void schedule_notification(struct connman_service *service, unsigned int index, int error)
 {
-    guint table = service->reports_table ? service->reports_table - 1 : take_report_table(service);
-    if (!open_batch) {
-        auto *batch = g_new0(struct report_batch, 1);
-        batch->reports = g_array_new(FALSE, FALSE, sizeof(struct service_report));
-        batch->source =
-            g_timeout_add_full(G_PRIORITY_DEFAULT, 0, dispatch_batch, batch, free_batch);
-        open_batch = batch;
-        open_batch_last_id = batch->source;
-    }
-
-    if (++report_tickets == 0)
-        report_tickets = 1;
-    struct service_report entry;
-    entry.table = table;
-    entry.ticket = report_tickets;
-    entry.index = static_cast<uint8_t>(index);
-    entry.error = error ? 1 : 0;
-    // A report still queued for the same property no longer counts.
-    report_table(table)->ticket[entry.error][index] = entry.ticket;
-    report_table(table)->queued++;
-    g_array_append_val(open_batch->reports, entry);
+    cui_report(&service->reports, service, deliver_report, index, error != 0);
 }
 
 static gboolean run_refresh_cb(gpointer)
@@ -816,10 +647,10 @@ static int update_service_property(DBusMessageIter *entry, void *user_data)
 
 static gboolean service_property_changed(DBusConnection *, DBusMessage *message, void *user_data)
 {
+    scoped_report_batch batch;
     DBusMessageIter iter;
     if (dbus_message_iter_init(message, &iter))
         update_service_property(&iter, user_data);
-    end_report_batch();
     return TRUE;
 }
 
@@ -831,10 +662,11 @@ static struct connman_service *create_service(const char *path)
     service->path = g_strdup(path);
     service->last_index = PROP_NONE;
     g_hash_table_insert(service_if->services, service->path, service);
+    // Adding the watch sends AddMatch, whose pending call is a new source.
+    cui_report_close_batch();
     service->watch_id = g_dbus_add_signal_watch(service_if->connection, CONNMAN_SERVICE, path,
                                                 CONNMAN_SERVICE_INTERFACE, "PropertyChanged",
                                                 service_property_changed, service, nullptr);
-    check_report_batch();
     return service;
 }
 
@@ -904,6 +736,7 @@ static void update_services_from(DBusMessageIter *array, const uint64_t *prints 
         // New services' rules go to the bus together; all are in place once
         // the list has been read.
         scoped_match_batch batch(service_if->connection);
+        scoped_report_batch reports;
         while (dbus_message_iter_get_arg_type(&entry) == DBUS_TYPE_STRUCT) {
             DBusMessageIter fields;
             const char *path = nullptr;
@@ -919,7 +752,6 @@ static void update_services_from(DBusMessageIter *array, const uint64_t *prints 
         }
     }
     service_if->ordered_services = g_slist_reverse(service_if->ordered_services);
-    end_report_batch();
     if (count >= 100)
         schedule_trim();
 }
@@ -931,7 +763,6 @@ static void remove_service(const char *path)
         return;
     service_if->ordered_services = g_slist_remove_all(service_if->ordered_services, key);
     g_hash_table_remove(service_if->services, path);
-    end_report_batch();
     if (service_if->removed_cb)
         service_if->removed_cb(path);
 }
@@ -1067,7 +898,6 @@ static void set_property_reply(DBusPendingCall *call, void *user_data)
     if (reply && service->error_cb &&
         dbus_message_get_type(reply.get()) == DBUS_MESSAGE_TYPE_ERROR) {
         schedule_notification(service, index, -1);
-        end_report_batch();
     }
 }
 
