@@ -34,6 +34,7 @@ static struct connman_service_interface *service_if;
 
 // ---- records ----
 
+// The record found last. Readers of the list ask several getters in a row
 // with the path the list handed out, which is the record's own string; a
 // live record is always the one its path finds, listed or selected.
 static struct connman_service *last_found;

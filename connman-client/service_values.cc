@@ -102,7 +102,6 @@ static void replace_string(char **field, const char *value)
     *field = g_strdup(value);
 }
 
-// The record found last. Readers of the list ask several getters in a row
 static void read_string(DBusMessageIter *variant, char **field)
 {
     const char *value = nullptr;

@@ -7,16 +7,10 @@
 // Every call to the bus goes through the operations table `bus`, which a
 // test may replace (g_dbus_set_watch_bus_ops).
 
-// Signal and name-owner watches: bus match rules shared by identical
-// registrations, one message filter per connection, and a per-connection
-// owner cache that maps watched well-known names to their unique owners.
-
 #include "dbus-glue/gdbus.h"
-
 #include "dbus-glue/scoped.h"
 
 #include <stdio.h>
-
 #include <string.h>
 
 #define DBUS_SERVICE_DBUS "org.freedesktop.DBus"
