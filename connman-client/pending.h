@@ -36,7 +36,9 @@ int cui_send_with_reply(DBusConnection *connection, DBusMessage *message,
 // The caller's rule: inside a scope, close the batch (cui_report_close_batch)
 // before calling anything that may run foreign code or attach a main-loop
 // source (a callback, a pending call, a watch that adds a match rule): a
-// report queued after that source must not run before it.
+// report queued after that source must not run before it. A call of the
+// D-Bus layer runs no foreign code and may be checked instead: close after
+// it when g_dbus_sources_attached() has moved.
 
 // Properties per owner and kind (change, failed write) the queue tells apart.
 enum { CUI_REPORT_MAX_PROPERTIES = 20 };

@@ -193,11 +193,16 @@ static struct connman_service *create_service(const char *path)
     service->path = g_strdup(path);
     service->last_index = PROP_NONE;
     g_hash_table_insert(service_if->services, service->path, service);
-    // Adding the watch sends AddMatch, whose pending call is a new source.
-    cui_report_close_batch();
+    // Adding the watch sends AddMatch, whose pending call attaches a source,
+    // unless the bus's rule limit was reached and a broader rule serves: then
+    // the batch may stay open. The layer calls nothing of ours meanwhile
+    // but the rule-limit log line.
+    guint64 sources = g_dbus_sources_attached();
     service->watch_id = g_dbus_add_signal_watch(service_if->connection, CONNMAN_SERVICE, path,
                                                 CONNMAN_SERVICE_INTERFACE, "PropertyChanged",
                                                 service_property_changed, service, nullptr);
+    if (g_dbus_sources_attached() != sources)
+        cui_report_close_batch();
     return service;
 }
 

@@ -27,6 +27,12 @@ gboolean g_dbus_request_name(DBusConnection *connection, const char *name, DBusE
 gboolean g_dbus_set_disconnect_function(DBusConnection *connection,
                                         g_dbus_watch_function_t function, void *user_data,
                                         GDestroyNotify destroy);
+// How many main-loop sources the layer has attached so far (for libdbus's
+// watches and timeouts, message dispatch, name-owner checks). Two readings
+// tell whether a call of the layer attached one; GLib's own source ids
+// promise no such thing. The layer's files note each source they attach.
+guint64 g_dbus_sources_attached(void);
+void g_dbus_note_source_attached(void);
 
 // ---- signal and name-owner watches (watch.cc) ----
 //

@@ -844,6 +844,7 @@ static void check_service(DBusConnection *connection, const char *name,
     if (owner) {
         data->owner = g_strdup(owner);
         data->id = g_idle_add(update_service, data);
+        g_dbus_note_source_attached();
         return;
     }
 
