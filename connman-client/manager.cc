@@ -33,7 +33,7 @@ struct connman_manager {
     void *user_data;
     unsigned int state;
     dbus_bool_t offlinemode;
-    struct cui_notification *property_notification[MANAGER_PROPERTY_COUNT];
+    guint reports; // the handle on its queued reports
     DBusPendingCall *technologies_call;
     guint technology_added_watch;
     guint technology_removed_watch;
@@ -93,20 +93,21 @@ static int send_with_reply(DBusMessage *message, DBusPendingCall **slot,
     return cui_send_with_reply(manager->connection, message, notify, nullptr, nullptr, slot);
 }
 
-// data is the property's index. The manager has no path of its own.
-static void notify_manager_property(void *data)
+// The manager has no path of its own.
+static void notify_manager_property(void *owner, unsigned int index, bool failed)
 {
+    (void)owner;
+    (void)failed;
     if (manager && manager->property_cb)
-        manager->property_cb(nullptr, kManagerProperties[GPOINTER_TO_INT(data)],
-                             manager->user_data);
+        manager->property_cb(nullptr, kManagerProperties[index], manager->user_data);
 }
 
 // Reports a property change coalesced per property; the callback reads the
 // latest value through the getters.
 static void update_manager_property(int index)
 {
-    cui_notify_later(&manager->property_notification[index], notify_manager_property,
-                     GINT_TO_POINTER(index), nullptr);
+    cui_report(&manager->reports, manager, notify_manager_property,
+               static_cast<unsigned int>(index), false);
 }
 
 static void set_state(const char *state)
@@ -133,6 +134,7 @@ static void get_properties_reply(DBusPendingCall *call, void *user_data)
     scoped_message reply(dbus_pending_call_steal_reply(call));
     DBusMessageIter iter;
     if (manager && reply && dbus_message_iter_init(reply.get(), &iter)) {
+        scoped_report_batch batch;
         const char *state = nullptr;
         if (cui_dbus_get_dict_entry(&iter, "State", CUI_DBUS_KIND_BASIC, DBUS_TYPE_STRING, nullptr,
                                     &state) == 0)
@@ -188,8 +190,7 @@ void connman_manager_finalize(void)
         return;
 
     manager->property_cb = nullptr;
-    for (struct cui_notification *&notification : manager->property_notification)
-        cui_notify_cancel(&notification);
+    cui_reports_forget(&manager->reports);
     cui_cancel_call(&manager->properties_call);
     remove_watch(&manager->properties_watch);
     cui_cancel_call(&manager->technologies_call);

@@ -1,6 +1,8 @@
 #include "connman-client/pending.h"
 
 #include <errno.h>
+#include <stdint.h>
+#include <string.h>
 
 #include "dbus-glue/scoped.h"
 
@@ -46,59 +48,181 @@ int cui_send_with_reply(DBusConnection *connection, DBusMessage *message,
     return 0;
 }
 
-struct cui_notification {
-    // The owner's slot while it points at this notification; null once the
-    // owner has let go, so that a notification ending later never writes to
-    // a record that is gone.
-    struct cui_notification **slot;
-    guint source;
-    cui_notify_fn_t fn;
-    void *data;
-    GDestroyNotify destroy;
+// ---- the ordered report queue ----
+
+// The reports one owner has queued: per property and kind the ticket of the
+// one queued report that still counts. Found through the queued entries
+// too, so it outlives an owner that forgets its reports meanwhile.
+struct report_owner {
+    void *owner;   // null once forgotten
+    guint *handle; // the owner's handle, cleared when nothing is queued
+    cui_report_fn_t deliver;
+    guint32 ticket[2][CUI_REPORT_MAX_PROPERTIES];
+    guint queued;
 };
 
-static gboolean notification_due(void *user_data)
+// One queued report; owners are referred to by table index, not pointer,
+// because the table array moves when it grows.
+struct report_entry {
+    guint table;
+    guint32 ticket;
+    uint8_t index;
+    uint8_t failed;
+};
+
+// Reports sharing one 0 ms timeout, delivered in queue order.
+struct report_batch {
+    GArray *entries;
+    guint source;
+};
+
+// The owner tables in one array (and the indices of its unused entries)
+// that goes away whole once nothing is queued: a list of a thousand
+// services then leaves no scattered small blocks behind, and a record costs
+// nothing while it has no reports.
+static GArray *owner_tables;
+static GArray *free_tables;
+static struct report_batch *open_batch;
+static int batch_scopes;
+static guint32 report_tickets;
+
+static struct report_owner *owner_table(guint table)
 {
-    auto *notification = static_cast<struct cui_notification *>(user_data);
-    notification->fn(notification->data);
+    return &g_array_index(owner_tables, struct report_owner, table);
+}
+
+static guint take_owner_table(guint *handle, void *owner, cui_report_fn_t deliver)
+{
+    if (!owner_tables) {
+        owner_tables = g_array_new(FALSE, TRUE, sizeof(struct report_owner));
+        free_tables = g_array_new(FALSE, FALSE, sizeof(guint));
+    }
+    guint table;
+    if (free_tables->len > 0) {
+        table = g_array_index(free_tables, guint, free_tables->len - 1);
+        g_array_set_size(free_tables, free_tables->len - 1);
+        memset(owner_table(table), 0, sizeof(struct report_owner));
+    } else {
+        table = owner_tables->len;
+        g_array_set_size(owner_tables, table + 1);
+    }
+    struct report_owner *reports = owner_table(table);
+    reports->owner = owner;
+    reports->handle = handle;
+    reports->deliver = deliver;
+    *handle = table + 1;
+    return table;
+}
+
+static void release_entry(guint table)
+{
+    struct report_owner *reports = owner_table(table);
+    if (--reports->queued > 0)
+        return;
+    if (reports->handle)
+        *reports->handle = 0;
+    reports->owner = nullptr;
+    reports->handle = nullptr;
+    g_array_append_val(free_tables, table);
+    if (free_tables->len == owner_tables->len) {
+        g_array_free(owner_tables, TRUE);
+        g_array_free(free_tables, TRUE);
+        owner_tables = nullptr;
+        free_tables = nullptr;
+    }
+}
+
+static void deliver_entry(const struct report_entry *entry)
+{
+    struct report_owner *reports = owner_table(entry->table);
+    void *owner = reports->owner;
+    if (!owner || reports->ticket[entry->failed][entry->index] != entry->ticket)
+        return;
+    reports->ticket[entry->failed][entry->index] = 0;
+    // Copied out: the delivery may add owners and move the table.
+    cui_report_fn_t deliver = reports->deliver;
+    deliver(owner, entry->index, entry->failed != 0);
+}
+
+static gboolean dispatch_batch(gpointer data)
+{
+    auto *batch = static_cast<struct report_batch *>(data);
+    if (batch == open_batch)
+        open_batch = nullptr;
+    // Reports queued by the deliveries go to a new batch, so this one holds
+    // still; each entry's owner table stays until the entry was looked at.
+    for (guint i = 0; i < batch->entries->len; i++) {
+        const struct report_entry entry = g_array_index(batch->entries, struct report_entry, i);
+        deliver_entry(&entry);
+        release_entry(entry.table);
+    }
+    g_array_set_size(batch->entries, 0);
     return FALSE;
 }
 
-static void notification_done(void *user_data)
+static void free_batch(gpointer data)
 {
-    auto *notification = static_cast<struct cui_notification *>(user_data);
-    if (notification->slot)
-        *notification->slot = nullptr;
-    if (notification->destroy)
-        notification->destroy(notification->data);
-    g_free(notification);
+    auto *batch = static_cast<struct report_batch *>(data);
+    if (batch == open_batch)
+        open_batch = nullptr;
+    // Removed before it ran (the loop going away): drop what it held.
+    for (guint i = 0; i < batch->entries->len; i++)
+        release_entry(g_array_index(batch->entries, struct report_entry, i).table);
+    g_array_free(batch->entries, TRUE);
+    g_free(batch);
 }
 
-void cui_notify_later(struct cui_notification **slot, cui_notify_fn_t fn, void *data,
-                      GDestroyNotify destroy)
+void cui_report(guint *reports, void *owner, cui_report_fn_t deliver, unsigned int index,
+                bool failed)
 {
-    struct cui_notification *notification = g_try_new0(struct cui_notification, 1);
-    if (!notification) {
-        if (destroy)
-            destroy(data);
+    if (index >= CUI_REPORT_MAX_PROPERTIES)
         return;
+    guint table = *reports ? *reports - 1 : take_owner_table(reports, owner, deliver);
+    if (!open_batch) {
+        auto *batch = g_new0(struct report_batch, 1);
+        batch->entries = g_array_new(FALSE, FALSE, sizeof(struct report_entry));
+        batch->source =
+            g_timeout_add_full(G_PRIORITY_DEFAULT, 0, dispatch_batch, batch, free_batch);
+        open_batch = batch;
     }
-    cui_notify_cancel(slot);
-    notification->slot = slot;
-    notification->fn = fn;
-    notification->data = data;
-    notification->destroy = destroy;
-    *slot = notification;
-    notification->source = g_timeout_add_full(G_PRIORITY_DEFAULT, 0, notification_due, notification,
-                                              notification_done);
+    if (++report_tickets == 0)
+        report_tickets = 1;
+    struct report_entry entry;
+    entry.table = table;
+    entry.ticket = report_tickets;
+    entry.index = static_cast<uint8_t>(index);
+    entry.failed = failed ? 1 : 0;
+    // A report still queued for the same property and kind no longer counts.
+    owner_table(table)->ticket[entry.failed][index] = entry.ticket;
+    owner_table(table)->queued++;
+    g_array_append_val(open_batch->entries, entry);
+    // Outside a scope nobody closes the batch: a timeout per report.
+    if (batch_scopes == 0)
+        open_batch = nullptr;
 }
 
-void cui_notify_cancel(struct cui_notification **slot)
+void cui_reports_forget(guint *reports)
 {
-    struct cui_notification *notification = *slot;
-    if (!notification)
+    if (!*reports)
         return;
-    *slot = nullptr;
-    notification->slot = nullptr;
-    g_source_remove(notification->source);
+    struct report_owner *table = owner_table(*reports - 1);
+    table->owner = nullptr;
+    table->handle = nullptr;
+    *reports = 0;
+}
+
+void cui_report_close_batch(void)
+{
+    open_batch = nullptr;
+}
+
+scoped_report_batch::scoped_report_batch()
+{
+    batch_scopes++;
+}
+
+scoped_report_batch::~scoped_report_batch()
+{
+    if (--batch_scopes == 0)
+        open_batch = nullptr;
 }

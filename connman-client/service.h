@@ -70,9 +70,10 @@ void connman_service_free_services_list(void);
 
 void connman_service_set_global_property_callback(connman_property_cb_t cb, void *user_data);
 void connman_service_set_removed_callback(connman_path_cb_t cb);
-// Per-service callbacks; ignored for unknown paths. Reports come from a
-// 0 ms timeout, one per property for all changes in one main-loop turn;
-// "Name" and unknown properties are mirrored without a report.
+// Per-service callbacks; ignored for unknown paths. Reports go through the
+// ordered report queue (connman-client/pending.h): as from a 0 ms timeout,
+// one per property for all changes in one main-loop turn; "Name" and
+// unknown properties are mirrored without a report.
 void connman_service_set_property_changed_callback(const char *path, connman_property_cb_t cb,
                                                    void *user_data);
 void connman_service_set_property_error_callback(const char *path, connman_property_error_cb_t cb,

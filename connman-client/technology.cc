@@ -49,22 +49,15 @@ struct connman_technology {
     char *tethering_passphrase;
     int last_property;
     guint property_watch;
-    struct cui_notification *change_notification[TECHNOLOGY_PROPERTY_COUNT];
     connman_property_cb_t property_cb;
     void *property_user_data;
     connman_scan_cb_t scan_cb;
     DBusPendingCall *scan_call;
     void *scan_user_data;
     DBusPendingCall *set_property_call[TECHNOLOGY_PROPERTY_COUNT];
-    struct cui_notification *error_notification[TECHNOLOGY_PROPERTY_COUNT];
     connman_property_error_cb_t error_cb;
     void *error_user_data;
-};
-
-struct technology_notification {
-    char *path;
-    const char *name;
-    int error; // 0 for a change, -1 for a failed SetProperty
+    guint reports; // the handle on its queued reports
 };
 
 struct set_property_context {
@@ -90,11 +83,9 @@ static void technology_free(void *data)
 
     if (technology->property_watch)
         g_dbus_remove_watch(tech_if ? tech_if->connection : nullptr, technology->property_watch);
-    for (int i = 0; i < TECHNOLOGY_PROPERTY_COUNT; i++) {
-        cui_notify_cancel(&technology->change_notification[i]);
+    cui_reports_forget(&technology->reports);
+    for (int i = 0; i < TECHNOLOGY_PROPERTY_COUNT; i++)
         cui_cancel_call(&technology->set_property_call[i]);
-        cui_notify_cancel(&technology->error_notification[i]);
-    }
     cui_cancel_call(&technology->scan_call);
 
     g_free(technology->path);
@@ -105,49 +96,35 @@ static void technology_free(void *data)
     g_free(technology);
 }
 
-static void property_changed_or_error(void *data)
+// A live record is the one its path finds. The path is copied: a callback
+// may remove the record.
+static void property_changed_or_error(void *owner, unsigned int index, bool failed)
 {
-    auto *notification = static_cast<struct technology_notification *>(data);
-    struct connman_technology *technology = find_technology(notification->path);
-    if (!technology)
+    auto *technology = static_cast<struct connman_technology *>(owner);
+    if (!tech_if)
         return;
-
-    if (notification->error) {
+    char *path = g_strdup(technology->path);
+    const char *name = kTechnologyProperties[index];
+    if (failed) {
         if (technology->error_cb)
-            technology->error_cb(notification->path, notification->name, notification->error,
-                                 technology->error_user_data);
-        return;
+            technology->error_cb(path, name, -1, technology->error_user_data);
+    } else {
+        if (tech_if->property_cb)
+            tech_if->property_cb(path, name, tech_if->property_user_data);
+        // The global callback may have changed the table.
+        technology = find_technology(path);
+        if (technology && technology->property_cb)
+            technology->property_cb(path, name, technology->property_user_data);
     }
-    if (tech_if->property_cb)
-        tech_if->property_cb(notification->path, notification->name, tech_if->property_user_data);
-    // The global callback may have changed the table.
-    technology = find_technology(notification->path);
-    if (technology && technology->property_cb)
-        technology->property_cb(notification->path, notification->name,
-                                technology->property_user_data);
-}
-
-static void free_notification(void *data)
-{
-    auto *notification = static_cast<struct technology_notification *>(data);
-    g_free(notification->path);
-    g_free(notification);
+    g_free(path);
 }
 
 // Reports a change (error 0) or a failed SetProperty (error -1) of one
 // property, coalesced per property and kind, so a burst yields one report.
-// The report carries the path, not the record: a callback may remove it.
 static void schedule_notification(struct connman_technology *technology, int index, int error)
 {
-    auto *notification = g_try_new0(struct technology_notification, 1);
-    if (!notification)
-        return;
-    notification->path = g_strdup(technology->path);
-    notification->name = kTechnologyProperties[index];
-    notification->error = error;
-    cui_notify_later(error ? &technology->error_notification[index]
-                           : &technology->change_notification[index],
-                     property_changed_or_error, notification, free_notification);
+    cui_report(&technology->reports, technology, property_changed_or_error,
+               static_cast<unsigned int>(index), error != 0);
 }
 
 static void replace_string(char **field, DBusMessageIter *variant)
@@ -231,6 +208,7 @@ static void update_or_create_technology(const char *path, DBusMessageIter *dict)
         if (!technology)
             return;
     }
+    scoped_report_batch batch;
     cui_dbus_foreach_dict_entry(dict, update_technology_property, technology);
 }
 

@@ -14,8 +14,9 @@ typedef void (*connman_scan_cb_t)(void *user_data);
 int connman_technology_init(void);
 void connman_technology_finalize(void);
 
-// Property reports come from a 0 ms timeout, one per property and path for
-// all changes in one main-loop turn; the callbacks read the latest value
+// Property reports go through the ordered report queue (pending.h): as
+// from a 0 ms timeout, one per property and path for all changes in one
+// main-loop turn; the callbacks read the latest value
 // through the getters. "Name", "Type" and unknown names report under the
 // property handled just before them in the same message (nothing when
 // first).

@@ -27,8 +27,30 @@ gboolean g_dbus_request_name(DBusConnection *connection, const char *name, DBusE
 gboolean g_dbus_set_disconnect_function(DBusConnection *connection,
                                         g_dbus_watch_function_t function, void *user_data,
                                         GDestroyNotify destroy);
+// How many main-loop sources the layer has attached so far (for libdbus's
+// watches and timeouts, message dispatch, name-owner checks). Two readings
+// tell whether a call of the layer attached one; GLib's own source ids
+// promise no such thing. The layer's files note each source they attach.
+guint64 g_dbus_sources_attached(void);
+void g_dbus_note_source_attached(void);
 
 // ---- signal and name-owner watches (watch.cc) ----
+//
+// Threads: everything here runs on the thread that dispatches the
+// connections (the service thread's main loop); no call is safe from
+// another thread, and the module keeps no locks.
+//
+// Blocking: adding the first watch of a match sends AddMatch and waits for
+// the bus's answer (outside a match batch); removing the last one waits for
+// RemoveMatch; a signal watch on a well-known sender whose owner is not yet
+// cached waits for GetNameOwner, as does g_dbus_is_name_owner. A service
+// watch with a connect function never waits: its first owner comes from the
+// cache through an idle source, or from an asynchronous GetNameOwner.
+//
+// Re-entrancy: signal, connect and disconnect functions may add and remove
+// watches, their own included, while they run. A watch added to a match
+// that is dispatching hears only later messages; a removed one is not
+// called again, and its destroy function runs at once.
 
 // Returns TRUE to keep the watch, FALSE to remove it.
 typedef gboolean (*g_dbus_signal_function_t)(DBusConnection *connection, DBusMessage *message,
@@ -67,6 +89,23 @@ void g_dbus_match_batch_end(DBusConnection *connection);
 // watches keep working. The layer logs nothing itself.
 typedef void (*g_dbus_rule_fallback_function_t)(const char *broader_rule);
 void g_dbus_set_rule_fallback_function(g_dbus_rule_fallback_function_t function);
+
+// The bus calls of the watch module, with libdbus's signatures. A test may
+// replace them as a whole to drive the index and dispatch without a bus;
+// null restores libdbus's own. Not for use while watches exist.
+struct g_dbus_watch_bus_ops {
+    dbus_bool_t (*add_filter)(DBusConnection *connection, DBusHandleMessageFunction function,
+                              void *user_data, DBusFreeFunction free_data);
+    void (*remove_filter)(DBusConnection *connection, DBusHandleMessageFunction function,
+                          void *user_data);
+    void (*add_match)(DBusConnection *connection, const char *rule, DBusError *error);
+    void (*remove_match)(DBusConnection *connection, const char *rule, DBusError *error);
+    dbus_bool_t (*send_with_reply)(DBusConnection *connection, DBusMessage *message,
+                                   DBusPendingCall **pending, int timeout);
+    DBusMessage *(*send_with_reply_and_block)(DBusConnection *connection, DBusMessage *message,
+                                              int timeout, DBusError *error);
+};
+void g_dbus_set_watch_bus_ops(const struct g_dbus_watch_bus_ops *ops);
 
 // ---- object export and method dispatch (object.cc) ----
 

@@ -21,6 +21,19 @@ struct watch_info {
 // comes in far fewer turns, and other sources still get theirs.
 enum { kReadsPerTurn = 32 };
 
+// Every main-loop source the layer attaches, counted (service thread only).
+static guint64 sources_attached;
+
+guint64 g_dbus_sources_attached(void)
+{
+    return sources_attached;
+}
+
+void g_dbus_note_source_attached(void)
+{
+    sources_attached++;
+}
+
 struct timeout_handler {
     guint id;
     DBusTimeout *timeout;
@@ -86,6 +99,7 @@ static gboolean message_dispatch(void *data)
 static void schedule_dispatch(DBusConnection *conn)
 {
     guint id = g_timeout_add(0, message_dispatch, conn);
+    g_dbus_note_source_attached();
 
     auto *sources = dispatch_sources_of(conn);
     if (sources)
@@ -173,6 +187,7 @@ static dbus_bool_t add_watch(DBusWatch *watch, void *data)
         cond |= G_IO_OUT;
 
     info->id = g_io_add_watch(channel, static_cast<GIOCondition>(cond), watch_func, info);
+    g_dbus_note_source_attached();
 
     g_io_channel_unref(channel);
     return TRUE;
@@ -235,6 +250,7 @@ static dbus_bool_t add_timeout(DBusTimeout *timeout, void *data)
     dbus_timeout_set_data(timeout, handler, timeout_handler_free);
 
     handler->id = g_timeout_add(static_cast<guint>(interval), timeout_handler_dispatch, handler);
+    g_dbus_note_source_attached();
     return TRUE;
 }
 

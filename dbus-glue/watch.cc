@@ -1,6 +1,11 @@
 // Signal and name-owner watches: bus match rules shared by identical
 // registrations, one message filter per connection, and a per-connection
 // owner cache that maps watched well-known names to their unique owners.
+//
+// Sections: records; the per-connection index; rules and covers (with
+// match batches); name owners; registrations; dispatch; public functions.
+// Every call to the bus goes through the operations table `bus`, which a
+// test may replace (g_dbus_set_watch_bus_ops).
 
 #include "dbus-glue/gdbus.h"
 #include "dbus-glue/scoped.h"
@@ -13,6 +18,8 @@
 #define DBUS_INTERFACE_DBUS "org.freedesktop.DBus"
 #define DBUS_PROPERTIES_INTERFACE "org.freedesktop.DBus.Properties"
 #define DBUS_ERROR_NAME_HAS_NO_OWNER "org.freedesktop.DBus.Error.NameHasNoOwner"
+
+// ---- records ----
 
 struct filter_data;
 
@@ -112,10 +119,22 @@ static GHashTable *callbacks_by_id = nullptr;
 static GSList *name_keepers = nullptr;
 static g_dbus_rule_fallback_function_t fallback_function = nullptr;
 
+// libdbus's own calls unless a test has put others in place.
+static const struct g_dbus_watch_bus_ops libdbus_ops = {
+    dbus_connection_add_filter,
+    dbus_connection_remove_filter,
+    dbus_bus_add_match,
+    dbus_bus_remove_match,
+    dbus_connection_send_with_reply,
+    dbus_connection_send_with_reply_and_block,
+};
+static const struct g_dbus_watch_bus_ops *bus = &libdbus_ops;
+
 // An open match batch: per-path rules of its connection go to the bus without
 // waiting, at most kBatchWindow unanswered, oldest first in `waiting`. A long
 // service list then costs a few round trips instead of one per service.
 enum { kBatchWindow = 32 };
+
 static struct {
     DBusConnection *connection;
     guint depth;
@@ -123,14 +142,21 @@ static struct {
     struct filter_data *waiting[kBatchWindow];
 } batch;
 
+// Defined in later sections.
+static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage *message,
+                                        void *user_data);
+static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
+                               struct filter_data *data);
+static void release_cover(struct filter_data *data);
+static void forget_pending_rule(struct filter_data *data);
+static void release_name_keeper(DBusConnection *connection, const char *name);
+
+// ---- the per-connection index ----
+
 // The slot holds the connection's index while its message filter is
 // installed, so the filter is never added twice nor removed when absent
 // (libdbus aborts on that).
 static dbus_int32_t filter_slot = -1;
-
-static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage *message,
-                                        void *user_data);
-static void release_cover(struct filter_data *data);
 
 static struct connection_index *index_of(DBusConnection *connection)
 {
@@ -138,51 +164,6 @@ static struct connection_index *index_of(DBusConnection *connection)
         return nullptr;
     return static_cast<struct connection_index *>(
         dbus_connection_get_data(connection, filter_slot));
-}
-
-static gboolean service_filter(DBusConnection *connection, DBusMessage *message,
-                               struct filter_data *data);
-
-// The owners of well-known names as this connection last learned them from
-// the bus (GetNameOwner answers, the bus's NameOwnerChanged); "" means the
-// name has none. An entry is kept only while a NameOwnerChanged match for
-// the name keeps it current, and the table ends with the connection.
-static dbus_int32_t owner_slot = -1;
-
-static GHashTable *owner_table(DBusConnection *connection, bool create)
-{
-    if (owner_slot < 0 && (!create || !dbus_connection_allocate_data_slot(&owner_slot)))
-        return nullptr;
-    auto *table = static_cast<GHashTable *>(dbus_connection_get_data(connection, owner_slot));
-    if (table || !create)
-        return table;
-    table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
-    if (!dbus_connection_set_data(connection, owner_slot, table,
-                                  reinterpret_cast<DBusFreeFunction>(g_hash_table_destroy))) {
-        g_hash_table_destroy(table);
-        return nullptr;
-    }
-    return table;
-}
-
-static const char *cached_owner(DBusConnection *connection, const char *name)
-{
-    GHashTable *table = owner_table(connection, false);
-    return table ? static_cast<const char *>(g_hash_table_lookup(table, name)) : nullptr;
-}
-
-static void cache_owner(DBusConnection *connection, const char *name, const char *owner)
-{
-    GHashTable *table = owner_table(connection, true);
-    if (table)
-        g_hash_table_replace(table, g_strdup(name), g_strdup(owner));
-}
-
-static void forget_owner(DBusConnection *connection, const char *name)
-{
-    GHashTable *table = owner_table(connection, false);
-    if (table)
-        g_hash_table_remove(table, name);
 }
 
 static bool filter_installed(DBusConnection *connection)
@@ -215,10 +196,10 @@ static bool install_filter(DBusConnection *connection)
     auto *index = g_new0(struct connection_index, 1);
     index->by_path = g_hash_table_new(g_str_hash, g_str_equal);
     index->wildcard = g_ptr_array_new();
-    if (!dbus_connection_add_filter(connection, message_filter, nullptr, nullptr))
+    if (!bus->add_filter(connection, message_filter, nullptr, nullptr))
         goto fail;
     if (!dbus_connection_set_data(connection, filter_slot, index, free_index)) {
-        dbus_connection_remove_filter(connection, message_filter, nullptr);
+        bus->remove_filter(connection, message_filter, nullptr);
         goto fail;
     }
     return true;
@@ -231,7 +212,7 @@ static void uninstall_filter(DBusConnection *connection)
 {
     if (!filter_installed(connection))
         return;
-    dbus_connection_remove_filter(connection, message_filter, nullptr);
+    bus->remove_filter(connection, message_filter, nullptr);
     // Replacing the slot's value frees the index.
     dbus_connection_set_data(connection, filter_slot, nullptr, nullptr);
 }
@@ -283,22 +264,6 @@ static void list_match(struct filter_data *data)
     data->listed = true;
 }
 
-static void forget_pending_rule(struct filter_data *data)
-{
-    if (!data->pending_rule)
-        return;
-    for (guint i = 0; i < batch.count; i++) {
-        if (batch.waiting[i] != data)
-            continue;
-        memmove(&batch.waiting[i], &batch.waiting[i + 1],
-                (batch.count - i - 1) * sizeof(batch.waiting[0]));
-        batch.count--;
-        break;
-    }
-    scoped_sent_call call(data->pending_rule);
-    data->pending_rule = nullptr;
-}
-
 static void unlist_match(struct filter_data *data)
 {
     forget_pending_rule(data);
@@ -340,6 +305,83 @@ static void unlist_match(struct filter_data *data)
     release_cover(data);
 }
 
+static bool same_match(struct filter_data *data, const char *name, const char *owner,
+                       const char *path, const char *interface, const char *member,
+                       const char *argument)
+{
+    return g_strcmp0(data->name, name) == 0 && g_strcmp0(data->owner, owner) == 0 &&
+           g_strcmp0(data->path, path) == 0 && g_strcmp0(data->interface, interface) == 0 &&
+           g_strcmp0(data->member, member) == 0 && g_strcmp0(data->argument, argument) == 0;
+}
+
+static struct filter_data *filter_data_find(DBusConnection *connection, const char *name,
+                                            const char *owner, const char *path,
+                                            const char *interface, const char *member,
+                                            const char *argument)
+{
+    struct connection_index *index = index_of(connection);
+    if (!index)
+        return nullptr;
+
+    if (!path) {
+        for (guint i = 0; i < index->wildcard->len; i++) {
+            auto *data = static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, i));
+            if (same_match(data, name, owner, path, interface, member, argument))
+                return data;
+        }
+        return nullptr;
+    }
+    auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
+    for (; data; data = data->next_same_path) {
+        if (same_match(data, name, owner, path, interface, member, argument))
+            return data;
+    }
+    return nullptr;
+}
+
+// The matches a message can concern: those with its path and those without
+// any, merged back into creation order. Each is held until released, so
+// callbacks may remove any match meanwhile.
+static guint collect_candidates(struct connection_index *index, const char *path,
+                                struct filter_data **out, guint room)
+{
+    auto *by_path =
+        path ? static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path))
+             : nullptr;
+    guint wild = 0;
+    guint n = 0;
+
+    while (n < room && (by_path || wild < index->wildcard->len)) {
+        struct filter_data *next;
+        auto *w = wild < index->wildcard->len
+                      ? static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, wild))
+                      : nullptr;
+        if (by_path && (!w || by_path->seq < w->seq)) {
+            next = by_path;
+            by_path = by_path->next_same_path;
+        } else {
+            next = w;
+            wild++;
+        }
+        next->holds++;
+        out[n++] = next;
+    }
+    return n;
+}
+
+static guint count_candidates(struct connection_index *index, const char *path)
+{
+    guint n = index->wildcard->len;
+    if (path) {
+        auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
+        for (; data; data = data->next_same_path)
+            n++;
+    }
+    return n;
+}
+
+// ---- rules and covers ----
+
 static void format_rule(struct filter_data *data, bool with_path, char *rule, size_t size)
 {
     int offset = snprintf(rule, size, "type='signal'");
@@ -361,8 +403,8 @@ static void format_rule(struct filter_data *data, bool with_path, char *rule, si
         append(",arg0='%s'", data->argument);
 }
 
-// Sends a match rule to the bus with dbus_bus_add_match or
-// dbus_bus_remove_match (both block until the bus answers). With
+// Sends a match rule to the bus with AddMatch or RemoveMatch (both block
+// until the bus answers). With
 // limits_exceeded, tells whether the bus refused for its rule limit.
 static gboolean send_rule(DBusConnection *connection, const char *rule,
                           void (*bus_call)(DBusConnection *, const char *, DBusError *),
@@ -382,6 +424,14 @@ static gboolean send_rule(DBusConnection *connection, const char *rule,
     return TRUE;
 }
 
+static gboolean remove_match(struct filter_data *data)
+{
+    char rule[1024];
+
+    format_rule(data, true, rule, sizeof(rule));
+    return send_rule(data->connection, rule, bus->remove_match);
+}
+
 static struct rule_cover *find_cover(struct connection_index *index, const char *rule)
 {
     for (struct rule_cover *cover = index->covers; cover; cover = cover->next) {
@@ -399,7 +449,7 @@ static void release_cover(struct filter_data *data)
     data->cover = nullptr;
     if (!cover || !index || --cover->users > 0)
         return;
-    send_rule(data->connection, cover->rule, dbus_bus_remove_match);
+    send_rule(data->connection, cover->rule, bus->remove_match);
     for (struct rule_cover **link = &index->covers; *link; link = &(*link)->next) {
         if (*link == cover) {
             *link = cover->next;
@@ -420,7 +470,7 @@ static struct rule_cover *make_cover(struct filter_data *data, const char *broad
     struct filter_data *evicted = nullptr;
     char rule[1024];
 
-    if (!send_rule(data->connection, broad, dbus_bus_add_match)) {
+    if (!send_rule(data->connection, broad, bus->add_match)) {
         for (struct filter_data *m = listeners_head; m && !evicted; m = m->next) {
             if (m->connection != data->connection || !m->registered || !m->path || m->cover ||
                 m->pending_rule)
@@ -432,10 +482,10 @@ static struct rule_cover *make_cover(struct filter_data *data, const char *broad
         if (!evicted)
             return nullptr;
         format_rule(evicted, true, rule, sizeof(rule));
-        if (!send_rule(data->connection, rule, dbus_bus_remove_match))
+        if (!send_rule(data->connection, rule, bus->remove_match))
             return nullptr;
-        if (!send_rule(data->connection, broad, dbus_bus_add_match)) {
-            send_rule(data->connection, rule, dbus_bus_add_match);
+        if (!send_rule(data->connection, broad, bus->add_match)) {
+            send_rule(data->connection, rule, bus->add_match);
             return nullptr;
         }
     }
@@ -457,6 +507,22 @@ static struct rule_cover *make_cover(struct filter_data *data, const char *broad
 static bool batching(DBusConnection *connection)
 {
     return batch.depth > 0 && batch.connection == connection;
+}
+
+static void forget_pending_rule(struct filter_data *data)
+{
+    if (!data->pending_rule)
+        return;
+    for (guint i = 0; i < batch.count; i++) {
+        if (batch.waiting[i] != data)
+            continue;
+        memmove(&batch.waiting[i], &batch.waiting[i + 1],
+                (batch.count - i - 1) * sizeof(batch.waiting[0]));
+        batch.count--;
+        break;
+    }
+    scoped_sent_call call(data->pending_rule);
+    data->pending_rule = nullptr;
 }
 
 // Waits for the answers of the batch's rules in the order they were sent,
@@ -499,7 +565,7 @@ static gboolean send_rule_later(struct filter_data *data, const char *rule)
     if (!call || !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &rule, DBUS_TYPE_INVALID))
         return FALSE;
     DBusPendingCall *pending = nullptr;
-    if (!dbus_connection_send_with_reply(data->connection, call.get(), &pending, -1) || !pending)
+    if (!bus->send_with_reply(data->connection, call.get(), &pending, -1) || !pending)
         return FALSE;
     data->pending_rule = pending;
     batch.waiting[batch.count++] = data;
@@ -534,7 +600,7 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
             data->registered = TRUE;
             return TRUE;
         }
-        if (send_rule(data->connection, rule, dbus_bus_add_match, &limited)) {
+        if (send_rule(data->connection, rule, bus->add_match, &limited)) {
             data->handle_func = filter;
             data->registered = TRUE;
             return TRUE;
@@ -549,49 +615,249 @@ static gboolean add_match(struct filter_data *data, filter_handle_func_t filter)
     return TRUE;
 }
 
-static gboolean remove_match(struct filter_data *data)
-{
-    char rule[1024];
+// ---- name owners ----
 
-    format_rule(data, true, rule, sizeof(rule));
-    return send_rule(data->connection, rule, dbus_bus_remove_match);
-}
+// The owners of well-known names as this connection last learned them from
+// the bus (GetNameOwner answers, the bus's NameOwnerChanged); "" means the
+// name has none. An entry is kept only while a NameOwnerChanged match for
+// the name keeps it current, and the table ends with the connection.
+static dbus_int32_t owner_slot = -1;
 
-static bool same_match(struct filter_data *data, const char *name, const char *owner,
-                       const char *path, const char *interface, const char *member,
-                       const char *argument)
+static GHashTable *owner_table(DBusConnection *connection, bool create)
 {
-    return g_strcmp0(data->name, name) == 0 && g_strcmp0(data->owner, owner) == 0 &&
-           g_strcmp0(data->path, path) == 0 && g_strcmp0(data->interface, interface) == 0 &&
-           g_strcmp0(data->member, member) == 0 && g_strcmp0(data->argument, argument) == 0;
-}
-
-static struct filter_data *filter_data_find(DBusConnection *connection, const char *name,
-                                            const char *owner, const char *path,
-                                            const char *interface, const char *member,
-                                            const char *argument)
-{
-    struct connection_index *index = index_of(connection);
-    if (!index)
+    if (owner_slot < 0 && (!create || !dbus_connection_allocate_data_slot(&owner_slot)))
         return nullptr;
-
-    if (!path) {
-        for (guint i = 0; i < index->wildcard->len; i++) {
-            auto *data = static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, i));
-            if (same_match(data, name, owner, path, interface, member, argument))
-                return data;
-        }
+    auto *table = static_cast<GHashTable *>(dbus_connection_get_data(connection, owner_slot));
+    if (table || !create)
+        return table;
+    table = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+    if (!dbus_connection_set_data(connection, owner_slot, table,
+                                  reinterpret_cast<DBusFreeFunction>(g_hash_table_destroy))) {
+        g_hash_table_destroy(table);
         return nullptr;
     }
-    auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
-    for (; data; data = data->next_same_path) {
-        if (same_match(data, name, owner, path, interface, member, argument))
-            return data;
+    return table;
+}
+
+static const char *cached_owner(DBusConnection *connection, const char *name)
+{
+    GHashTable *table = owner_table(connection, false);
+    return table ? static_cast<const char *>(g_hash_table_lookup(table, name)) : nullptr;
+}
+
+static void cache_owner(DBusConnection *connection, const char *name, const char *owner)
+{
+    GHashTable *table = owner_table(connection, true);
+    if (table)
+        g_hash_table_replace(table, g_strdup(name), g_strdup(owner));
+}
+
+static void forget_owner(DBusConnection *connection, const char *name)
+{
+    GHashTable *table = owner_table(connection, false);
+    if (table)
+        g_hash_table_remove(table, name);
+}
+
+static void update_name_cache(DBusConnection *connection, const char *name, const char *owner)
+{
+    // owner may point into one of the entries about to be replaced.
+    scoped_gmem<char> copy(g_strdup(owner));
+
+    cache_owner(connection, name, copy.get());
+    for (struct filter_data *data = listeners_head; data; data = data->next) {
+        if (data->connection != connection || g_strcmp0(data->name, name) != 0)
+            continue;
+        g_free(data->owner);
+        data->owner = g_strdup(copy.get());
+    }
+}
+
+static const char *check_name_cache(DBusConnection *connection, const char *name)
+{
+    const char *owner = cached_owner(connection, name);
+
+    // An empty owner means the name is known to have none.
+    if (owner && owner[0] != '\0')
+        return owner;
+    return nullptr;
+}
+
+// The bus's GetNameOwner call for name, or null.
+static DBusMessage *new_get_name_owner(const char *name)
+{
+    scoped_message message(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                        DBUS_INTERFACE_DBUS, "GetNameOwner"));
+    if (!message ||
+        !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID))
+        return nullptr;
+    return message.release();
+}
+
+// The owner of name from the cache, else asked of the bus (blocking, as
+// adding a match rule does); null when the bus could not say.
+static const char *known_owner(DBusConnection *connection, const char *name)
+{
+    const char *owner = cached_owner(connection, name);
+    if (owner)
+        return owner;
+
+    scoped_message message(new_get_name_owner(name));
+    if (!message)
+        return nullptr;
+    scoped_dbus_error error;
+    scoped_message reply(
+        bus->send_with_reply_and_block(connection, message.get(), -1, error.get()));
+    if (reply) {
+        if (dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &owner,
+                                  DBUS_TYPE_INVALID))
+            cache_owner(connection, name, owner);
+    } else if (dbus_error_has_name(error.get(), DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        cache_owner(connection, name, "");
+    }
+    return cached_owner(connection, name);
+}
+
+static struct name_keeper *find_name_keeper(DBusConnection *connection, const char *name)
+{
+    for (GSList *l = name_keepers; l; l = l->next) {
+        auto *keeper = static_cast<struct name_keeper *>(l->data);
+        if (keeper->connection == connection && strcmp(keeper->name, name) == 0)
+            return keeper;
     }
     return nullptr;
 }
 
-static void release_name_keeper(DBusConnection *connection, const char *name);
+// Returns the id of the name-owner watch that keeps the name's owner
+// current, shared by every signal match with that sender.
+static guint acquire_name_keeper(DBusConnection *connection, const char *name)
+{
+    struct name_keeper *keeper = find_name_keeper(connection, name);
+    // The shared watch may have gone with g_dbus_remove_all_watches.
+    if (keeper && g_hash_table_contains(callbacks_by_id, GUINT_TO_POINTER(keeper->id))) {
+        keeper->users++;
+        // Kept: the id a watch of its own would have taken is skipped, so ids
+        // stay what they were before matches shared one
+        // (WatchIndex.WellKnownSenderFollowsItsOwnerAndSkipsAnId).
+        ++listener_id;
+        return keeper->id;
+    }
+
+    guint id = g_dbus_add_service_watch(connection, name, nullptr, nullptr, nullptr, nullptr);
+    if (id == 0)
+        return 0;
+    if (!keeper) {
+        keeper = g_new0(struct name_keeper, 1);
+        keeper->connection = connection;
+        keeper->name = g_strdup(name);
+        name_keepers = g_slist_prepend(name_keepers, keeper);
+    }
+    keeper->id = id;
+    keeper->users++;
+    return id;
+}
+
+static void release_name_keeper(DBusConnection *connection, const char *name)
+{
+    struct name_keeper *keeper = find_name_keeper(connection, name);
+    if (!keeper || --keeper->users > 0)
+        return;
+    name_keepers = g_slist_remove(name_keepers, keeper);
+    g_dbus_remove_watch(connection, keeper->id);
+    g_free(keeper->name);
+    g_free(keeper);
+}
+
+static void service_data_free(struct service_data *data)
+{
+    struct filter_callback *callback = data->callback;
+
+    dbus_connection_unref(data->conn);
+    if (data->call)
+        dbus_pending_call_unref(data->call);
+    if (data->id)
+        g_source_remove(data->id);
+    g_free(data->name);
+    g_free(data->owner);
+    g_free(data);
+
+    if (callback)
+        callback->data = nullptr;
+}
+
+static gboolean update_service(void *user_data)
+{
+    auto *data = static_cast<struct service_data *>(user_data);
+    struct filter_callback *cb = data->callback;
+
+    // The source ends with this run. The connect function may remove its
+    // own watch: detach the check first so that removal does not free it.
+    data->id = 0;
+    data->callback = nullptr;
+    if (cb)
+        cb->data = nullptr;
+
+    // An owner taken from the cache goes back only if it came from the bus:
+    // a NameOwnerChanged handled meanwhile is newer than the idle source.
+    if (data->call)
+        update_name_cache(data->conn, data->name, data->owner);
+    if (cb && cb->conn_func)
+        cb->conn_func(data->conn, cb->user_data);
+
+    service_data_free(data);
+    return FALSE;
+}
+
+static void service_reply(DBusPendingCall *call, void *user_data)
+{
+    auto *data = static_cast<struct service_data *>(user_data);
+    scoped_message reply(dbus_pending_call_steal_reply(call));
+    const char *owner = nullptr;
+
+    if (!reply)
+        return;
+
+    scoped_dbus_error error;
+    if (dbus_set_error_from_message(error.get(), reply.get()) ||
+        !dbus_message_get_args(reply.get(), error.get(), DBUS_TYPE_STRING, &owner,
+                               DBUS_TYPE_INVALID)) {
+        service_data_free(data);
+    } else {
+        data->owner = g_strdup(owner);
+        update_service(data);
+    }
+}
+
+static void check_service(DBusConnection *connection, const char *name,
+                          struct filter_callback *callback)
+{
+    auto *data = static_cast<struct service_data *>(g_try_malloc0(sizeof(struct service_data)));
+    if (!data)
+        return;
+
+    data->conn = dbus_connection_ref(connection);
+    data->name = g_strdup(name);
+    data->callback = callback;
+    callback->data = data;
+
+    const char *owner = check_name_cache(connection, name);
+    if (owner) {
+        data->owner = g_strdup(owner);
+        data->id = g_idle_add(update_service, data);
+        g_dbus_note_source_attached();
+        return;
+    }
+
+    scoped_message message(new_get_name_owner(name));
+    if (!message || !bus->send_with_reply(connection, message.get(), &data->call, -1) ||
+        !data->call) {
+        service_data_free(data);
+        return;
+    }
+    dbus_pending_call_set_notify(data->call, service_reply, data, nullptr);
+}
+
+// ---- registrations ----
 
 static void free_callback(struct filter_callback *cb)
 {
@@ -711,23 +977,6 @@ static struct filter_callback *filter_data_add_callback(struct filter_data *data
     return cb;
 }
 
-static void service_data_free(struct service_data *data)
-{
-    struct filter_callback *callback = data->callback;
-
-    dbus_connection_unref(data->conn);
-    if (data->call)
-        dbus_pending_call_unref(data->call);
-    if (data->id)
-        g_source_remove(data->id);
-    g_free(data->name);
-    g_free(data->owner);
-    g_free(data);
-
-    if (callback)
-        callback->data = nullptr;
-}
-
 static gboolean filter_data_remove_callback(struct filter_data *data, struct filter_callback *cb)
 {
     data->callbacks = g_slist_remove(data->callbacks, cb);
@@ -762,142 +1011,26 @@ static gboolean filter_data_remove_callback(struct filter_data *data, struct fil
     return TRUE;
 }
 
-static void update_name_cache(DBusConnection *connection, const char *name, const char *owner)
+static void release_all_callbacks(struct filter_data *data, GSList **list)
 {
-    // owner may point into one of the entries about to be replaced.
-    scoped_gmem<char> copy(g_strdup(owner));
+    while (*list) {
+        auto *cb = static_cast<struct filter_callback *>((*list)->data);
+        *list = g_slist_delete_link(*list, *list);
 
-    cache_owner(connection, name, copy.get());
-    for (struct filter_data *data = listeners_head; data; data = data->next) {
-        if (data->connection != connection || g_strcmp0(data->name, name) != 0)
-            continue;
-        g_free(data->owner);
-        data->owner = g_strdup(copy.get());
+        if (cb->data) {
+            if (cb->data->call)
+                dbus_pending_call_cancel(cb->data->call);
+            service_data_free(cb->data);
+        }
+        if (cb->disc_func)
+            cb->disc_func(data->connection, cb->user_data);
+        if (cb->destroy_func)
+            cb->destroy_func(cb->user_data);
+        free_callback(cb);
     }
 }
 
-static const char *check_name_cache(DBusConnection *connection, const char *name)
-{
-    const char *owner = cached_owner(connection, name);
-
-    // An empty owner means the name is known to have none.
-    if (owner && owner[0] != '\0')
-        return owner;
-    return nullptr;
-}
-
-// The bus's GetNameOwner call for name, or null.
-static DBusMessage *new_get_name_owner(const char *name)
-{
-    scoped_message message(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
-                                                        DBUS_INTERFACE_DBUS, "GetNameOwner"));
-    if (!message ||
-        !dbus_message_append_args(message.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID))
-        return nullptr;
-    return message.release();
-}
-
-// The owner of name from the cache, else asked of the bus (blocking, as
-// adding a match rule does); null when the bus could not say.
-static const char *known_owner(DBusConnection *connection, const char *name)
-{
-    const char *owner = cached_owner(connection, name);
-    if (owner)
-        return owner;
-
-    scoped_message message(new_get_name_owner(name));
-    if (!message)
-        return nullptr;
-    scoped_dbus_error error;
-    scoped_message reply(
-        dbus_connection_send_with_reply_and_block(connection, message.get(), -1, error.get()));
-    if (reply) {
-        if (dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_STRING, &owner,
-                                  DBUS_TYPE_INVALID))
-            cache_owner(connection, name, owner);
-    } else if (dbus_error_has_name(error.get(), DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        cache_owner(connection, name, "");
-    }
-    return cached_owner(connection, name);
-}
-
-gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender)
-{
-    if (!connection || !sender || sender[0] != ':' || !g_dbus_valid_string(name))
-        return FALSE;
-    return g_strcmp0(known_owner(connection, name), sender) == 0;
-}
-
-static gboolean update_service(void *user_data)
-{
-    auto *data = static_cast<struct service_data *>(user_data);
-    struct filter_callback *cb = data->callback;
-
-    // The source ends with this run. The connect function may remove its
-    // own watch: detach the check first so that removal does not free it.
-    data->id = 0;
-    data->callback = nullptr;
-    if (cb)
-        cb->data = nullptr;
-
-    // An owner taken from the cache goes back only if it came from the bus:
-    // a NameOwnerChanged handled meanwhile is newer than the idle source.
-    if (data->call)
-        update_name_cache(data->conn, data->name, data->owner);
-    if (cb && cb->conn_func)
-        cb->conn_func(data->conn, cb->user_data);
-
-    service_data_free(data);
-    return FALSE;
-}
-
-static void service_reply(DBusPendingCall *call, void *user_data)
-{
-    auto *data = static_cast<struct service_data *>(user_data);
-    scoped_message reply(dbus_pending_call_steal_reply(call));
-    const char *owner = nullptr;
-
-    if (!reply)
-        return;
-
-    scoped_dbus_error error;
-    if (dbus_set_error_from_message(error.get(), reply.get()) ||
-        !dbus_message_get_args(reply.get(), error.get(), DBUS_TYPE_STRING, &owner,
-                               DBUS_TYPE_INVALID)) {
-        service_data_free(data);
-    } else {
-        data->owner = g_strdup(owner);
-        update_service(data);
-    }
-}
-
-static void check_service(DBusConnection *connection, const char *name,
-                          struct filter_callback *callback)
-{
-    auto *data = static_cast<struct service_data *>(g_try_malloc0(sizeof(struct service_data)));
-    if (!data)
-        return;
-
-    data->conn = dbus_connection_ref(connection);
-    data->name = g_strdup(name);
-    data->callback = callback;
-    callback->data = data;
-
-    const char *owner = check_name_cache(connection, name);
-    if (owner) {
-        data->owner = g_strdup(owner);
-        data->id = g_idle_add(update_service, data);
-        return;
-    }
-
-    scoped_message message(new_get_name_owner(name));
-    if (!message || !dbus_connection_send_with_reply(connection, message.get(), &data->call, -1) ||
-        !data->call) {
-        service_data_free(data);
-        return;
-    }
-    dbus_pending_call_set_notify(data->call, service_reply, data, nullptr);
-}
+// ---- dispatch ----
 
 static gboolean signal_filter(DBusConnection *connection, DBusMessage *message,
                               struct filter_data *data)
@@ -991,47 +1124,6 @@ static bool match_passes(struct filter_data *data, const char *sender, const cha
     return true;
 }
 
-// The matches a message can concern: those with its path and those without
-// any, merged back into creation order. Each is held until released, so
-// callbacks may remove any match meanwhile.
-static guint collect_candidates(struct connection_index *index, const char *path,
-                                struct filter_data **out, guint room)
-{
-    auto *by_path =
-        path ? static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path))
-             : nullptr;
-    guint wild = 0;
-    guint n = 0;
-
-    while (n < room && (by_path || wild < index->wildcard->len)) {
-        struct filter_data *next;
-        auto *w = wild < index->wildcard->len
-                      ? static_cast<struct filter_data *>(g_ptr_array_index(index->wildcard, wild))
-                      : nullptr;
-        if (by_path && (!w || by_path->seq < w->seq)) {
-            next = by_path;
-            by_path = by_path->next_same_path;
-        } else {
-            next = w;
-            wild++;
-        }
-        next->holds++;
-        out[n++] = next;
-    }
-    return n;
-}
-
-static guint count_candidates(struct connection_index *index, const char *path)
-{
-    guint n = index->wildcard->len;
-    if (path) {
-        auto *data = static_cast<struct filter_data *>(g_hash_table_lookup(index->by_path, path));
-        for (; data; data = data->next_same_path)
-            n++;
-    }
-    return n;
-}
-
 static void let_go(struct filter_data *data)
 {
     if (--data->holds == 0 && !data->listed)
@@ -1110,6 +1202,15 @@ static DBusHandlerResult message_filter(DBusConnection *connection, DBusMessage 
     return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
+// ---- public functions ----
+
+gboolean g_dbus_is_name_owner(DBusConnection *connection, const char *name, const char *sender)
+{
+    if (!connection || !sender || sender[0] != ':' || !g_dbus_valid_string(name))
+        return FALSE;
+    return g_strcmp0(known_owner(connection, name), sender) == 0;
+}
+
 guint g_dbus_add_service_watch(DBusConnection *connection, const char *name,
                                g_dbus_watch_function_t connect, g_dbus_watch_function_t disconnect,
                                void *user_data, GDestroyNotify destroy)
@@ -1136,54 +1237,6 @@ guint g_dbus_add_disconnect_watch(DBusConnection *connection, const char *name,
                                   GDestroyNotify destroy)
 {
     return g_dbus_add_service_watch(connection, name, nullptr, disconnect, user_data, destroy);
-}
-
-static struct name_keeper *find_name_keeper(DBusConnection *connection, const char *name)
-{
-    for (GSList *l = name_keepers; l; l = l->next) {
-        auto *keeper = static_cast<struct name_keeper *>(l->data);
-        if (keeper->connection == connection && strcmp(keeper->name, name) == 0)
-            return keeper;
-    }
-    return nullptr;
-}
-
-// Returns the id of the name-owner watch that keeps the name's owner
-// current, shared by every signal match with that sender.
-static guint acquire_name_keeper(DBusConnection *connection, const char *name)
-{
-    struct name_keeper *keeper = find_name_keeper(connection, name);
-    // The shared watch may have gone with g_dbus_remove_all_watches.
-    if (keeper && g_hash_table_contains(callbacks_by_id, GUINT_TO_POINTER(keeper->id))) {
-        keeper->users++;
-        // Ids stay what they were when every match had a watch of its own.
-        ++listener_id;
-        return keeper->id;
-    }
-
-    guint id = g_dbus_add_service_watch(connection, name, nullptr, nullptr, nullptr, nullptr);
-    if (id == 0)
-        return 0;
-    if (!keeper) {
-        keeper = g_new0(struct name_keeper, 1);
-        keeper->connection = connection;
-        keeper->name = g_strdup(name);
-        name_keepers = g_slist_prepend(name_keepers, keeper);
-    }
-    keeper->id = id;
-    keeper->users++;
-    return id;
-}
-
-static void release_name_keeper(DBusConnection *connection, const char *name)
-{
-    struct name_keeper *keeper = find_name_keeper(connection, name);
-    if (!keeper || --keeper->users > 0)
-        return;
-    name_keepers = g_slist_remove(name_keepers, keeper);
-    g_dbus_remove_watch(connection, keeper->id);
-    g_free(keeper->name);
-    g_free(keeper);
 }
 
 static guint add_signal_watch_full(DBusConnection *connection, const char *sender, const char *path,
@@ -1247,25 +1300,6 @@ gboolean g_dbus_remove_watch(DBusConnection *connection, guint id)
     return TRUE;
 }
 
-static void release_all_callbacks(struct filter_data *data, GSList **list)
-{
-    while (*list) {
-        auto *cb = static_cast<struct filter_callback *>((*list)->data);
-        *list = g_slist_delete_link(*list, *list);
-
-        if (cb->data) {
-            if (cb->data->call)
-                dbus_pending_call_cancel(cb->data->call);
-            service_data_free(cb->data);
-        }
-        if (cb->disc_func)
-            cb->disc_func(data->connection, cb->user_data);
-        if (cb->destroy_func)
-            cb->destroy_func(cb->user_data);
-        free_callback(cb);
-    }
-}
-
 void g_dbus_remove_all_watches(DBusConnection *connection)
 {
     if (!connection)
@@ -1302,4 +1336,9 @@ void g_dbus_match_batch_end(DBusConnection *connection)
 void g_dbus_set_rule_fallback_function(g_dbus_rule_fallback_function_t function)
 {
     fallback_function = function;
+}
+
+void g_dbus_set_watch_bus_ops(const struct g_dbus_watch_bus_ops *ops)
+{
+    bus = ops ? ops : &libdbus_ops;
 }

@@ -1,9 +1,10 @@
-// The slot helpers the client modules share, on the default main context:
-// coalescing and cancelling. (An owner that goes away inside its own
-// notification is ServiceProperties.ReportsQueuedForAFreedListAreDropped.)
+// The ordered report queue on the default main context, without a bus: its
+// order must be that of one 0 ms timeout per report.
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "connman-client/pending.h"
@@ -11,37 +12,38 @@
 namespace
 {
 
+std::vector<std::string> delivered;
+
 struct Owner {
-    struct cui_notification *slot = nullptr;
-    std::vector<int> calls;
-    int destroyed = 0;
-    bool rearm_once = false;
+    explicit Owner(const char *n) : name(n) {}
+    const char *name;
+    guint reports = 0;
+    std::function<void()> on_delivery;
 };
 
-struct Note {
-    Owner *owner;
-    int value;
-};
-
-void record(void *data)
+void deliver(void *owner, unsigned int index, bool failed)
 {
-    auto *note = static_cast<Note *>(data);
-    note->owner->calls.push_back(note->value);
-    if (note->owner->rearm_once) {
-        note->owner->rearm_once = false;
-        cui_notify_later(&note->owner->slot, record, new Note{note->owner, note->value + 1},
-                         [](void *d) {
-                             static_cast<Note *>(d)->owner->destroyed++;
-                             delete static_cast<Note *>(d);
-                         });
-    }
+    auto *self = static_cast<Owner *>(owner);
+    delivered.push_back(std::string(self->name) + std::to_string(index) + (failed ? "!" : ""));
+    if (self->on_delivery)
+        self->on_delivery();
 }
 
-void destroy_note(void *data)
+void report(Owner &owner, unsigned int index, bool failed = false)
 {
-    auto *note = static_cast<Note *>(data);
-    note->owner->destroyed++;
-    delete note;
+    cui_report(&owner.reports, &owner, deliver, index, failed);
+}
+
+// A foreign 0 ms source, as a pending call or another module would attach.
+void attach_marker(const char *name)
+{
+    g_timeout_add(
+        0,
+        [](void *text) {
+            delivered.push_back(static_cast<const char *>(text));
+            return G_SOURCE_REMOVE;
+        },
+        const_cast<char *>(name));
 }
 
 // Runs the main context until everything of default priority has run.
@@ -58,50 +60,60 @@ void drain()
         g_main_context_iteration(nullptr, TRUE);
 }
 
-TEST(Pending, NotificationsCoalesceAndClearTheirSlot)
-{
-    Owner owner;
-    for (int value = 1; value <= 3; value++)
-        cui_notify_later(&owner.slot, record, new Note{&owner, value}, destroy_note);
-    EXPECT_NE(owner.slot, nullptr);
-    drain();
-    EXPECT_EQ(owner.calls, std::vector<int>{3}) << "one report, with the newest data";
-    EXPECT_EQ(owner.destroyed, 3) << "dropped notifications release their data too";
-    EXPECT_EQ(owner.slot, nullptr);
+using Order = std::vector<std::string>;
 
-    // A notification armed from inside its own callback runs on the next turn.
-    owner.calls.clear();
-    owner.rearm_once = true;
-    cui_notify_later(&owner.slot, record, new Note{&owner, 10}, destroy_note);
+TEST(ReportQueue, OrderIsThatOfOneTimeoutPerReport)
+{
+    delivered.clear();
+    Owner a("a"), b("b");
+    {
+        scoped_report_batch batch;
+        report(a, 0);
+        report(b, 1);
+        report(a, 0, true); // a failed write is not the same report as a change
+        cui_report_close_batch();
+        attach_marker("S1");
+        report(a, 1);
+        report(a, 0); // queued again: only this one counts, behind S1
+    }
+    attach_marker("S2");
+    report(b, 2); // outside a scope: its own timeout
+    attach_marker("S3");
+    report(b, 3);
+    EXPECT_NE(a.reports, 0u);
     drain();
-    drain();
-    EXPECT_EQ(owner.calls, (std::vector<int>{10, 11}));
-    EXPECT_EQ(owner.slot, nullptr);
+    EXPECT_EQ(delivered, (Order{"b1", "a0!", "S1", "a1", "a0", "S2", "b2", "S3", "b3"}));
+    EXPECT_EQ(a.reports, 0u) << "the handle is cleared once nothing is queued";
+    EXPECT_EQ(b.reports, 0u);
 }
 
-TEST(Pending, CancelDropsTheNotificationAndTheSource)
+TEST(ReportQueue, DeliveriesMayForgetOwnersAndQueueMore)
 {
-    Owner owner;
-    cui_notify_cancel(&owner.slot); // nothing pending: no effect
-    cui_notify_later(&owner.slot, record, new Note{&owner, 1}, destroy_note);
-    cui_notify_cancel(&owner.slot);
-    EXPECT_EQ(owner.slot, nullptr);
-    EXPECT_EQ(owner.destroyed, 1);
-
-    int fired = 0;
-    guint source = g_timeout_add(
-        0,
-        [](void *count) {
-            ++*static_cast<int *>(count);
-            return G_SOURCE_REMOVE;
-        },
-        &fired);
-    cui_remove_source(&source);
-    EXPECT_EQ(source, 0u);
-    cui_remove_source(&source);
+    delivered.clear();
+    Owner a("a"), b("b"), c("c");
+    a.on_delivery = [&] {
+        a.on_delivery = nullptr;
+        cui_reports_forget(&b.reports); // b's record goes away
+        report(a, 2);
+        attach_marker("S");
+        report(a, 3);
+    };
+    {
+        scoped_report_batch batch;
+        report(a, 0);
+        report(b, 0);
+        report(c, 0);
+    }
+    cui_reports_forget(&c.reports);
+    cui_reports_forget(&c.reports); // nothing left: no effect
     drain();
-    EXPECT_TRUE(owner.calls.empty());
-    EXPECT_EQ(fired, 0);
+    EXPECT_EQ(delivered, (Order{"a0", "a2", "S", "a3"}));
+    EXPECT_EQ(b.reports, 0u);
+
+    // A forgotten owner may queue again.
+    report(b, 5);
+    drain();
+    EXPECT_EQ(delivered.back(), "b5");
 }
 
 } // namespace
