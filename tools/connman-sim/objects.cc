@@ -501,6 +501,7 @@ void Engine::disconnect_bus()
         tech->scan_waiters.clear();
     }
     clear_timer(services_changed_timer);
+    clear_timer(autoconnect_timer);
     forget_agent();
     unregister_objects();
     GDBusConnection *conn = connection;
@@ -991,12 +992,16 @@ void Engine::input_answered(const std::string &ident, unsigned request, GVariant
             return;
         }
         if (!via_wps && passphrase != net.passphrase) {
-            // The handshake fails: the daemon marks the key invalid and tells the agent.
+            // The handshake fails. The daemon marks the key invalid, tells
+            // the agent, gives the service up (idle, Cancel to the agent)
+            // and fails the Connect with the supplicant's I/O error.
             set_state(*svc, "association");
             set_error(*svc, "invalid-key");
             set_state(*svc, "failure");
             call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "invalid-key"));
-            finish_connect(*svc, "net.connman.Error.InvalidArguments", "Invalid arguments");
+            set_state(*svc, "idle");
+            call_agent("Cancel", g_variant_new("()"));
+            finish_connect(*svc, "net.connman.Error.Failed", "Input/output error");
             return;
         }
     }

@@ -135,6 +135,8 @@ struct Engine {
     void set_carrier(Svc &svc, bool up);
     void set_offline(bool offline);
     void update_visibility();
+    GSource *autoconnect_timer = nullptr;
+    void schedule_autoconnect();
     void show(Svc &svc);
     void hide(Svc &svc);
 

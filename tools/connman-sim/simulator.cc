@@ -123,6 +123,7 @@ Engine::~Engine()
         for (auto &tech : techs)
             clear_timer(tech->scan_timer);
         clear_timer(services_changed_timer);
+        clear_timer(autoconnect_timer);
     });
     // Closing the connection completes the calls still in flight; let their
     // callbacks run so nothing they own is left behind.
@@ -309,7 +310,8 @@ void Engine::remove_network(const std::string &ident)
     if (it == svcs.end())
         return;
     Svc &svc = **it;
-    abort_connect(svc);
+    // A network that goes takes its connection with it.
+    disconnect(svc);
     if (svc.visible)
         hide(svc);
     std::unique_ptr<Svc> gone = std::move(*it);
@@ -392,6 +394,31 @@ void Engine::update_visibility()
             !s.user_disconnected && !s.step_timer)
             start_connect(s, nullptr);
     }
+    schedule_autoconnect();
+}
+
+// A remembered Wi-Fi network in sight is joined with its stored passphrase,
+// without the agent, once the radio is idle. Later than the services'
+// announcement, so that clients know the service whose state moves.
+void Engine::schedule_autoconnect()
+{
+    if (!connection || autoconnect_timer)
+        return;
+    autoconnect_timer = add_timer(step_ms, [this] {
+        clear_timer(autoconnect_timer);
+        Svc *best = nullptr;
+        for (Svc *svc : ordered_visible()) {
+            if (!svc->is_wifi())
+                continue;
+            if (svc->connected() || svc->connecting() || svc->agent_request || svc->connect_call)
+                return;
+            if (!best && svc->favorite && svc->autoconnect && svc->has_credentials &&
+                svc->state == "idle" && !svc->user_disconnected)
+                best = svc;
+        }
+        if (best)
+            start_connect(*best, nullptr);
+    });
 }
 
 void Engine::show(Svc &svc)
@@ -408,6 +435,10 @@ void Engine::show(Svc &svc)
 void Engine::hide(Svc &svc)
 {
     svc.visible = false;
+    // The daemon drops Wi-Fi services with the radio; the ones it makes when
+    // the radio is back know nothing of an earlier Disconnect.
+    if (svc.is_wifi())
+        svc.user_disconnected = false;
     if (connection)
         removed_paths.push_back(svc.path());
     schedule_services_changed();
@@ -707,7 +738,7 @@ static void add_manual_ipv4(GVariantBuilder *b, const Ipv4Config &c)
 static void add_manual_ipv6(GVariantBuilder *b, const Ipv6Config &c)
 {
     add_string(b, "Address", c.address);
-    g_variant_builder_add(b, "{sv}", "Prefix", g_variant_new_uint16(c.prefix));
+    g_variant_builder_add(b, "{sv}", "PrefixLength", g_variant_new_byte(c.prefix));
     if (!c.gateway.empty())
         add_string(b, "Gateway", c.gateway);
 }
@@ -744,8 +775,9 @@ static GVariant *ipv6_value(const Svc &svc, bool live)
         add_manual_ipv6(&b, c);
     } else if (live && c.method != "off") {
         add_string(&b, "Address", svc.net.ipv6_address);
-        g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(svc.net.ipv6_prefix));
-        add_string(&b, "Gateway", svc.net.ipv6_gateway);
+        g_variant_builder_add(&b, "{sv}", "PrefixLength", g_variant_new_byte(svc.net.ipv6_prefix));
+        if (!svc.net.ipv6_gateway.empty())
+            add_string(&b, "Gateway", svc.net.ipv6_gateway);
         add_string(&b, "Privacy", c.privacy);
     }
     // The configuration always carries the privacy; the live dictionary only
