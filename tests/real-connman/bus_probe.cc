@@ -144,6 +144,7 @@ BusWatch::BusWatch(const std::string &address) : conn_(connect_bus(address))
         "type='method_call',interface='net.connman.Manager',member='RegisterAgent'",
         "type='method_call',interface='net.connman.Agent'",
         "type='method_call',interface='net.connman.Technology',member='SetProperty'",
+        "type='method_call',interface='net.connman.Service'",
         "type='method_return'",
         "type='error'",
         nullptr,

@@ -19,8 +19,8 @@ namespace
 {
 
 // Plugins that would reach for hardware, other daemons or the host's
-// settings; only the ethernet plugin is left.
-const char *const kExcludedPlugins = "wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,"
+// settings; only the ethernet plugin (and wifi, for a Wi-Fi link) is left.
+const char *const kExcludedPlugins = "bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,"
                                      "session_policy_local,loopback,hostname,tist,polkit,wispr,ntp";
 
 std::string connmand_path()
@@ -127,7 +127,7 @@ std::string RealConnman::unavailable_reason()
     return reason;
 }
 
-RealConnman::RealConnman()
+RealConnman::RealConnman(const Links &links) : links_(links)
 {
     static int count = 0;
     std::string tag = std::to_string(getpid()) + "-" + std::to_string(count++);
@@ -155,33 +155,61 @@ RealConnman::RealConnman()
 void RealConnman::make_namespaces()
 {
     std::string ip = tool("ip");
+    std::string ethtool = tool("ethtool");
     run_or_throw({ip, "netns", "add", ns_a_});
     run_or_throw({ip, "netns", "add", ns_b_});
-    // Both ends are created inside their namespaces, so parallel runs never
-    // meet on the names vA and vB.
-    run_or_throw({ip, "link", "add", "name", "vA", "netns", ns_a_, "type", "veth", "peer", "name",
-                  "vB", "netns", ns_b_});
-    run_or_throw({ip, "-n", ns_b_, "addr", "add", "192.0.2.1/24", "dev", "vB"});
-    run_or_throw({ip, "-n", ns_b_, "link", "set", "vB", "up"});
     run_or_throw({ip, "-n", ns_a_, "link", "set", "lo", "up"});
     run_or_throw({ip, "-n", ns_b_, "link", "set", "lo", "up"});
-    // Without this the DHCP offers arrive with partial checksums and
-    // ConnMan's raw-socket client drops them.
-    std::string ethtool = tool("ethtool");
-    run_or_throw({ip, "netns", "exec", ns_b_, ethtool, "-K", "vB", "tx", "off"});
-    run_or_throw({ip, "netns", "exec", ns_a_, ethtool, "-K", "vA", "tx", "off"});
+    auto pair = [&](const std::string &near, const std::string &far, const std::string &address) {
+        // Both ends are created inside their namespaces, so parallel runs
+        // never meet on the names.
+        run_or_throw({ip, "link", "add", "name", near, "netns", ns_a_, "type", "veth", "peer",
+                      "name", far, "netns", ns_b_});
+        run_or_throw({ip, "-n", ns_b_, "addr", "add", address, "dev", far});
+        run_or_throw({ip, "-n", ns_b_, "link", "set", far, "up"});
+        // Without this the DHCP offers arrive with partial checksums and
+        // ConnMan's raw-socket client drops them.
+        run_or_throw({ip, "netns", "exec", ns_b_, ethtool, "-K", far, "tx", "off"});
+        run_or_throw({ip, "netns", "exec", ns_a_, ethtool, "-K", near, "tx", "off"});
+    };
+    if (links_.ethernet)
+        pair("vA", "vB", links_.wifi ? "198.51.100.1/24" : "192.0.2.1/24");
+    if (links_.wifi)
+        pair("wlan0", "wB", "192.0.2.1/24");
+    if (links_.ipv6_ra)
+        run_or_throw({ip, "-n", ns_b_, "addr", "add", "2001:db8:1::1/64", "dev",
+                      links_.wifi ? "wB" : "vB", "nodad"});
 }
 
 void RealConnman::start_dhcp_server()
 {
     std::string log = dir_ + "/dnsmasq.log";
-    dnsmasq_pid_ =
-        spawn({tool("ip"), "netns", "exec", ns_b_, tool("dnsmasq"), "--keep-in-foreground",
-               "--user=root", "--no-resolv", "--port=0", "--interface=vB", "--bind-interfaces",
-               "--dhcp-range=192.0.2.50,192.0.2.99,255.255.255.0,1h",
-               "--dhcp-option=6,192.0.2.53,192.0.2.54", "--dhcp-leasefile=" + dir_ + "/leases",
-               "--pid-file=" + dir_ + "/dnsmasq.pid", "--log-dhcp", "--log-facility=" + log},
-              dir_ + "/dnsmasq.out");
+    std::vector<std::string> args = {tool("ip"),      "netns",
+                                     "exec",          ns_b_,
+                                     tool("dnsmasq"), "--keep-in-foreground",
+                                     "--user=root",   "--no-resolv",
+                                     "--port=0",      "--bind-interfaces"};
+    // Tagged ranges give each link its own name servers.
+    if (links_.ethernet && links_.wifi) {
+        args.insert(args.end(),
+                    {"--interface=vB", "--interface=wB",
+                     "--dhcp-range=set:eth,198.51.100.50,198.51.100.99,255.255.255.0,1h",
+                     "--dhcp-option=tag:eth,6,198.51.100.53,198.51.100.54",
+                     "--dhcp-range=set:wifi,192.0.2.50,192.0.2.99,255.255.255.0,1h",
+                     "--dhcp-option=tag:wifi,6,192.0.2.53,192.0.2.54"});
+    } else {
+        args.insert(args.end(), {links_.wifi ? "--interface=wB" : "--interface=vB",
+                                 "--dhcp-range=192.0.2.50,192.0.2.99,255.255.255.0,1h",
+                                 "--dhcp-option=6,192.0.2.53,192.0.2.54"});
+    }
+    if (links_.ipv6_ra)
+        args.insert(args.end(),
+                    {"--enable-ra", "--dhcp-range=2001:db8:1::,ra-only,64",
+                     std::string("--ra-param=") + (links_.wifi ? "wB" : "vB") + ",10,600"});
+    args.insert(args.end(),
+                {"--dhcp-leasefile=" + dir_ + "/leases", "--pid-file=" + dir_ + "/dnsmasq.pid",
+                 "--log-dhcp", "--log-facility=" + log});
+    dnsmasq_pid_ = spawn(args, dir_ + "/dnsmasq.out");
     // dnsmasq changes its credentials, which clears the parent's death signal.
     clean_up_after_exit({dnsmasq_pid_}, {});
     bool ready = wait_until(
@@ -224,12 +252,20 @@ void RealConnman::start_daemon()
         throw std::runtime_error("connmand already running");
     // A private mount namespace keeps the daemon's state and run files in the
     // test's directory.
+    std::string links = links_.wifi ? (links_.ethernet ? "wlan0,vA" : "wlan0") : "vA";
+    std::string plugins = std::string(links_.wifi ? "" : "wifi,") + kExcludedPlugins;
+    // The daemon takes a link for Wi-Fi when its uevent says DEVTYPE=wlan;
+    // the file is replaced in the daemon's mount namespace only.
+    std::string wlan = links_.wifi ? "printf 'DEVTYPE=wlan\\nINTERFACE=wlan0\\nIFINDEX=%s\\n' "
+                                     "\"$(cat /sys/class/net/wlan0/ifindex)\" > \"$6\" && "
+                                     "mount --bind \"$6\" /sys/class/net/wlan0/uevent && "
+                                   : "";
     connmand_pid_ = spawn({tool("ip"), "netns", "exec", ns_a_, tool("unshare"), "-m",
                            "--propagation", "private", tool("sh"), "-c",
-                           "mount --bind \"$1\" /var/lib && mount --bind \"$2\" /run && "
-                           "exec \"$3\" -n -r -c \"$4\" -i vA -P \"$5\"",
+                           "mount --bind \"$1\" /var/lib && mount --bind \"$2\" /run && " + wlan +
+                               "exec \"$3\" -n -r -c \"$4\" -i \"$7\" -P \"$5\"",
                            "connmand-start", dir_ + "/varlib", dir_ + "/run", connmand_path(),
-                           dir_ + "/main.conf", kExcludedPlugins},
+                           dir_ + "/main.conf", plugins, dir_ + "/uevent", links},
                           dir_ + "/connmand.log");
 }
 
@@ -276,6 +312,18 @@ std::string RealConnman::mac() const
 {
     std::vector<std::string> found =
         words_after(ns_a_, {"link", "show", "dev", "vA"}, "link/ether");
+    return found.empty() ? "" : found[0];
+}
+
+std::vector<std::string> RealConnman::wifi_addresses() const
+{
+    return words_after(ns_a_, {"-4", "addr", "show", "dev", "wlan0"}, "inet");
+}
+
+std::string RealConnman::wlan_mac() const
+{
+    std::vector<std::string> found =
+        words_after(ns_a_, {"link", "show", "dev", "wlan0"}, "link/ether");
     return found.empty() ? "" : found[0];
 }
 

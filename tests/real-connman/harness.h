@@ -1,7 +1,9 @@
 // The real ConnMan daemon as a test peer: it manages one end of a veth pair
 // in a network namespace of its own, and dnsmasq serves DHCP on the other end
-// in a second namespace. Only the unix socket of the private system bus
-// connects it to the test process.
+// in a second namespace. A Wi-Fi link is a second veth pair whose device end
+// (wlan0) claims to be wireless; the test then runs the wpa_supplicant
+// stand-in (tools/wpa-sim) on the same private system bus. Only the unix socket of the private
+// system bus connects it to the test process.
 //
 // Everything the harness creates goes once the test process has gone,
 // however it ends (normal exit, failed assertion, signal or SIGKILL): a
@@ -22,9 +24,17 @@ class RealConnman
     // cannot (not root, no network namespaces, no connmand, missing tools).
     static std::string unavailable_reason();
 
-    // Namespaces, veth pair and DHCP server; throws std::runtime_error with
+    struct Links {
+        bool ethernet = true; // vA, on 192.0.2.0/24 alone, 198.51.100.0/24 beside Wi-Fi
+        bool wifi = false;    // wlan0, on 192.0.2.0/24
+        bool ipv6_ra = false; // router advertisements of 2001:db8:1::/64 on the Wi-Fi link
+                              // (or on the Ethernet link without Wi-Fi)
+    };
+
+    // Namespaces, veth pairs and DHCP server; throws std::runtime_error with
     // the failing command's output.
-    RealConnman();
+    RealConnman() : RealConnman(Links()) {}
+    explicit RealConnman(const Links &links);
     RealConnman(const RealConnman &) = delete;
     RealConnman &operator=(const RealConnman &) = delete;
 
@@ -40,6 +50,9 @@ class RealConnman
     std::vector<std::string> addresses() const;
     // vA's MAC address in lower case.
     std::string mac() const;
+    // The same for wlan0.
+    std::vector<std::string> wifi_addresses() const;
+    std::string wlan_mac() const;
 
     std::string daemon_log() const;
 
@@ -48,6 +61,7 @@ class RealConnman
     void start_dhcp_server();
     void write_daemon_files();
 
+    Links links_;
     std::string dir_;
     std::string ns_a_;
     std::string ns_b_;
