@@ -53,5 +53,6 @@ const char *const kLeaseFirst = "192.0.2.50";
 const int kLeaseLow = 50, kLeaseHigh = 99;
 const char *const kGateway = "192.0.2.1";
 const char *const kNetmask = "255.255.255.0";
+const char *const kNameservers[] = {"192.0.2.53", "192.0.2.54"};
 
 } // namespace compare

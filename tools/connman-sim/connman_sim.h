@@ -89,6 +89,10 @@ class Simulator
     // Ethernet: carrier up connects the service (association, configuration,
     // ready); carrier down takes it to idle and ends the technology's Connected.
     void set_carrier(const std::string &ident, bool up);
+    // Wi-Fi: out of range, a connection drops at once (the service ends in
+    // "failure" and Connect fails with an I/O error) and the network leaves
+    // the list at the next scan; back in range, it is listed again at once.
+    void set_in_range(const std::string &ident, bool in_range);
     void set_offline_mode(bool offline);
     bool has_network(const std::string &ident) const;
     bool has_technology(const std::string &type) const;

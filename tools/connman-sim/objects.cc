@@ -745,8 +745,13 @@ void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMeth
         Tech *t = &tech;
         tech.scan_timer = add_timer(scan_ms, [this, t] {
             clear_timer(t->scan_timer);
-            if (t->type == "wifi")
+            if (t->type == "wifi") {
+                for (auto &svc : svcs)
+                    if (svc->is_wifi())
+                        svc->seen = svc->in_range;
+                update_visibility();
                 emit_services_changed();
+            }
             for (auto *waiter : t->scan_waiters)
                 g_dbus_method_invocation_return_value(waiter, nullptr);
             t->scan_waiters.clear();
@@ -788,6 +793,12 @@ void Engine::svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodI
             error_reply(call, "net.connman.Error.InProgress", "In progress");
         } else if (svc.net.type == "ethernet" && !svc.net.carrier) {
             error_reply(call, "net.connman.Error.NoCarrier", "No carrier");
+        } else if (!svc.in_range) {
+            // The supplicant cannot find it: the attempt fails at once.
+            if (svc.state == "failure")
+                set_state(svc, "idle");
+            set_state(svc, "failure");
+            error_reply(call, "net.connman.Error.Failed", "Input/output error");
         } else {
             svc.user_disconnected = false;
             start_connect(svc, call);

@@ -368,6 +368,14 @@ CommandResult run_command(Simulator &sim, const std::string &line, std::string &
         sim.set_signal(first, static_cast<int>(value));
         return CommandResult::Ok;
     }
+    if (command == "range" && two_words && (second == "in" || second == "out")) {
+        if (!sim.has_network(first)) {
+            message = "no network " + first;
+            return CommandResult::Error;
+        }
+        sim.set_in_range(first, second == "in");
+        return CommandResult::Ok;
+    }
     if (command == "carrier" && two_words && (second == "up" || second == "down")) {
         if (!sim.has_network(first)) {
             message = "no network " + first;
@@ -384,8 +392,9 @@ CommandResult run_command(Simulator &sim, const std::string &line, std::string &
         sim.set_powered(first, second == "on");
         return CommandResult::Ok;
     }
-    message = "unknown command; use: strength IDENT N | signal IDENT DBM | carrier IDENT up|down | "
-              "add-network JSON | remove-network IDENT | power TYPE on|off | quit";
+    message = "unknown command; use: strength IDENT N | signal IDENT DBM | range IDENT in|out | "
+              "carrier IDENT up|down | add-network JSON | remove-network IDENT | "
+              "power TYPE on|off | quit";
     return CommandResult::Error;
 }
 

@@ -195,7 +195,7 @@ Svc *Engine::find_svc(const std::string &ident)
 bool Engine::should_be_visible(const Svc &svc)
 {
     Tech *tech = find_tech(svc.net.type);
-    return tech && tech->powered;
+    return tech && tech->powered && svc.seen;
 }
 
 // The daemon's order: connected services first, then remembered ones, then
@@ -266,6 +266,11 @@ void Engine::set_powered(Tech &tech, bool powered)
         return;
     tech.powered = powered;
     emit_tech_property(tech, "Powered");
+    // Switched on, the radio finds what is in range.
+    if (powered)
+        for (auto &svc : svcs)
+            if (svc->net.type == tech.type)
+                svc->seen = svc->in_range;
     if (!powered && tech.tethering) {
         tech.tethering = false;
         emit_tech_property(tech, "Tethering");
@@ -344,11 +349,26 @@ void Engine::set_carrier(Svc &svc, bool up)
             start_connect(svc, nullptr);
     } else {
         abort_connect(svc);
-        if (svc.connected()) {
-            set_state(svc, "disconnect");
-            set_state(svc, "idle");
-        }
+        if (svc.connected())
+            drop_connection(svc, false);
     }
+}
+
+void Engine::set_in_range(Svc &svc, bool in_range)
+{
+    if (svc.in_range == in_range)
+        return;
+    svc.in_range = in_range;
+    if (in_range) {
+        svc.seen = true;
+        update_visibility();
+        return;
+    }
+    // The association drops at once; the service stays listed until a scan
+    // no longer finds the network.
+    abort_connect(svc);
+    if (svc.connected())
+        drop_connection(svc, true);
 }
 
 void Engine::set_offline(bool on)
@@ -378,10 +398,8 @@ void Engine::update_visibility()
             show(*svc);
         } else if (!want && svc->visible) {
             abort_connect(*svc);
-            if (svc->connected()) {
-                set_state(*svc, "disconnect");
-                set_state(*svc, "idle");
-            }
+            if (svc->connected())
+                drop_connection(*svc, false);
             hide(*svc);
         }
     }
@@ -450,15 +468,59 @@ void Engine::set_state(Svc &svc, const std::string &state)
 {
     if (svc.state == state)
         return;
-    bool was_connected = svc.connected();
     svc.state = state;
     emit_service_property(svc, "State");
-    if (was_connected != svc.connected()) {
-        // Addresses exist only while connected.
-        for (const char *name : {"IPv4", "IPv6", "Nameservers", "Timeservers", "Domains", "Proxy"})
-            emit_service_property(svc, name);
-    }
     after_state_change(svc);
+}
+
+// Connected, in the daemon's order: the lists and the favourite go with the
+// state, then the technology's Connected, then the addresses as DHCP has
+// them (the lease first without its router).
+void Engine::become_ready(Svc &svc)
+{
+    svc.state = "ready";
+    emit_service_property(svc, "State");
+    emit_service_property(svc, "Timeservers");
+    if (!svc.favorite) {
+        svc.favorite = true;
+        svc.autoconnect = true; // not signalled by the daemon
+        emit_service_property(svc, "Favorite");
+        check_order();
+    }
+    emit_service_property(svc, "Domains");
+    emit_service_property(svc, "Proxy");
+    after_state_change(svc);
+    if (!svc.net.ipv6_address.empty())
+        emit_service_property(svc, "IPv6");
+    svc.lease_without_router = true;
+    emit_service_property(svc, "IPv4");
+    svc.lease_without_router = false;
+    emit_service_property(svc, "Timeservers");
+    emit_service_property(svc, "IPv4");
+    emit_service_property(svc, "Nameservers");
+}
+
+// Leaving a connection, in the daemon's order: the lists first, the state
+// through configuration (which ends the technology's Connected) and
+// disconnect to idle, the addresses last. A lost association ends in
+// failure and leaves the address dictionaries unsignalled.
+void Engine::drop_connection(Svc &svc, bool lost)
+{
+    emit_service_property(svc, "Domains");
+    emit_service_property(svc, "Timeservers");
+    set_state(svc, "configuration");
+    emit_service_property(svc, "Timeservers");
+    set_state(svc, "disconnect");
+    for (const char *name : {"Timeservers", "Domains", "Proxy"})
+        emit_service_property(svc, name);
+    set_state(svc, "idle");
+    if (!lost) {
+        emit_service_property(svc, "IPv4");
+        emit_service_property(svc, "IPv6");
+    }
+    emit_service_property(svc, "Nameservers");
+    if (lost)
+        set_state(svc, "failure");
 }
 
 void Engine::after_state_change(Svc &)
@@ -534,12 +596,16 @@ void Engine::begin_association(Svc &svc)
     svc.step_timer = add_timer(step_ms, [this, &svc] {
         clear_timer(svc.step_timer);
         set_state(svc, "configuration");
+        // The daemon sends the link's dictionary twice here.
+        if (svc.is_wifi()) {
+            emit_service_property(svc, "Ethernet");
+            emit_service_property(svc, "Ethernet");
+        }
         svc.step_timer = add_timer(step_ms, [this, &svc] {
             clear_timer(svc.step_timer);
             if (svc.is_wifi())
                 svc.has_credentials = true;
-            set_favorite(svc, true);
-            set_state(svc, "ready");
+            become_ready(svc);
             finish_connect(svc, nullptr, nullptr);
         });
     });
@@ -582,11 +648,10 @@ void Engine::abort_connect(Svc &svc)
 void Engine::disconnect(Svc &svc)
 {
     abort_connect(svc);
-    if (svc.connected() || svc.state == "failure") {
-        if (svc.connected())
-            set_state(svc, "disconnect");
+    if (svc.connected())
+        drop_connection(svc, false);
+    else if (svc.state == "failure")
         set_state(svc, "idle");
-    }
 }
 
 void Engine::forget(Svc &svc)
@@ -758,14 +823,17 @@ static GVariant *ipv4_value(const Svc &svc, bool live)
     } else if (live && c.method != "off") {
         add_string(&b, "Address", svc.net.ipv4_address);
         add_string(&b, "Netmask", svc.net.ipv4_netmask);
-        add_string(&b, "Gateway", svc.net.ipv4_gateway);
+        if (!svc.lease_without_router)
+            add_string(&b, "Gateway", svc.net.ipv4_gateway);
     }
     return g_variant_builder_end(&b);
 }
 
 static GVariant *ipv6_value(const Svc &svc, bool live)
 {
-    if (live && !svc.connected())
+    // Without an address from the network the daemon shows nothing at all.
+    if (live &&
+        (!svc.connected() || (svc.ipv6_config.method != "manual" && svc.net.ipv6_address.empty())))
         return empty_dict();
     GVariantBuilder b;
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
@@ -787,8 +855,8 @@ static GVariant *ipv6_value(const Svc &svc, bool live)
     return g_variant_builder_end(&b);
 }
 
-// Proxy and Proxy.Configuration: a proxy never configured shows as
-// "direct" while up and as an empty configuration.
+// Proxy and Proxy.Configuration: a proxy never configured shows as empty
+// dictionaries, also while up.
 static GVariant *proxy_value(const Svc &svc, bool live)
 {
     const ProxyConfig &c = svc.proxy_config;
@@ -796,11 +864,8 @@ static GVariant *proxy_value(const Svc &svc, bool live)
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
     if (live && !svc.connected())
         return g_variant_builder_end(&b);
-    if (c.method.empty()) {
-        if (live)
-            add_string(&b, "Method", "direct");
+    if (c.method.empty())
         return g_variant_builder_end(&b);
-    }
     add_string(&b, "Method", c.method);
     if (!c.url.empty())
         add_string(&b, "URL", c.url);
@@ -817,7 +882,11 @@ static GVariant *ethernet_value(const Network &net)
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
     add_string(&b, "Method", "auto");
     add_string(&b, "Interface", net.interface);
-    add_string(&b, "Address", net.mac);
+    // The daemon writes MAC addresses in upper case.
+    std::string mac = net.mac;
+    std::transform(mac.begin(), mac.end(), mac.begin(),
+                   [](unsigned char c) { return static_cast<char>(g_ascii_toupper(c)); });
+    add_string(&b, "Address", mac);
     g_variant_builder_add(&b, "{sv}", "MTU", g_variant_new_uint16(1500));
     return g_variant_builder_end(&b);
 }
@@ -856,6 +925,11 @@ const ServiceProperty kServiceProperties[] = {
          const Network &net = svc.net;
          return (net.hidden || net.name.empty()) ? nullptr : g_variant_new_string(net.name.c_str());
      }},
+    {"Ethernet", [](const Svc &svc) { return ethernet_value(svc.net); }},
+    {"IPv4", [](const Svc &svc) { return ipv4_value(svc, true); }},
+    {"IPv4.Configuration", [](const Svc &svc) { return ipv4_value(svc, false); }},
+    {"IPv6", [](const Svc &svc) { return ipv6_value(svc, true); }},
+    {"IPv6.Configuration", [](const Svc &svc) { return ipv6_value(svc, false); }},
     {"Nameservers",
      [](const Svc &svc) {
          return live_list(svc, svc.nameservers_config.empty() ? svc.net.nameservers
@@ -868,14 +942,11 @@ const ServiceProperty kServiceProperties[] = {
      [](const Svc &svc) { return string_array(svc.timeservers_config); }},
     {"Domains", [](const Svc &svc) { return live_list(svc, svc.domains_config); }},
     {"Domains.Configuration", [](const Svc &svc) { return string_array(svc.domains_config); }},
-    {"IPv4", [](const Svc &svc) { return ipv4_value(svc, true); }},
-    {"IPv4.Configuration", [](const Svc &svc) { return ipv4_value(svc, false); }},
-    {"IPv6", [](const Svc &svc) { return ipv6_value(svc, true); }},
-    {"IPv6.Configuration", [](const Svc &svc) { return ipv6_value(svc, false); }},
     {"Proxy", [](const Svc &svc) { return proxy_value(svc, true); }},
     {"Proxy.Configuration", [](const Svc &svc) { return proxy_value(svc, false); }},
+    {"mDNS", [](const Svc &) { return g_variant_new_boolean(FALSE); }},
+    {"mDNS.Configuration", [](const Svc &) { return g_variant_new_boolean(FALSE); }},
     {"Provider", [](const Svc &) { return empty_dict(); }},
-    {"Ethernet", [](const Svc &svc) { return ethernet_value(svc.net); }},
 };
 
 } // namespace
@@ -1013,6 +1084,14 @@ void Simulator::set_carrier(const std::string &ident, bool up)
     impl_->run([&] {
         if (Svc *svc = impl_->find_svc(ident))
             impl_->set_carrier(*svc, up);
+    });
+}
+
+void Simulator::set_in_range(const std::string &ident, bool in_range)
+{
+    impl_->run([&] {
+        if (Svc *svc = impl_->find_svc(ident))
+            impl_->set_in_range(*svc, in_range);
     });
 }
 
