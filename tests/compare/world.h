@@ -16,6 +16,7 @@ struct AccessPoint {
     int dbm;
     std::string passphrase;
     std::string bssid;
+    bool hidden = false;
 };
 
 inline const std::vector<AccessPoint> &access_points()
@@ -24,6 +25,7 @@ inline const std::vector<AccessPoint> &access_points()
         {"Home", "psk", -45, "correct horse", "02:00:00:00:01:01"},
         {"Office", "psk", -62, "office stapler", "02:00:00:00:01:02"},
         {"Cafe", "none", -70, "", "02:00:00:00:01:03"},
+        {"Attic", "psk", -55, "attic secret", "02:00:00:00:01:04", true},
     };
     return aps;
 }
@@ -39,6 +41,8 @@ inline const AccessPoint &ap(const std::string &name)
 // What the daemon names a service: wifi_<radio MAC>_<SSID in hex>_managed_<security>.
 inline std::string service_ident(const std::string &mac_hex, const AccessPoint &a)
 {
+    if (a.hidden)
+        return "wifi_" + mac_hex + "_hidden_managed_" + a.security;
     std::string hex;
     char byte[3];
     for (unsigned char c : a.name) {

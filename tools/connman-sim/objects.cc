@@ -1016,6 +1016,20 @@ void Engine::input_answered(const std::string &ident, unsigned request, GVariant
             return;
         }
     }
+    if (net.hidden) {
+        // The named service connects; the hidden entry's Connect is
+        // answered with it.
+        Svc &named = named_service(*svc);
+        if (!named.connect_call) {
+            named.connect_call = svc->connect_call;
+            svc->connect_call = nullptr;
+        }
+        if (named.connected())
+            finish_connect(named, nullptr, nullptr);
+        else if (!named.connecting())
+            begin_association(named);
+        return;
+    }
     begin_association(*svc);
 }
 

@@ -155,6 +155,8 @@ struct Engine {
     void set_favorite(Svc &svc, bool favorite);
     void start_connect(Svc &svc, GDBusMethodInvocation *call);
     void begin_association(Svc &svc);
+    bool leave_other_wifi(Svc &svc);
+    Svc &named_service(Svc &hidden);
     void finish_connect(Svc &svc, const char *error_name, const char *error_message);
     void fail_connect(Svc &svc, const char *error_name, const char *error_message);
     void abort_connect(Svc &svc);

@@ -575,21 +575,66 @@ void Engine::start_connect(Svc &svc, GDBusMethodInvocation *call)
             fail_connect(svc, "net.connman.Error.Failed", "No agent registered");
             return;
         }
-        request_input(svc);
+        // The daemon lets go of the radio's network first and asks the agent
+        // a moment later, once a Disconnect sent just before has taken effect.
+        leave_other_wifi(svc);
+        clear_timer(svc.step_timer);
+        svc.step_timer = add_timer(step_ms, [this, &svc] {
+            clear_timer(svc.step_timer);
+            request_input(svc);
+        });
         return;
     }
     begin_association(svc);
 }
 
+// One radio joins one network: whatever Wi-Fi network it was on goes.
+// Whether one went.
+bool Engine::leave_other_wifi(Svc &svc)
+{
+    bool left = false;
+    if (svc.is_wifi()) {
+        for (auto &other : svcs) {
+            if (other.get() != &svc && other->is_wifi() &&
+                (other->connected() || other->connecting())) {
+                disconnect(*other);
+                left = true;
+            }
+        }
+    }
+    return left;
+}
+
+// A hidden network answered with its name: the daemon makes a service of
+// that name and joins it, and the hidden entry stays listed.
+Svc &Engine::named_service(Svc &hidden)
+{
+    std::string hex;
+    char byte[3];
+    for (unsigned char c : hidden.net.hidden_name) {
+        snprintf(byte, sizeof byte, "%02x", c);
+        hex += byte;
+    }
+    std::string ident = hidden.net.ident;
+    size_t at = ident.find("_hidden_");
+    ident = at == std::string::npos ? ident + "_" + hex : ident.replace(at + 1, 6, hex);
+    if (Svc *known = find_svc(ident))
+        return *known;
+    auto named = std::make_unique<Svc>();
+    named->net = hidden.net;
+    named->net.ident = ident;
+    named->net.name = hidden.net.hidden_name;
+    named->net.hidden = false;
+    named->net.hidden_name.clear();
+    Svc &ref = *named;
+    svcs.push_back(std::move(named));
+    update_visibility();
+    return ref;
+}
+
 void Engine::begin_association(Svc &svc)
 {
-    // One radio joins one network: whatever Wi-Fi network it was on goes.
-    if (svc.is_wifi()) {
-        for (auto &other : svcs)
-            if (other.get() != &svc && other->is_wifi() &&
-                (other->connected() || other->connecting()))
-                disconnect(*other);
-    }
+    leave_other_wifi(svc);
     set_error(svc, "");
     set_state(svc, "association");
     clear_timer(svc.step_timer);
