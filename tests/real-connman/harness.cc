@@ -212,13 +212,16 @@ void RealConnman::start_dhcp_server()
     dnsmasq_pid_ = spawn(args, dir_ + "/dnsmasq.out");
     // dnsmasq changes its credentials, which clears the parent's death signal.
     clean_up_after_exit({dnsmasq_pid_}, {});
+    // Logged once the sockets are bound ("sockets bound" appears only with a
+    // single interface).
+    const char *marker = "DHCP, IP range";
     bool ready = wait_until(
         [&] {
-            return read_file(log).find("DHCP, sockets bound") != std::string::npos ||
+            return read_file(log).find(marker) != std::string::npos ||
                    waitpid(dnsmasq_pid_, nullptr, WNOHANG) != 0;
         },
         10000);
-    if (!ready || read_file(log).find("DHCP, sockets bound") == std::string::npos)
+    if (!ready || read_file(log).find(marker) == std::string::npos)
         throw std::runtime_error("dnsmasq did not start: " + read_file(dir_ + "/dnsmasq.out") +
                                  read_file(log));
 }
@@ -287,7 +290,7 @@ void RealConnman::set_far_end_up(bool up)
     run_or_throw({tool("ip"), "-n", ns_b_, "link", "set", "vB", up ? "up" : "down"});
 }
 
-// The words that follow marker in the output of `ip -n NS -o ARGS... dev vA`.
+// The words that follow marker in the output of `ip -n NS -o ARGS...`.
 static std::vector<std::string>
 words_after(const std::string &ns, const std::vector<std::string> &args, const std::string &marker)
 {

@@ -2,8 +2,8 @@
 // in a network namespace of its own, and dnsmasq serves DHCP on the other end
 // in a second namespace. A Wi-Fi link is a second veth pair whose device end
 // (wlan0) claims to be wireless; the test then runs the wpa_supplicant
-// stand-in (tools/wpa-sim) on the same private system bus. Only the unix socket of the private
-// system bus connects it to the test process.
+// stand-in (tools/wpa-sim) on the same private system bus. Only the unix
+// socket of that bus connects the daemon to the test process.
 //
 // Everything the harness creates goes once the test process has gone,
 // however it ends (normal exit, failed assertion, signal or SIGKILL): a

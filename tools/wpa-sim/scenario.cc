@@ -51,50 +51,54 @@ bool parse_int(const std::string &text, long min, long max, long &out)
 
 bool read_access_point(const Json::Value &entry, AccessPoint &ap, std::string &why)
 {
+    auto bad = [&](const std::string &text) {
+        why = text;
+        return false;
+    };
     if (!entry.isObject())
-        return !(why = "is not an object").empty();
+        return bad("is not an object");
     static const std::set<std::string> known = {"ssid",       "hidden", "bssid",    "security",
                                                 "passphrase", "signal", "frequency"};
     for (const auto &name : entry.getMemberNames())
         if (!known.count(name))
-            return !(why = "has an unknown member \"" + name + "\"").empty();
+            return bad("has an unknown member \"" + name + "\"");
     auto text = [&](const char *key, std::string &out) {
         if (!entry.isMember(key))
             return true;
         if (!entry[key].isString() || !g_utf8_validate(entry[key].asCString(), -1, nullptr))
-            return !(why = std::string("\"") + key + "\" must be a UTF-8 string").empty();
+            return bad(std::string("\"") + key + "\" must be a UTF-8 string");
         out = entry[key].asString();
         return true;
     };
     if (!entry.isMember("ssid"))
-        return !(why = "has no \"ssid\"").empty();
+        return bad("has no \"ssid\"");
     if (!text("ssid", ap.ssid) || !text("bssid", ap.bssid) || !text("security", ap.security) ||
         !text("passphrase", ap.passphrase))
         return false;
     if (ap.ssid.empty() || ap.ssid.size() > 32)
-        return !(why = "\"ssid\" must have 1 to 32 bytes").empty();
+        return bad("\"ssid\" must have 1 to 32 bytes");
     if (!valid_bssid(ap.bssid))
-        return !(why = "\"bssid\" must be six lower-case hex bytes joined by ':'").empty();
+        return bad("\"bssid\" must be six lower-case hex bytes joined by ':'");
     if (ap.security != "none" && ap.security != "wep" && ap.security != "psk" &&
         ap.security != "sae")
-        return !(why = "\"security\" must be none, wep, psk or sae").empty();
+        return bad("\"security\" must be none, wep, psk or sae");
     if (ap.security != "none" && ap.passphrase.empty())
-        return !(why = "a protected access point needs a \"passphrase\"").empty();
+        return bad("a protected access point needs a \"passphrase\"");
     if (entry.isMember("hidden")) {
         if (!entry["hidden"].isBool())
-            return !(why = "\"hidden\" must be true or false").empty();
+            return bad("\"hidden\" must be true or false");
         ap.hidden = entry["hidden"].asBool();
     }
     if (entry.isMember("signal")) {
         const Json::Value &v = entry["signal"];
         if (!v.isInt() || v.asInt() < -120 || v.asInt() > 0)
-            return !(why = "\"signal\" must be an integer from -120 to 0 (dBm)").empty();
+            return bad("\"signal\" must be an integer from -120 to 0 (dBm)");
         ap.signal_dbm = static_cast<int16_t>(v.asInt());
     }
     if (entry.isMember("frequency")) {
         const Json::Value &v = entry["frequency"];
         if (!v.isInt() || v.asInt() < 2400 || v.asInt() > 7125)
-            return !(why = "\"frequency\" must be an integer from 2400 to 7125 (MHz)").empty();
+            return bad("\"frequency\" must be an integer from 2400 to 7125 (MHz)");
         ap.frequency = static_cast<uint16_t>(v.asInt());
     }
     return true;

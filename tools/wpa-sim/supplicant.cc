@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 #include "wpa_sim.h"
@@ -648,13 +649,6 @@ GVariant *Supplicant::Impl::create_interface(GVariant *args, GError **error)
         g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "Ifname is missing");
         return nullptr;
     }
-    for (auto &iface : ifaces) {
-        if (iface->ifname == ifname) {
-            g_dbus_error_set_dbus_error(error, "fi.w1.wpa_supplicant1.InterfaceExists",
-                                        "wpa_supplicant already controls this interface.", nullptr);
-            return nullptr;
-        }
-    }
     auto iface = std::make_unique<Iface>();
     iface->path = std::string(kRootPath) + "/Interfaces/" + std::to_string(iface_count++);
     iface->ifname = ifname;
@@ -1020,11 +1014,24 @@ void Supplicant::Impl::remove_network(Iface &iface, const std::string &path)
 
 // ---------------------------------------------------------------- association
 
+// An access point in range that the network's key management can join;
+// wpa_supplicant passes over the others as if they were not there.
 const AccessPoint *Supplicant::Impl::ap_for(const Net &net)
 {
-    for (const auto &ap : aps)
-        if (ap.up && ap.ssid == net.ssid)
+    auto offers = [&](const char *mgmt) {
+        std::istringstream words(net.key_mgmt.empty() ? "WPA-PSK" : net.key_mgmt);
+        for (std::string word; words >> word;)
+            if (word == mgmt)
+                return true;
+        return false;
+    };
+    for (const auto &ap : aps) {
+        bool joinable = ap.security == "psk"   ? offers("WPA-PSK")
+                        : ap.security == "sae" ? offers("SAE")
+                                               : offers("NONE");
+        if (ap.up && ap.ssid == net.ssid && joinable)
             return &ap;
+    }
     return nullptr;
 }
 
@@ -1145,6 +1152,15 @@ void Supplicant::Impl::handle(const std::string &path, const std::string &interf
                             "wpa_supplicant knows nothing about this interface.");
         } else if (member == "CreateInterface") {
             GVariant *dict = g_variant_get_child_value(args, 0);
+            const char *ifname = "";
+            g_variant_lookup(dict, "Ifname", "&s", &ifname);
+            bool exists = std::any_of(ifaces.begin(), ifaces.end(),
+                                      [&](const auto &iface) { return iface->ifname == ifname; });
+            if (exists) {
+                g_variant_unref(dict);
+                return fail("fi.w1.wpa_supplicant1.InterfaceExists",
+                            "wpa_supplicant already controls this interface.");
+            }
             reply = create_interface(dict, &error);
             g_variant_unref(dict);
         } else if (member == "RemoveInterface") {
