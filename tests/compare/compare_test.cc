@@ -152,30 +152,6 @@ class RealBackend : public Backend
     static inline wpa_sim::Supplicant *radio_ = nullptr;
 };
 
-const char *event_name(int code)
-{
-    switch (code) {
-    case NETMGR_EVT_WIFI_ENABLED:
-        return "WIFI_ENABLED";
-    case NETMGR_EVT_WIFI_DISABLED:
-        return "WIFI_DISABLED";
-    case NETMGR_EVT_WIFI_CONNECTED:
-        return "WIFI_CONNECTED";
-    case NETMGR_EVT_WIFI_DISCONNECTED:
-        return "WIFI_DISCONNECTED";
-    case NETMGR_EVT_WIFI_CONNECT_FAILED:
-        return "WIFI_CONNECT_FAILED";
-    case NETMGR_EVT_WIFI_PASSWORD_REQUIRED:
-        return "WIFI_PASSWORD_REQUIRED";
-    case NETMGR_EVT_WIFI_INVALID_KEY:
-        return "WIFI_INVALID_KEY";
-    case NETMGR_EVT_WIFI_STRENGTH_CHANGED:
-        return "WIFI_STRENGTH_CHANGED";
-    default:
-        return "";
-    }
-}
-
 } // namespace
 
 // One run of the script against the backend named in the environment; the
@@ -271,7 +247,7 @@ class CompareRun : public Scenario
             const RecordedEvent &e = seen[i];
             if (e.code == NETMGR_EVT_WIFI_LIST_UPDATED)
                 continue;
-            std::string text = "event " + std::to_string(e.code) + " " + event_name(e.code);
+            std::string text = "event " + std::to_string(e.code);
             if (e.code == NETMGR_EVT_WIFI_DISCONNECTED)
                 text += e.null_arg ? " null" : " byte=" + std::to_string(e.byte);
             else if (!e.null_arg)
