@@ -168,6 +168,32 @@ TEST(SimServicesChanged, CarriesNewChangedAndRemovedServices)
     EXPECT_EQ(error, "org.freedesktop.DBus.Error.UnknownObject");
 }
 
+// Out of range, a network cannot be joined and stays listed until a scan.
+TEST(SimServicesChanged, NetworkOutOfRangeLeavesAtTheNextScan)
+{
+    PrivateBus bus("system");
+    connman_sim::Simulator sim;
+    sim.add_technology("wifi", true);
+    sim.add_network(wifi(kOpenId, "open", "none", 40));
+    ASSERT_TRUE(sim.start(bus.address()));
+    Client client(bus.address());
+
+    sim.set_in_range(kOpenId, false);
+    std::string error;
+    EXPECT_EQ(client.call(service_path(kOpenId), "net.connman.Service", "Connect", &error),
+              nullptr);
+    EXPECT_EQ(error, "net.connman.Error.Failed");
+    EXPECT_EQ(sim.service_state(kOpenId), "failure");
+
+    GVariant *done = client.call("/net/connman/technology/wifi", "net.connman.Technology", "Scan");
+    ASSERT_NE(done, nullptr);
+    g_variant_unref(done);
+    GVariant *services = client.call("/", "net.connman.Manager", "GetServices");
+    ASSERT_NE(services, nullptr);
+    EXPECT_TRUE(first_list(services).empty());
+    g_variant_unref(services);
+}
+
 TEST(SimScenarioFile, SampleLoadsAndBadInputIsRefused)
 {
     connman_sim::Scenario scenario;
@@ -194,6 +220,16 @@ TEST(SimScenarioFile, SampleLoadsAndBadInputIsRefused)
         R"({"networks": [{"ident": "w", "security": ["psk"]}]})", scenario, error));
     EXPECT_THAT(error, HasSubstr("passphrase"));
     EXPECT_FALSE(connman_sim::parse_scenario("{\"technology\": []}", scenario, error));
+
+    // A signal in dBm gives the daemon's Strength, 120 + dBm within 0..100.
+    ASSERT_TRUE(connman_sim::parse_scenario(
+        R"({"networks": [{"ident": "a", "signal": -45}, {"ident": "b", "signal": -10}]})", scenario,
+        error))
+        << error;
+    EXPECT_EQ(scenario.networks[0].strength, 75);
+    EXPECT_EQ(scenario.networks[1].strength, 100);
+    EXPECT_FALSE(connman_sim::parse_scenario(
+        R"({"networks": [{"ident": "a", "signal": -45, "strength": 75}]})", scenario, error));
 }
 
 // The program refuses a bad file with exit code 2, serves a good one and
@@ -237,6 +273,9 @@ TEST(SimScenarioFile, ProgramServesScenarioAndTakesCommands)
     fputs("no-such-command\nstrength wifi_1_6e6574_managed_none 10\n", in);
     fflush(in);
     EXPECT_TRUE(strength("0x0a"));
+    fputs("signal wifi_1_6e6574_managed_none -62\n", in);
+    fflush(in);
+    EXPECT_TRUE(strength("0x3a"));
     fputs("quit\n", in);
     status = pclose(in);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;

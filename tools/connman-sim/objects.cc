@@ -501,6 +501,7 @@ void Engine::disconnect_bus()
         tech->scan_waiters.clear();
     }
     clear_timer(services_changed_timer);
+    clear_timer(autoconnect_timer);
     forget_agent();
     unregister_objects();
     GDBusConnection *conn = connection;
@@ -744,8 +745,13 @@ void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMeth
         Tech *t = &tech;
         tech.scan_timer = add_timer(scan_ms, [this, t] {
             clear_timer(t->scan_timer);
-            if (t->type == "wifi")
+            if (t->type == "wifi") {
+                for (auto &svc : svcs)
+                    if (svc->is_wifi())
+                        svc->seen = svc->in_range;
+                update_visibility();
                 emit_services_changed();
+            }
             for (auto *waiter : t->scan_waiters)
                 g_dbus_method_invocation_return_value(waiter, nullptr);
             t->scan_waiters.clear();
@@ -787,6 +793,12 @@ void Engine::svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodI
             error_reply(call, "net.connman.Error.InProgress", "In progress");
         } else if (svc.net.type == "ethernet" && !svc.net.carrier) {
             error_reply(call, "net.connman.Error.NoCarrier", "No carrier");
+        } else if (!svc.in_range) {
+            // The supplicant cannot find it: the attempt fails at once.
+            if (svc.state == "failure")
+                set_state(svc, "idle");
+            set_state(svc, "failure");
+            error_reply(call, "net.connman.Error.Failed", "Input/output error");
         } else {
             svc.user_disconnected = false;
             start_connect(svc, call);
@@ -991,14 +1003,32 @@ void Engine::input_answered(const std::string &ident, unsigned request, GVariant
             return;
         }
         if (!via_wps && passphrase != net.passphrase) {
-            // The handshake fails: the daemon marks the key invalid and tells the agent.
+            // The handshake fails. The daemon marks the key invalid, tells
+            // the agent, gives the service up (idle, Cancel to the agent)
+            // and fails the Connect with the supplicant's I/O error.
             set_state(*svc, "association");
             set_error(*svc, "invalid-key");
             set_state(*svc, "failure");
             call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "invalid-key"));
-            finish_connect(*svc, "net.connman.Error.InvalidArguments", "Invalid arguments");
+            set_state(*svc, "idle");
+            call_agent("Cancel", g_variant_new("()"));
+            finish_connect(*svc, "net.connman.Error.Failed", "Input/output error");
             return;
         }
+    }
+    if (net.hidden) {
+        // The named service connects; the hidden entry's Connect is
+        // answered with it.
+        Svc &named = named_service(*svc);
+        if (!named.connect_call) {
+            named.connect_call = svc->connect_call;
+            svc->connect_call = nullptr;
+        }
+        if (named.connected())
+            finish_connect(named, nullptr, nullptr);
+        else if (!named.connecting())
+            begin_association(named);
+        return;
     }
     begin_association(*svc);
 }

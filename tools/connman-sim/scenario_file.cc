@@ -125,7 +125,7 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
         "ident",        "type",         "name",         "security",    "hidden",
         "hidden_name",  "passphrase",   "strength",     "interface",   "mac",
         "ipv4_address", "ipv4_netmask", "ipv4_gateway", "nameservers", "ipv6_address",
-        "ipv6_prefix",  "ipv6_gateway", "carrier"};
+        "ipv6_prefix",  "ipv6_gateway", "carrier",      "signal"};
     if (!value.isObject()) {
         error = "a network must be a JSON object";
         return false;
@@ -137,7 +137,11 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
         error = "a network needs \"ident\"";
         return false;
     }
-    int strength = n.strength, prefix = n.ipv6_prefix;
+    if (value.isMember("strength") && value.isMember("signal")) {
+        error = "give \"strength\" or \"signal\", not both";
+        return false;
+    }
+    int strength = n.strength, prefix = n.ipv6_prefix, dbm = 0;
     bool ok = get_string(value, "ident", n.ident, error) &&
               get_string(value, "type", n.type, error) &&
               get_string(value, "name", n.name, error) &&
@@ -146,6 +150,7 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
               get_string(value, "hidden_name", n.hidden_name, error) &&
               get_string(value, "passphrase", n.passphrase, error) &&
               get_int(value, "strength", 0, 100, strength, error) &&
+              get_int(value, "signal", -120, 0, dbm, error) &&
               get_string(value, "interface", n.interface, error) &&
               get_string(value, "mac", n.mac, error) &&
               get_string(value, "ipv4_address", n.ipv4_address, error) &&
@@ -158,7 +163,7 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
               get_bool(value, "carrier", n.carrier, error);
     if (!ok)
         return false;
-    n.strength = static_cast<uint8_t>(strength);
+    n.strength = value.isMember("signal") ? strength_from_dbm(dbm) : static_cast<uint8_t>(strength);
     n.ipv6_prefix = static_cast<uint8_t>(prefix);
     if (!valid_ident(n.ident)) {
         error = "\"ident\" \"" + n.ident + "\" may hold only letters, digits and '_'";
@@ -189,7 +194,8 @@ bool parse_network(const Json::Value &value, Network &network, std::string &erro
         error = "IPv4 settings of " + n.ident + " are not IPv4 addresses";
         return false;
     }
-    if (!is_address(AF_INET6, n.ipv6_address) || !is_address(AF_INET6, n.ipv6_gateway)) {
+    if (!is_address(AF_INET6, n.ipv6_address) ||
+        (!n.ipv6_gateway.empty() && !is_address(AF_INET6, n.ipv6_gateway))) {
         error = "IPv6 settings of " + n.ident + " are not IPv6 addresses";
         return false;
     }
@@ -348,6 +354,28 @@ CommandResult run_command(Simulator &sim, const std::string &line, std::string &
         sim.set_strength(first, static_cast<uint8_t>(value));
         return CommandResult::Ok;
     }
+    if (command == "signal" && two_words) {
+        char *end = nullptr;
+        long value = strtol(second.c_str(), &end, 10);
+        if (*end || value < -120 || value > 0) {
+            message = "signal must be -120 to 0 dBm";
+            return CommandResult::Error;
+        }
+        if (!sim.has_network(first)) {
+            message = "no network " + first;
+            return CommandResult::Error;
+        }
+        sim.set_signal(first, static_cast<int>(value));
+        return CommandResult::Ok;
+    }
+    if (command == "range" && two_words && (second == "in" || second == "out")) {
+        if (!sim.has_network(first)) {
+            message = "no network " + first;
+            return CommandResult::Error;
+        }
+        sim.set_in_range(first, second == "in");
+        return CommandResult::Ok;
+    }
     if (command == "carrier" && two_words && (second == "up" || second == "down")) {
         if (!sim.has_network(first)) {
             message = "no network " + first;
@@ -364,8 +392,9 @@ CommandResult run_command(Simulator &sim, const std::string &line, std::string &
         sim.set_powered(first, second == "on");
         return CommandResult::Ok;
     }
-    message = "unknown command; use: strength IDENT N | carrier IDENT up|down | "
-              "add-network JSON | remove-network IDENT | power TYPE on|off | quit";
+    message = "unknown command; use: strength IDENT N | signal IDENT DBM | range IDENT in|out | "
+              "carrier IDENT up|down | add-network JSON | remove-network IDENT | "
+              "power TYPE on|off | quit";
     return CommandResult::Error;
 }
 

@@ -33,7 +33,8 @@ void apply_scenario(Simulator &sim, const Scenario &scenario);
 
 enum class CommandResult { Ok, Error, Quit };
 
-// One control line: "strength IDENT N", "carrier IDENT up|down",
+// One control line: "strength IDENT N", "signal IDENT DBM", "range IDENT in|out",
+// "carrier IDENT up|down",
 // "add-network <json>", "remove-network IDENT", "power TYPE on|off", "quit".
 // Empty lines and lines starting with '#' do nothing.
 CommandResult run_command(Simulator &sim, const std::string &line, std::string &message);

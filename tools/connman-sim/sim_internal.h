@@ -63,6 +63,12 @@ struct Svc {
     bool has_credentials = false;
     // Ethernet stays down after an explicit Disconnect until Connect.
     bool user_disconnected = false;
+    // Wi-Fi: whether the radio reaches the network, and whether the last
+    // scan found it (a network out of range stays listed until a scan).
+    bool in_range = true;
+    bool seen = true;
+    // Set while the IPv4 dictionary goes out before DHCP has the router.
+    bool lease_without_router = false;
 
     std::vector<std::string> nameservers_config;
     std::vector<std::string> timeservers_config;
@@ -133,17 +139,24 @@ struct Engine {
     void remove_network(const std::string &ident);
     void set_strength(Svc &svc, uint8_t strength);
     void set_carrier(Svc &svc, bool up);
+    void set_in_range(Svc &svc, bool in_range);
     void set_offline(bool offline);
     void update_visibility();
+    GSource *autoconnect_timer = nullptr;
+    void schedule_autoconnect();
     void show(Svc &svc);
     void hide(Svc &svc);
 
     // State machine of one service.
     void set_state(Svc &svc, const std::string &state);
+    void become_ready(Svc &svc);
+    void drop_connection(Svc &svc, bool lost);
     void set_error(Svc &svc, const std::string &error);
     void set_favorite(Svc &svc, bool favorite);
     void start_connect(Svc &svc, GDBusMethodInvocation *call);
     void begin_association(Svc &svc);
+    bool leave_other_wifi(Svc &svc);
+    Svc &named_service(Svc &hidden);
     void finish_connect(Svc &svc, const char *error_name, const char *error_message);
     void fail_connect(Svc &svc, const char *error_name, const char *error_message);
     void abort_connect(Svc &svc);

@@ -123,6 +123,7 @@ Engine::~Engine()
         for (auto &tech : techs)
             clear_timer(tech->scan_timer);
         clear_timer(services_changed_timer);
+        clear_timer(autoconnect_timer);
     });
     // Closing the connection completes the calls still in flight; let their
     // callbacks run so nothing they own is left behind.
@@ -194,7 +195,7 @@ Svc *Engine::find_svc(const std::string &ident)
 bool Engine::should_be_visible(const Svc &svc)
 {
     Tech *tech = find_tech(svc.net.type);
-    return tech && tech->powered;
+    return tech && tech->powered && svc.seen;
 }
 
 // The daemon's order: connected services first, then remembered ones, then
@@ -265,6 +266,11 @@ void Engine::set_powered(Tech &tech, bool powered)
         return;
     tech.powered = powered;
     emit_tech_property(tech, "Powered");
+    // Switched on, the radio finds what is in range.
+    if (powered)
+        for (auto &svc : svcs)
+            if (svc->net.type == tech.type)
+                svc->seen = svc->in_range;
     if (!powered && tech.tethering) {
         tech.tethering = false;
         emit_tech_property(tech, "Tethering");
@@ -309,7 +315,8 @@ void Engine::remove_network(const std::string &ident)
     if (it == svcs.end())
         return;
     Svc &svc = **it;
-    abort_connect(svc);
+    // A network that goes takes its connection with it.
+    disconnect(svc);
     if (svc.visible)
         hide(svc);
     std::unique_ptr<Svc> gone = std::move(*it);
@@ -342,11 +349,26 @@ void Engine::set_carrier(Svc &svc, bool up)
             start_connect(svc, nullptr);
     } else {
         abort_connect(svc);
-        if (svc.connected()) {
-            set_state(svc, "disconnect");
-            set_state(svc, "idle");
-        }
+        if (svc.connected())
+            drop_connection(svc, false);
     }
+}
+
+void Engine::set_in_range(Svc &svc, bool in_range)
+{
+    if (svc.in_range == in_range)
+        return;
+    svc.in_range = in_range;
+    if (in_range) {
+        svc.seen = true;
+        update_visibility();
+        return;
+    }
+    // The association drops at once; the service stays listed until a scan
+    // no longer finds the network.
+    abort_connect(svc);
+    if (svc.connected())
+        drop_connection(svc, true);
 }
 
 void Engine::set_offline(bool on)
@@ -376,10 +398,8 @@ void Engine::update_visibility()
             show(*svc);
         } else if (!want && svc->visible) {
             abort_connect(*svc);
-            if (svc->connected()) {
-                set_state(*svc, "disconnect");
-                set_state(*svc, "idle");
-            }
+            if (svc->connected())
+                drop_connection(*svc, false);
             hide(*svc);
         }
     }
@@ -392,6 +412,31 @@ void Engine::update_visibility()
             !s.user_disconnected && !s.step_timer)
             start_connect(s, nullptr);
     }
+    schedule_autoconnect();
+}
+
+// A remembered Wi-Fi network in sight is joined with its stored passphrase,
+// without the agent, once the radio is idle. Later than the services'
+// announcement, so that clients know the service whose state moves.
+void Engine::schedule_autoconnect()
+{
+    if (!connection || autoconnect_timer)
+        return;
+    autoconnect_timer = add_timer(step_ms, [this] {
+        clear_timer(autoconnect_timer);
+        Svc *best = nullptr;
+        for (Svc *svc : ordered_visible()) {
+            if (!svc->is_wifi())
+                continue;
+            if (svc->connected() || svc->connecting() || svc->agent_request || svc->connect_call)
+                return;
+            if (!best && svc->favorite && svc->autoconnect && svc->has_credentials &&
+                svc->state == "idle" && !svc->user_disconnected)
+                best = svc;
+        }
+        if (best)
+            start_connect(*best, nullptr);
+    });
 }
 
 void Engine::show(Svc &svc)
@@ -408,6 +453,10 @@ void Engine::show(Svc &svc)
 void Engine::hide(Svc &svc)
 {
     svc.visible = false;
+    // The daemon drops Wi-Fi services with the radio; the ones it makes when
+    // the radio is back know nothing of an earlier Disconnect.
+    if (svc.is_wifi())
+        svc.user_disconnected = false;
     if (connection)
         removed_paths.push_back(svc.path());
     schedule_services_changed();
@@ -419,15 +468,59 @@ void Engine::set_state(Svc &svc, const std::string &state)
 {
     if (svc.state == state)
         return;
-    bool was_connected = svc.connected();
     svc.state = state;
     emit_service_property(svc, "State");
-    if (was_connected != svc.connected()) {
-        // Addresses exist only while connected.
-        for (const char *name : {"IPv4", "IPv6", "Nameservers", "Timeservers", "Domains", "Proxy"})
-            emit_service_property(svc, name);
-    }
     after_state_change(svc);
+}
+
+// Connected, in the daemon's order: the lists and the favourite go with the
+// state, then the technology's Connected, then the addresses as DHCP has
+// them (the lease first without its router).
+void Engine::become_ready(Svc &svc)
+{
+    svc.state = "ready";
+    emit_service_property(svc, "State");
+    emit_service_property(svc, "Timeservers");
+    if (!svc.favorite) {
+        svc.favorite = true;
+        svc.autoconnect = true; // not signalled by the daemon
+        emit_service_property(svc, "Favorite");
+        check_order();
+    }
+    emit_service_property(svc, "Domains");
+    emit_service_property(svc, "Proxy");
+    after_state_change(svc);
+    if (!svc.net.ipv6_address.empty())
+        emit_service_property(svc, "IPv6");
+    svc.lease_without_router = true;
+    emit_service_property(svc, "IPv4");
+    svc.lease_without_router = false;
+    emit_service_property(svc, "Timeservers");
+    emit_service_property(svc, "IPv4");
+    emit_service_property(svc, "Nameservers");
+}
+
+// Leaving a connection, in the daemon's order: the lists first, the state
+// through configuration (which ends the technology's Connected) and
+// disconnect to idle, the addresses last. A lost association ends in
+// failure and leaves the address dictionaries unsignalled.
+void Engine::drop_connection(Svc &svc, bool lost)
+{
+    emit_service_property(svc, "Domains");
+    emit_service_property(svc, "Timeservers");
+    set_state(svc, "configuration");
+    emit_service_property(svc, "Timeservers");
+    set_state(svc, "disconnect");
+    for (const char *name : {"Timeservers", "Domains", "Proxy"})
+        emit_service_property(svc, name);
+    set_state(svc, "idle");
+    if (!lost) {
+        emit_service_property(svc, "IPv4");
+        emit_service_property(svc, "IPv6");
+    }
+    emit_service_property(svc, "Nameservers");
+    if (lost)
+        set_state(svc, "failure");
 }
 
 void Engine::after_state_change(Svc &)
@@ -482,33 +575,82 @@ void Engine::start_connect(Svc &svc, GDBusMethodInvocation *call)
             fail_connect(svc, "net.connman.Error.Failed", "No agent registered");
             return;
         }
-        request_input(svc);
+        // The daemon lets go of the radio's network first and asks the agent
+        // a moment later, once a Disconnect sent just before has taken effect.
+        leave_other_wifi(svc);
+        clear_timer(svc.step_timer);
+        svc.step_timer = add_timer(step_ms, [this, &svc] {
+            clear_timer(svc.step_timer);
+            request_input(svc);
+        });
         return;
     }
     begin_association(svc);
 }
 
+// One radio joins one network: whatever Wi-Fi network it was on goes.
+// Whether one went.
+bool Engine::leave_other_wifi(Svc &svc)
+{
+    bool left = false;
+    if (svc.is_wifi()) {
+        for (auto &other : svcs) {
+            if (other.get() != &svc && other->is_wifi() &&
+                (other->connected() || other->connecting())) {
+                disconnect(*other);
+                left = true;
+            }
+        }
+    }
+    return left;
+}
+
+// A hidden network answered with its name: the daemon makes a service of
+// that name and joins it, and the hidden entry stays listed.
+Svc &Engine::named_service(Svc &hidden)
+{
+    std::string hex;
+    char byte[3];
+    for (unsigned char c : hidden.net.hidden_name) {
+        snprintf(byte, sizeof byte, "%02x", c);
+        hex += byte;
+    }
+    std::string ident = hidden.net.ident;
+    size_t at = ident.find("_hidden_");
+    ident = at == std::string::npos ? ident + "_" + hex : ident.replace(at + 1, 6, hex);
+    if (Svc *known = find_svc(ident))
+        return *known;
+    auto named = std::make_unique<Svc>();
+    named->net = hidden.net;
+    named->net.ident = ident;
+    named->net.name = hidden.net.hidden_name;
+    named->net.hidden = false;
+    named->net.hidden_name.clear();
+    Svc &ref = *named;
+    svcs.push_back(std::move(named));
+    update_visibility();
+    return ref;
+}
+
 void Engine::begin_association(Svc &svc)
 {
-    // One radio joins one network: whatever Wi-Fi network it was on goes.
-    if (svc.is_wifi()) {
-        for (auto &other : svcs)
-            if (other.get() != &svc && other->is_wifi() &&
-                (other->connected() || other->connecting()))
-                disconnect(*other);
-    }
+    leave_other_wifi(svc);
     set_error(svc, "");
     set_state(svc, "association");
     clear_timer(svc.step_timer);
     svc.step_timer = add_timer(step_ms, [this, &svc] {
         clear_timer(svc.step_timer);
         set_state(svc, "configuration");
+        // The daemon sends the link's dictionary twice here.
+        if (svc.is_wifi()) {
+            emit_service_property(svc, "Ethernet");
+            emit_service_property(svc, "Ethernet");
+        }
         svc.step_timer = add_timer(step_ms, [this, &svc] {
             clear_timer(svc.step_timer);
             if (svc.is_wifi())
                 svc.has_credentials = true;
-            set_favorite(svc, true);
-            set_state(svc, "ready");
+            become_ready(svc);
             finish_connect(svc, nullptr, nullptr);
         });
     });
@@ -551,11 +693,10 @@ void Engine::abort_connect(Svc &svc)
 void Engine::disconnect(Svc &svc)
 {
     abort_connect(svc);
-    if (svc.connected() || svc.state == "failure") {
-        if (svc.connected())
-            set_state(svc, "disconnect");
+    if (svc.connected())
+        drop_connection(svc, false);
+    else if (svc.state == "failure")
         set_state(svc, "idle");
-    }
 }
 
 void Engine::forget(Svc &svc)
@@ -707,7 +848,7 @@ static void add_manual_ipv4(GVariantBuilder *b, const Ipv4Config &c)
 static void add_manual_ipv6(GVariantBuilder *b, const Ipv6Config &c)
 {
     add_string(b, "Address", c.address);
-    g_variant_builder_add(b, "{sv}", "Prefix", g_variant_new_uint16(c.prefix));
+    g_variant_builder_add(b, "{sv}", "PrefixLength", g_variant_new_byte(c.prefix));
     if (!c.gateway.empty())
         add_string(b, "Gateway", c.gateway);
 }
@@ -727,14 +868,17 @@ static GVariant *ipv4_value(const Svc &svc, bool live)
     } else if (live && c.method != "off") {
         add_string(&b, "Address", svc.net.ipv4_address);
         add_string(&b, "Netmask", svc.net.ipv4_netmask);
-        add_string(&b, "Gateway", svc.net.ipv4_gateway);
+        if (!svc.lease_without_router)
+            add_string(&b, "Gateway", svc.net.ipv4_gateway);
     }
     return g_variant_builder_end(&b);
 }
 
 static GVariant *ipv6_value(const Svc &svc, bool live)
 {
-    if (live && !svc.connected())
+    // Without an address from the network the daemon shows nothing at all.
+    if (live &&
+        (!svc.connected() || (svc.ipv6_config.method != "manual" && svc.net.ipv6_address.empty())))
         return empty_dict();
     GVariantBuilder b;
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
@@ -744,8 +888,9 @@ static GVariant *ipv6_value(const Svc &svc, bool live)
         add_manual_ipv6(&b, c);
     } else if (live && c.method != "off") {
         add_string(&b, "Address", svc.net.ipv6_address);
-        g_variant_builder_add(&b, "{sv}", "Prefix", g_variant_new_uint16(svc.net.ipv6_prefix));
-        add_string(&b, "Gateway", svc.net.ipv6_gateway);
+        g_variant_builder_add(&b, "{sv}", "PrefixLength", g_variant_new_byte(svc.net.ipv6_prefix));
+        if (!svc.net.ipv6_gateway.empty())
+            add_string(&b, "Gateway", svc.net.ipv6_gateway);
         add_string(&b, "Privacy", c.privacy);
     }
     // The configuration always carries the privacy; the live dictionary only
@@ -755,8 +900,8 @@ static GVariant *ipv6_value(const Svc &svc, bool live)
     return g_variant_builder_end(&b);
 }
 
-// Proxy and Proxy.Configuration: a proxy never configured shows as
-// "direct" while up and as an empty configuration.
+// Proxy and Proxy.Configuration: a proxy never configured shows as empty
+// dictionaries, also while up.
 static GVariant *proxy_value(const Svc &svc, bool live)
 {
     const ProxyConfig &c = svc.proxy_config;
@@ -764,11 +909,8 @@ static GVariant *proxy_value(const Svc &svc, bool live)
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
     if (live && !svc.connected())
         return g_variant_builder_end(&b);
-    if (c.method.empty()) {
-        if (live)
-            add_string(&b, "Method", "direct");
+    if (c.method.empty())
         return g_variant_builder_end(&b);
-    }
     add_string(&b, "Method", c.method);
     if (!c.url.empty())
         add_string(&b, "URL", c.url);
@@ -785,7 +927,11 @@ static GVariant *ethernet_value(const Network &net)
     g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
     add_string(&b, "Method", "auto");
     add_string(&b, "Interface", net.interface);
-    add_string(&b, "Address", net.mac);
+    // The daemon writes MAC addresses in upper case.
+    std::string mac = net.mac;
+    std::transform(mac.begin(), mac.end(), mac.begin(),
+                   [](unsigned char c) { return static_cast<char>(g_ascii_toupper(c)); });
+    add_string(&b, "Address", mac);
     g_variant_builder_add(&b, "{sv}", "MTU", g_variant_new_uint16(1500));
     return g_variant_builder_end(&b);
 }
@@ -824,6 +970,11 @@ const ServiceProperty kServiceProperties[] = {
          const Network &net = svc.net;
          return (net.hidden || net.name.empty()) ? nullptr : g_variant_new_string(net.name.c_str());
      }},
+    {"Ethernet", [](const Svc &svc) { return ethernet_value(svc.net); }},
+    {"IPv4", [](const Svc &svc) { return ipv4_value(svc, true); }},
+    {"IPv4.Configuration", [](const Svc &svc) { return ipv4_value(svc, false); }},
+    {"IPv6", [](const Svc &svc) { return ipv6_value(svc, true); }},
+    {"IPv6.Configuration", [](const Svc &svc) { return ipv6_value(svc, false); }},
     {"Nameservers",
      [](const Svc &svc) {
          return live_list(svc, svc.nameservers_config.empty() ? svc.net.nameservers
@@ -836,14 +987,11 @@ const ServiceProperty kServiceProperties[] = {
      [](const Svc &svc) { return string_array(svc.timeservers_config); }},
     {"Domains", [](const Svc &svc) { return live_list(svc, svc.domains_config); }},
     {"Domains.Configuration", [](const Svc &svc) { return string_array(svc.domains_config); }},
-    {"IPv4", [](const Svc &svc) { return ipv4_value(svc, true); }},
-    {"IPv4.Configuration", [](const Svc &svc) { return ipv4_value(svc, false); }},
-    {"IPv6", [](const Svc &svc) { return ipv6_value(svc, true); }},
-    {"IPv6.Configuration", [](const Svc &svc) { return ipv6_value(svc, false); }},
     {"Proxy", [](const Svc &svc) { return proxy_value(svc, true); }},
     {"Proxy.Configuration", [](const Svc &svc) { return proxy_value(svc, false); }},
+    {"mDNS", [](const Svc &) { return g_variant_new_boolean(FALSE); }},
+    {"mDNS.Configuration", [](const Svc &) { return g_variant_new_boolean(FALSE); }},
     {"Provider", [](const Svc &) { return empty_dict(); }},
-    {"Ethernet", [](const Svc &svc) { return ethernet_value(svc.net); }},
 };
 
 } // namespace
@@ -981,6 +1129,14 @@ void Simulator::set_carrier(const std::string &ident, bool up)
     impl_->run([&] {
         if (Svc *svc = impl_->find_svc(ident))
             impl_->set_carrier(*svc, up);
+    });
+}
+
+void Simulator::set_in_range(const std::string &ident, bool in_range)
+{
+    impl_->run([&] {
+        if (Svc *svc = impl_->find_svc(ident))
+            impl_->set_in_range(*svc, in_range);
     });
 }
 
