@@ -9,10 +9,11 @@
 //   ConnMan, so the wait is as long as the thread is busy). Never call a
 //   bridged function from the event callback: the thread would wait for
 //   itself. The "...Internel" variants exist for that.
-// - "direct": runs on the caller's thread and never waits for the service
-//   thread. Direct functions are safe to call from any thread at any time,
-//   the event callback included: what they share with the service thread is
-//   read and written under short locks that no event is raised under.
+// - "direct": runs on the caller's thread and, unless its comment says
+//   otherwise, never waits for the service thread. Direct functions are safe
+//   to call from any thread at any time, the event callback included: what
+//   they share with the service thread is read and written under short locks
+//   that no event is raised under.
 // Lists returned by pointer are new and belong to the caller (delete them);
 // null when memory ran out. Records passed by pointer are the caller's and
 // are only used during the call.
@@ -24,6 +25,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 // Network type; stored as an integer in "netmgr:type".
 enum NetType : uint32_t {
