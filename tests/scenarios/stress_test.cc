@@ -173,8 +173,10 @@ TEST_F(StressScenario, ApplicationThreadsReadWhileConnmanChangesTheConnection)
                 sim.add_network(wifi(kPassing, "passing"));
         }
         if (n % 15 == 0) {
+            // Connecting again only once the library has seen the service go.
+            size_t from = events.mark();
             NetMgr_DisconnectWifi();
-            followed = wait_until([this] { return sim.service_state(kHome) == "idle"; });
+            followed = wait_for_event(NETMGR_EVT_WIFI_DISCONNECTED, from);
             NetMgr_ConnectWifi(service_path(kHome));
         }
         followed = followed && shows(net);
@@ -184,7 +186,10 @@ TEST_F(StressScenario, ApplicationThreadsReadWhileConnmanChangesTheConnection)
         reader.join();
     events.set_hook(nullptr);
 
-    EXPECT_TRUE(followed) << "update " << n << " did not reach the library";
+    NetConnInfo last;
+    NetMgr_GetCurrentConnInfo(&last);
+    EXPECT_TRUE(followed) << "update " << n << " did not reach the library, which shows "
+                          << last.ipv4Address << "; the service is " << sim.service_state(kHome);
     std::lock_guard<std::mutex> guard(findings->mutex);
     EXPECT_EQ(0, findings->tears) << findings->first_tear;
     EXPECT_GT(findings->addresses.size(), 2u) << "the readers saw the updates go by";
