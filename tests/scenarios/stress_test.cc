@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <memory>
 #include <set>
 
 #include "tests/support/wait.h"
@@ -40,29 +39,28 @@ connman_sim::Network generation(int n)
     return net;
 }
 
-// "" for a whole record, else what is mixed.
-std::string torn(const NetConnInfo &info)
+// The text up to and including the last sep.
+std::string stem(const std::string &text, char sep)
 {
-    const std::string &address = info.ipv4Address;
-    if (address.empty()) {
-        if (!info.ipv4Netmask.empty() || !info.ipv4Gateway.empty())
-            return "IPv4 netmask or gateway without an address";
-    } else {
-        std::string prefix = address.substr(0, address.rfind('.') + 1);
-        unsigned a = 0, b = 0;
-        if (sscanf(prefix.c_str(), "10.%u.%u.", &a, &b) != 2 || info.ipv4Gateway != prefix + "1" ||
-            info.ipv4Netmask != kMasks[(a * 250 + b) % 4])
-            return "IPv4 " + address + " " + info.ipv4Netmask + " " + info.ipv4Gateway;
-    }
-    std::string dns1_prefix = info.dns1.substr(0, info.dns1.rfind('.') + 1);
-    if (info.dns1.empty() != info.dns2.empty() ||
-        (!info.dns1.empty() && info.dns2 != dns1_prefix + "54"))
-        return "name servers " + info.dns1 + " " + info.dns2;
-    std::string ipv6_prefix = info.ipv6Address.substr(0, info.ipv6Address.rfind(':') + 1);
-    if (info.ipv6Address.empty() != info.ipv6Gateway.empty() ||
-        (!info.ipv6Address.empty() && info.ipv6Gateway != ipv6_prefix + "1"))
-        return "IPv6 " + info.ipv6Address + " " + info.ipv6Gateway;
-    return "";
+    return text.substr(0, text.rfind(sep) + 1);
+}
+
+// "" for a whole record, else its addresses.
+std::string torn(const NetConnInfo &i)
+{
+    std::string v4 = stem(i.ipv4Address, '.');
+    unsigned a = 0, b = 0;
+    bool v4_whole = i.ipv4Address.empty() ? i.ipv4Netmask.empty() && i.ipv4Gateway.empty()
+                                          : sscanf(v4.c_str(), "10.%u.%u.", &a, &b) == 2 &&
+                                                i.ipv4Gateway == v4 + "1" &&
+                                                i.ipv4Netmask == kMasks[(a * 250 + b) % 4];
+    bool dns_whole = i.dns1.empty() ? i.dns2.empty() : i.dns2 == stem(i.dns1, '.') + "54";
+    bool v6_whole = i.ipv6Address.empty() ? i.ipv6Gateway.empty()
+                                          : i.ipv6Gateway == stem(i.ipv6Address, ':') + "1";
+    if (v4_whole && dns_whole && v6_whole)
+        return "";
+    return i.ipv4Address + " " + i.ipv4Netmask + " " + i.ipv4Gateway + ", " + i.dns1 + " " +
+           i.dns2 + ", " + i.ipv6Address + " " + i.ipv6Gateway;
 }
 
 struct Findings {
