@@ -7,6 +7,8 @@
 #include <glib.h>
 #include <string.h>
 
+#include <atomic>
+
 #include "connman-client/dbus.h"
 #include "connman-client/interface.h"
 #include "connman-client/names.h"
@@ -47,6 +49,11 @@ struct connman_manager {
 };
 
 static struct connman_manager *manager;
+
+// OfflineMode as connman_manager_get_offlinemode answers it, for callers on
+// any thread (the library's direct NetMgr_GetNetworkEnable): the record
+// itself is created and freed on the service thread. True without a record.
+static std::atomic<bool> published_offline{true};
 
 unsigned int string2enum_state(const char *state)
 {
@@ -119,6 +126,7 @@ static void set_state(const char *state)
 static void set_offlinemode(dbus_bool_t offline)
 {
     manager->offlinemode = offline;
+    published_offline = offline != FALSE;
     update_manager_property(MANAGER_PROPERTY_OFFLINEMODE);
 }
 
@@ -181,6 +189,7 @@ int connman_manager_init(void)
     if (!manager)
         return -ENOMEM;
     manager->connection = dbus_connection_ref(connection);
+    published_offline = false;
     return 0;
 }
 
@@ -200,6 +209,7 @@ void connman_manager_finalize(void)
     // The ServicesChanged watch belongs to the service client, which
     // unregisters it in its own finalize.
 
+    published_offline = true;
     dbus_connection_unref(manager->connection);
     g_free(manager);
     manager = nullptr;
@@ -237,7 +247,7 @@ unsigned int connman_manager_get_state(void)
 
 bool connman_manager_get_offlinemode(void)
 {
-    return manager ? manager->offlinemode != FALSE : true;
+    return published_offline;
 }
 
 int connman_manager_set_offlinemode(bool offline)

@@ -35,6 +35,7 @@ int connman_manager_get_properties(connman_property_cb_t property_cb, void *user
 // The mirrored values: state 0 and offline mode true until ConnMan said
 // otherwise (and again after finalize).
 unsigned int connman_manager_get_state(void);
+// The offline mode may be read from any thread.
 bool connman_manager_get_offlinemode(void);
 // Sends SetProperty; the mirror changes only when ConnMan announces it.
 int connman_manager_set_offlinemode(bool offline);

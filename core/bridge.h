@@ -11,9 +11,24 @@
 
 #include <future>
 
+#include "dbus-glue/handoff.h"
+
 template <typename T> struct BridgeRecord {
     std::promise<T> *promise;
 };
+
+// The source's data: the body and its record, on the caller's stack too.
+struct BridgePost {
+    GSourceFunc body;
+    gpointer record;
+};
+
+inline gboolean netmgr_bridge_run(gpointer data)
+{
+    auto *post = static_cast<BridgePost *>(data);
+    netmgr_handoff_acquire(post);
+    return post->body(post->record);
+}
 
 template <typename T, typename Record>
 T netmgr_bridge_call(Record &record, guint interval, GSourceFunc body)
@@ -21,7 +36,9 @@ T netmgr_bridge_call(Record &record, guint interval, GSourceFunc body)
     std::promise<T> promise;
     std::future<T> future = promise.get_future();
     record.promise = &promise;
-    g_timeout_add(interval, body, &record);
+    BridgePost post{body, &record};
+    netmgr_handoff_release(&post);
+    g_timeout_add(interval, netmgr_bridge_run, &post);
     return future.get();
 }
 

@@ -27,7 +27,7 @@ static void connect_return(DBusMessageIter *, int error, const char *error_messa
     char *path = static_cast<char *>(user_data);
     // On success the new state arrives through the service's property changes.
     if (error != 0) {
-        g_netMgr->wifiState = NET_STATUS_DISCONNECTED;
+        g_netMgr->wifiState.set(NET_STATUS_DISCONNECTED);
         NETMGR_LOG(NETMGR_ERROR, 754, "## [connect_return] Error %s: %s", path,
                    netmgr_text(error_message));
         if (is_selected(path)) {
@@ -38,7 +38,7 @@ static void connect_return(DBusMessageIter *, int error, const char *error_messa
                 // ConnMan is already connecting this service: not a failure.
                 bool in_progress =
                     error_message != nullptr && strstr(error_message, "In progress") != nullptr;
-                if (!in_progress && g_netMgr->netType == NET_TYPE_WIFI &&
+                if (!in_progress && g_netMgr->netType.get() == NET_TYPE_WIFI &&
                     g_netMgr->lastWifi != path) {
                     connman_agent_reply_canceled();
                     backToConnectLastWifi();
@@ -61,7 +61,7 @@ void connect(const std::string &path, bool background)
         else if (g_strcmp0(type, "wifi") == 0)
             netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
     } else {
-        if (g_netMgr->netType == NET_TYPE_WIFI)
+        if (g_netMgr->netType.get() == NET_TYPE_WIFI)
             disconnect_wifi();
         char *copy = g_strdup(path.c_str());
         if (connman_service_connect_cb(path.c_str(), connect_return, copy) < 0)
@@ -96,12 +96,13 @@ void disconnect(const std::string &path)
 
 void disconnect_wifi()
 {
-    if (!connman_technology_is_connected(WIFI_TECHNOLOGY_PATH) && g_netMgr->netType != NET_TYPE_P2P)
+    if (!connman_technology_is_connected(WIFI_TECHNOLOGY_PATH) &&
+        g_netMgr->netType.get() != NET_TYPE_P2P)
         return;
     std::string path = getConnectedWifiService();
     if (path.empty())
         return;
-    g_netMgr->wifiConnectNotified = false;
+    g_netMgr->wifiConnectNotified.set(false);
     reset_cur_conn_info();
     disconnect(path);
 }
@@ -109,11 +110,11 @@ void disconnect_wifi()
 void backToConnectLastWifi()
 {
     // A connection the user started is never overridden.
-    if (g_netMgr->wifiState == NET_STATUS_CONNECTING) {
+    if (g_netMgr->wifiState.get() == NET_STATUS_CONNECTING) {
         NETMGR_LOG(NETMGR_INFO, 956, "NET_STATUS_CONNECTING");
         return;
     }
-    if (g_netMgr->netType != NET_TYPE_WIFI)
+    if (g_netMgr->netType.get() != NET_TYPE_WIFI)
         return;
     if (!g_netMgr->lastWifi.empty()) {
         std::string last = g_netMgr->lastWifi;
@@ -134,21 +135,28 @@ gboolean check_wifi_connect_timer_cb(gpointer)
 {
     // Kept: the stale id stays in connectCheckTimer when the timer ends
     // here (netmgr_remove_source tolerates it later); no test pins it.
-    if (g_netMgr->netType != NET_TYPE_WIFI || g_netMgr->wifiConnected)
+    if (g_netMgr->netType.get() != NET_TYPE_WIFI || g_netMgr->wifiConnected.get())
         return FALSE;
-    if (g_netMgr->wifiState == NET_STATUS_CONNECTING)
+    if (g_netMgr->wifiState.get() == NET_STATUS_CONNECTING)
         return TRUE;
-    if (g_netMgr->wifiList.empty()) {
+    bool listed = false;
+    bool empty = g_netMgr->wifiList.read([&listed](const std::list<NetWifiInfo> &list) {
+        for (const NetWifiInfo &entry : list) {
+            if (entry.path == g_netMgr->lastWifi) {
+                listed = true;
+                break;
+            }
+        }
+        return list.empty();
+    });
+    if (empty) {
         do_refresh_services(nullptr);
         ZelStorageManager::instance().systemCmd("wpa_cli scan", 12);
         return TRUE;
     }
-    for (const NetWifiInfo &entry : g_netMgr->wifiList) {
-        if (entry.path == g_netMgr->lastWifi) {
-            std::string path = entry.path;
-            connect(path, true);
-            break;
-        }
+    if (listed) {
+        std::string path = g_netMgr->lastWifi;
+        connect(path, true);
     }
     return TRUE;
 }
@@ -168,19 +176,24 @@ gboolean connected_timer_cb(gpointer)
     // overlapping polls give up sooner; no test pins it.
     static int8_t ticks = 0;
     NetMgrContext *ctx = g_netMgr;
+    bool ethernet_connected = ctx->ethernetConnected.get();
+    bool wifi_connected = ctx->wifiConnected.get();
 
-    if (!ctx->ethernetConnected && !ctx->wifiConnected) {
+    if (!ethernet_connected && !wifi_connected) {
         ticks = 0;
         return FALSE;
     }
-    if (connection_ready(ctx->connInfo, ctx->ipv6Preferred)) {
-        if ((ctx->netType == NET_TYPE_ETHERNET || ctx->netType == NET_TYPE_P2P) &&
-            ctx->ethernetConnected) {
+    bool ipv6 = ctx->ipv6Preferred;
+    bool ready = ctx->connInfo.read(
+        [ipv6](const NetConnInfo &info) { return connection_ready(info, ipv6); });
+    if (ready) {
+        NetType type = ctx->netType.get();
+        if ((type == NET_TYPE_ETHERNET || type == NET_TYPE_P2P) && ethernet_connected) {
             netmgr_raise_event(NETMGR_EVT_ETHERNET_CONNECTED, nullptr);
             ticks = 0;
             return FALSE;
         }
-        if (ctx->netType == NET_TYPE_WIFI && ctx->wifiConnected) {
+        if (type == NET_TYPE_WIFI && wifi_connected) {
             netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
             ctx->lastWifi = getConnectedWifiService();
             save_config(DB_KEY_LAST_WIFI);
@@ -240,7 +253,7 @@ void agent_error_cb(const char *path, const char *error)
 {
     NETMGR_LOG(NETMGR_ERROR, 93, "## agent_error_cb path: %s, error: %s", netmgr_text(path),
                netmgr_text(error));
-    NetType type = g_netMgr->netType;
+    NetType type = g_netMgr->netType.get();
 
     if (g_strcmp0(error, "connect-failed") == 0) {
         if (type == NET_TYPE_ETHERNET)
@@ -290,7 +303,7 @@ bool NetMgr_ConnectWifi(std::string path)
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
         PathRecord *record = static_cast<PathRecord *>(data);
         connman_agent_reply_canceled();
-        g_netMgr->wifiState = NET_STATUS_CONNECTING;
+        g_netMgr->wifiState.set(NET_STATUS_CONNECTING);
         connect(*record->path, false);
         record->promise->set_value(true);
         return FALSE;
@@ -312,9 +325,15 @@ bool NetMgr_SetWifiPassword(std::string path, std::string password)
     });
 }
 
-// Runs on the caller's thread so that the event callback can answer a hidden
-// network's request without waiting on its own thread.
-bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::string password)
+struct HiddenAnswerRecord {
+    std::promise<bool> *promise;
+    const std::string *path;
+    const std::string *ssid;
+    const std::string *password;
+};
+
+static bool answer_hidden(const std::string &path, const std::string &ssid,
+                          const std::string &password)
 {
     if (!is_selected(path.c_str()))
         return false;
@@ -325,6 +344,21 @@ bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::
     else
         connman_agent_reply_passphrase(ssid.c_str(), password.c_str(), false, "");
     return true;
+}
+
+// Answers at once in the event callback, which must not wait for its own
+// thread; other threads hand the answer to the service thread, which owns
+// the agent's request.
+bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::string password)
+{
+    if (netmgr_on_service_thread())
+        return answer_hidden(path, ssid, password);
+    HiddenAnswerRecord record{nullptr, &path, &ssid, &password};
+    return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
+        auto *rec = static_cast<HiddenAnswerRecord *>(data);
+        rec->promise->set_value(answer_hidden(*rec->path, *rec->ssid, *rec->password));
+        return FALSE;
+    });
 }
 
 bool NetMgr_DismissWifi(std::string path)

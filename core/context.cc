@@ -1,6 +1,7 @@
 // The manager context, the service thread and ConnMan's comings and goings.
 #include <unistd.h>
 
+#include <mutex>
 #include <new>
 #include <system_error>
 
@@ -15,6 +16,13 @@
 #include "platform/zelstorageclient.h"
 
 NetMgrContext *g_netMgr = nullptr;
+
+static thread_local bool service_thread_here = false;
+
+bool netmgr_on_service_thread()
+{
+    return service_thread_here;
+}
 
 void netmgr_raise_event(NetMgrEvent event, void *arg)
 {
@@ -99,6 +107,7 @@ static void rule_fallback_cb(const char *broader_rule)
 
 void _netmgr_main_routine()
 {
+    service_thread_here = true;
     g_dbus_set_rule_fallback_function(rule_fallback_cb);
     if (connman_interface_init(connman_up, connman_down, nullptr) < 0) {
         NETMGR_LOG(NETMGR_ERROR, 2162, "## connman_interface_init failed");
@@ -123,9 +132,9 @@ static void load_saved_settings(NetMgrContext *ctx)
     Json::Value value;
     // Unexpected value types read as the defaults instead of throwing.
     if (ZL_Storage_GetItem(DB_NETWORK_TYPE, &value) && value.isConvertibleTo(Json::intValue))
-        ctx->netType = static_cast<NetType>(value.asInt());
+        ctx->netType.set(static_cast<NetType>(value.asInt()));
     else
-        ctx->netType = NET_TYPE_ETHERNET;
+        ctx->netType.set(NET_TYPE_ETHERNET);
 
     if (ZL_Storage_GetItem(DB_LAST_WIFI, &value)) {
         std::string last =
@@ -135,13 +144,16 @@ static void load_saved_settings(NetMgrContext *ctx)
         // Kept: armed even without a last network; the check then refreshes
         // the list and scans until something connects. Pinned by
         // StartTest.StoredWifiTypeWithEmptyLastWifiArmsTheTenSecondCheck.
-        if (ctx->netType == NET_TYPE_WIFI)
+        if (ctx->netType.get() == NET_TYPE_WIFI)
             start_wifi_connect_check(10000);
     }
 }
 
 int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *))
 {
+    // Threads starting at the same time get one context between them.
+    static std::mutex start_lock;
+    std::lock_guard<std::mutex> guard(start_lock);
     if (g_netMgr) {
         NETMGR_LOG(NETMGR_INFO, 2179, "## NetMgr already init");
         return -1;
@@ -157,17 +169,17 @@ int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *))
     ctx->eventCallback = cb;
     ctx->ethernetEnabled = false;
     ctx->wifiEnabled = false;
-    ctx->ethernetConnected = false;
-    ctx->wifiConnected = false;
-    ctx->ethernetConnectNotified = false;
-    ctx->wifiConnectNotified = false;
+    ctx->ethernetConnected.set(false);
+    ctx->wifiConnected.set(false);
+    ctx->ethernetConnectNotified.set(false);
+    ctx->wifiConnectNotified.set(false);
     ctx->spareFlag = false;
     ctx->ipv6Preferred = false;
     // Kept: cleared after the start-up check was armed, so that first timer
     // keeps running but can no longer be cancelled by a later re-arm; that
     // it runs is pinned by ConnectionScenario.StartupCheckReconnectsLastWifiAfterTenSeconds.
     ctx->connectCheckTimer = 0;
-    ctx->countryCode = "JP";
+    ctx->countryCode.set("JP");
 
     try {
         ctx->serviceThread = std::thread(_netmgr_main_routine);
@@ -179,12 +191,12 @@ int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *))
 
 NetType NetMgr_GetNetworkType()
 {
-    return g_netMgr->netType;
+    return g_netMgr->netType.get();
 }
 
 NetType Netmgr_load_config()
 {
-    return g_netMgr->netType;
+    return g_netMgr->netType.get();
 }
 
 bool NetMgr_GetNetworkEnable()
@@ -195,6 +207,6 @@ bool NetMgr_GetNetworkEnable()
 // After a wake-up the next connection is announced again.
 void NetMgr_PowerDownResetNetworkStatus()
 {
-    g_netMgr->ethernetConnectNotified = false;
-    g_netMgr->wifiConnectNotified = false;
+    g_netMgr->ethernetConnectNotified.set(false);
+    g_netMgr->wifiConnectNotified.set(false);
 }

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <mutex>
 
 #include "connman-client/technology.h"
 #include "core/bridge.h"
@@ -15,8 +14,9 @@
 #include "core/log.h"
 #include "platform/zelstorageclient.h"
 
-// The type the device had when the factory test forced Wi-Fi on.
-static int Factory_NetworkType;
+// The type the device had when the factory test forced Wi-Fi on; written on
+// the service thread, read by NetMgr_Factory_network_reset on any thread.
+static NetShared<int> Factory_NetworkType;
 
 namespace
 {
@@ -29,20 +29,40 @@ const size_t kCommandBufferSize = 100;
 
 gboolean strong_signal_test(gpointer data)
 {
-    bool found = false;
-    for (const NetWifiInfo &info : g_netMgr->wifiList) {
-        if (info.strength > kWeakestStrongSignal) {
-            found = true;
-            break;
+    netmgr_handoff_acquire(data);
+    bool found = g_netMgr->wifiList.read([](const std::list<NetWifiInfo> &list) {
+        for (const NetWifiInfo &info : list) {
+            if (info.strength > kWeakestStrongSignal)
+                return true;
         }
-    }
+        return false;
+    });
     bridge_promise<bool>(data)->set_value(found);
     return FALSE;
 }
 
+struct LinkRecord {
+    std::promise<bool> *promise;
+    const std::list<NetWifiInfo> *list;
+    const char *target_name;
+};
+
+struct PowerRecord {
+    std::promise<int> *promise;
+    bool wifi;
+};
+
+int power_technologies(bool wifi)
+{
+    connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, true);
+    return connman_technology_enable(WIFI_TECHNOLOGY_PATH, wifi);
+}
+
 bool already_linked_to(const char *target_name)
 {
-    return g_netMgr->wifiConnected && g_netMgr->connInfo.name == target_name;
+    return g_netMgr->wifiConnected.get() &&
+           g_netMgr->connInfo.read(
+               [target_name](const NetConnInfo &info) { return info.name == target_name; });
 }
 
 } // namespace
@@ -50,10 +70,10 @@ bool already_linked_to(const char *target_name)
 bool NetMgr_Factory_EnableWifi()
 {
     return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
-        Factory_NetworkType = NetMgr_GetNetworkType();
+        Factory_NetworkType.set(NetMgr_GetNetworkType());
         connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, false);
-        g_netMgr->netType = NET_TYPE_WIFI;
-        g_netMgr->connInfo.type = NET_TYPE_WIFI;
+        g_netMgr->netType.set(NET_TYPE_WIFI);
+        g_netMgr->connInfo.update([](NetConnInfo &info) { info.type = NET_TYPE_WIFI; });
         save_config(DB_KEY_TYPE);
         if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
@@ -92,8 +112,8 @@ bool NetMgr_Factory_Wifi_AutotestResult()
 {
     int count = NetMgr_GetWifiListCount();
     NETMGR_LOG(NETMGR_INFO, 2066, "type = %d,WifiCount = %d\n\n",
-               static_cast<int>(g_netMgr->netType), count);
-    if (count < 1 || g_netMgr->netType != NET_TYPE_WIFI) {
+               static_cast<int>(g_netMgr->netType.get()), count);
+    if (count < 1 || g_netMgr->netType.get() != NET_TYPE_WIFI) {
         bool result = NetMgr_Factory_Wifi_test();
         NetMgr_Factory_network_reset();
         return result;
@@ -106,6 +126,7 @@ bool NetMgr_Factory_Wifi_AutotestResult()
     std::promise<bool> promise;
     std::future<bool> future = promise.get_future();
     BridgeRecord<bool> record{&promise};
+    netmgr_handoff_release(&record);
     g_timeout_add(0, strong_signal_test, &record);
     NetMgr_Factory_network_reset();
     return future.get();
@@ -114,19 +135,21 @@ bool NetMgr_Factory_Wifi_AutotestResult()
 // A remembered P2P type comes back as Wi-Fi.
 int NetMgr_Factory_network_reset()
 {
-    bool wifi_wanted;
-    if (Factory_NetworkType) {
-        g_netMgr->netType = NET_TYPE_WIFI;
-        g_netMgr->connInfo.type = NET_TYPE_WIFI;
-        wifi_wanted = true;
-    } else {
-        g_netMgr->netType = NET_TYPE_ETHERNET;
-        g_netMgr->connInfo.type = NET_TYPE_ETHERNET;
-        wifi_wanted = false;
-    }
+    bool wifi_wanted = Factory_NetworkType.get() != 0;
+    NetType type = wifi_wanted ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
+    g_netMgr->netType.set(type);
+    g_netMgr->connInfo.update([type](NetConnInfo &info) { info.type = type; });
     save_config(DB_KEY_TYPE);
-    connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, true);
-    return connman_technology_enable(WIFI_TECHNOLOGY_PATH, wifi_wanted);
+    // The power requests go through the ConnMan client, which belongs to the
+    // service thread; other threads hand them over and wait for the result.
+    if (netmgr_on_service_thread())
+        return power_technologies(wifi_wanted);
+    PowerRecord record{nullptr, wifi_wanted};
+    return netmgr_bridge_call<int>(record, 0, [](gpointer data) -> gboolean {
+        auto *rec = static_cast<PowerRecord *>(data);
+        rec->promise->set_value(power_technologies(rec->wifi));
+        return FALSE;
+    });
 }
 
 bool NetMgr_Uart_Wifi_LinkTest(const char *target_name)
@@ -162,36 +185,39 @@ bool NetMgr_Uart_Wifi_LinkTest(const char *target_name)
         return false;
     }
 
-    // Every network of that name is tried, in list order.
-    bool matched = false;
-    for (const NetWifiInfo &info : *list) {
-        if (info.name == target_name) {
-            connect(info.path, false);
-            matched = true;
+    // Every network of that name is tried, in list order, on the service
+    // thread that owns the connections.
+    LinkRecord record{nullptr, list.get(), target_name};
+    bool matched = netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
+        auto *rec = static_cast<LinkRecord *>(data);
+        bool matched = false;
+        for (const NetWifiInfo &info : *rec->list) {
+            if (info.name == rec->target_name) {
+                connect(info.path, false);
+                matched = true;
+            }
         }
-    }
+        rec->promise->set_value(matched);
+        return FALSE;
+    });
     if (!matched) {
         NETMGR_LOG(NETMGR_WARNING, 2273, "can't find wifi ssid: %s !\n\n", target_name);
         return false;
     }
 
     // Up to two seconds for the link.
-    for (int i = 0; i < 20 && !g_netMgr->wifiConnected; i++)
+    for (int i = 0; i < 20 && !g_netMgr->wifiConnected.get(); i++)
         usleep(100 * 1000);
 
+    bool connected = g_netMgr->wifiConnected.get();
     NETMGR_LOG(NETMGR_INFO, 2285, "netstatus = %d,wifiConnected = %d\n\n",
-               static_cast<int>(g_netMgr->wifiState), g_netMgr->wifiConnected);
-    return g_netMgr->wifiConnected;
+               static_cast<int>(g_netMgr->wifiState.get()), connected);
+    return connected;
 }
-
-// The code is set from the application's threads and read by the refresh on
-// the service thread; the lock keeps the string whole.
-static std::mutex country_code_lock;
 
 std::string netmgr_country_code()
 {
-    std::lock_guard<std::mutex> guard(country_code_lock);
-    return g_netMgr->countryCode;
+    return g_netMgr->countryCode.get();
 }
 
 // The code goes through the shell as root: only letters and digits that fit
@@ -218,13 +244,10 @@ bool NetMgr_setWifiChannelRange(std::string code)
     }
     char command[kCommandBufferSize];
     memset(command, 0, sizeof(command));
-    {
-        std::lock_guard<std::mutex> guard(country_code_lock);
-        g_netMgr->countryCode = code;
-        if (code.empty())
-            g_netMgr->countryCode = "JP";
-        snprintf(command, sizeof(command), kCountryCodeCommand, g_netMgr->countryCode.c_str());
-    }
+    g_netMgr->countryCode.update([&code, &command](std::string &shared) {
+        shared = code.empty() ? std::string("JP") : code;
+        snprintf(command, sizeof(command), kCountryCodeCommand, shared.c_str());
+    });
     ZelStorageManager::instance().systemCmd(command, strlen(command));
     return true;
 }

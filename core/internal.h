@@ -12,6 +12,11 @@ extern NetMgrContext *g_netMgr;
 // Raises an event on the application's callback (service thread).
 void netmgr_raise_event(NetMgrEvent event, void *arg);
 
+// True on the service thread: in the event callback and in bridged bodies.
+// The ConnMan client is used there only, so direct functions that need it
+// hand their work over from other threads.
+bool netmgr_on_service_thread();
+
 // context.cc: presence hooks and small callbacks
 void connman_up(void *user_data);
 void connman_down(void *user_data);
@@ -22,8 +27,8 @@ void agent_browser_cb(const char *path, const char *url);
 void agent_cancel_cb();
 void remove_service_cb(const char *path);
 
-// factory.cc: the Wi-Fi country code, read under the lock that
-// NetMgr_setWifiChannelRange takes (it runs on any thread).
+// factory.cc: the Wi-Fi country code (NetMgr_setWifiChannelRange sets it
+// from any thread).
 std::string netmgr_country_code();
 
 // settings.cc

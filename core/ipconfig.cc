@@ -99,7 +99,7 @@ bool set_ipv4(const NetIPv4Config *cfg)
     if (path.empty())
         return false;
     // The changed addresses must be announced again once they are complete.
-    g_netMgr->ethernetConnectNotified = false;
+    g_netMgr->ethernetConnectNotified.set(false);
 
     struct connman_ipv4 ipv4 = {};
     if (cfg->method != "manual") {

@@ -9,8 +9,11 @@
 //   ConnMan, so the wait is as long as the thread is busy). Never call a
 //   bridged function from the event callback: the thread would wait for
 //   itself. The "...Internel" variants exist for that.
-// - "direct": runs on the caller's thread; it reads or writes single
-//   context fields without a lock and never waits for the service thread.
+// - "direct": runs on the caller's thread and, unless its comment says
+//   otherwise, never waits for the service thread. Direct functions are safe
+//   to call from any thread at any time, the event callback included: what
+//   they share with the service thread is read and written under short locks
+//   that no event is raised under.
 // Lists returned by pointer are new and belong to the caller (delete them);
 // null when memory ran out. Records passed by pointer are the caller's and
 // are only used during the call.
@@ -19,8 +22,10 @@
 #include <stdint.h>
 
 #include <list>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 // Network type; stored as an integer in "netmgr:type".
 enum NetType : uint32_t {
@@ -119,37 +124,76 @@ struct NetIPv6Config {
 // README. Do not block in it and do not call bridged functions from it.
 typedef int (*NetMgrEventCallback)(NetMgrEvent event, void *arg);
 
+// A context value that the direct functions share with the service thread.
+// Every read is a whole copy and every change is made under the value's own
+// lock, held for that copy or change alone: never across an event or a call
+// out of the library, so the event callback can call the direct functions
+// and the service thread waits for an application thread no longer than a
+// copy takes.
+template <typename T> class NetShared
+{
+  public:
+    T get() const
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return value_;
+    }
+    void set(T value)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        value_ = std::move(value);
+    }
+    // Runs access(value) under the lock; access touches nothing else.
+    template <typename F> auto update(F access)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return access(value_);
+    }
+    template <typename F> auto read(F access) const
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        return access(static_cast<const T &>(value_));
+    }
+
+  private:
+    mutable std::mutex lock_;
+    T value_{};
+};
+
 // The one manager context; created by NetMgr_StartRoutine and never freed.
+// The fields that a direct function reads, writes or copies are NetShared;
+// the others belong to the service thread alone.
 struct NetMgrContext {
-    NetType netType;
+    NetShared<NetType> netType;
     NetType typeBeforeP2P;
-    NetStatus wifiState;
+    NetShared<NetStatus> wifiState;
     std::string reservedName;
     uint32_t unused;
     std::thread serviceThread;
     NetMgrEventCallback eventCallback;
     bool ethernetEnabled;
     bool wifiEnabled;
-    bool ethernetConnected;
-    bool wifiConnected;
-    bool ethernetConnectNotified;
-    bool wifiConnectNotified;
+    NetShared<bool> ethernetConnected;
+    NetShared<bool> wifiConnected;
+    NetShared<bool> ethernetConnectNotified;
+    NetShared<bool> wifiConnectNotified;
     bool spareFlag;
     bool ipv6Preferred;
     bool backgroundConnect;
-    std::string hiddenPathNone;
-    std::string hiddenPathPsk;
-    std::string hiddenPathWep;
-    std::list<NetWifiInfo> wifiList;
-    NetConnInfo connInfo;
+    NetShared<std::string> hiddenPathNone;
+    NetShared<std::string> hiddenPathPsk;
+    NetShared<std::string> hiddenPathWep;
+    NetShared<std::list<NetWifiInfo>> wifiList;
+    NetShared<NetConnInfo> connInfo;
     std::string lastWifi;
-    std::string countryCode;
+    NetShared<std::string> countryCode;
     unsigned int connectCheckTimer;
 };
 
-// Direct, returns at once: creates the context, loads the saved settings and
-// starts the service thread, which then waits for ConnMan. 0, or -1 when
-// already started (the first callback stays) or the thread cannot start.
+// Direct, any thread, returns at once: creates the context, loads the saved
+// settings and starts the service thread, which then waits for ConnMan. 0,
+// or -1 when already started, also by another thread at the same time (the
+// first callback stays), or when the thread cannot start.
 int NetMgr_StartRoutine(int (*cb)(NetMgrEvent, void *));
 
 // Bridged. DISABLED, ENABLED or CONNECTED of Wi-Fi for NET_TYPE_WIFI, of
@@ -159,14 +203,16 @@ NetStatus NetMgr_GetNetworkStatus(NetType type);
 // Bridged. Copies the current connection's details into *info; true.
 bool NetMgr_GetCurrentConnInfo(NetConnInfo *info);
 
-// Direct, for the event callback: the same copy without synchronisation;
-// true while Ethernet or Wi-Fi is connected.
+// Direct, any thread and the event callback: the same copy, whole as the
+// service thread last changed each part of it; true while Ethernet or Wi-Fi
+// is connected.
 bool NetMgr_GetCurrentConnInfoInternel(NetConnInfo *info);
 
-// Direct. The active network type.
+// Direct, any thread. The active network type.
 NetType NetMgr_GetNetworkType();
 
-// Direct. True unless ConnMan is in offline mode (as last mirrored).
+// Direct, any thread. True unless ConnMan is in offline mode (as last
+// mirrored).
 bool NetMgr_GetNetworkEnable();
 
 // Bridged. Asks ConnMan to leave (true) or enter offline mode when it
@@ -210,11 +256,11 @@ std::list<NetWifiInfo> *NetMgr_GetWifiList();
 // Bridged. Number of networks in the Wi-Fi list.
 int NetMgr_GetWifiListCount();
 
-// Direct, for the event callback: a new copy of the list; the caller
-// deletes it.
+// Direct, any thread (made for the event callback): a new copy of the
+// list; the caller deletes it.
 std::list<NetWifiInfo> *NetMgr_GetWifiListInternel();
 
-// Direct. Path of the listed hidden network: 0 open, 1 WEP, any other
+// Direct, any thread. Path of the listed hidden network: 0 open, 1 WEP, any other
 // value PSK; empty when there is none.
 std::string getHideWifiPath(int security);
 
@@ -225,9 +271,10 @@ bool NetMgr_ConnectWifi(std::string path);
 // not the network being connected or the password is not valid UTF-8.
 bool NetMgr_SetWifiPassword(std::string path, std::string password);
 
-// Direct, so the event callback may answer a hidden network's request:
-// sends the name (and the password unless empty); false when path is not
-// the network being connected or a text is not valid UTF-8.
+// Direct in the event callback, so that it may answer a hidden network's
+// request; from any other thread it is bridged. Sends the name (and the
+// password unless empty); false when path is not the network being
+// connected or a text is not valid UTF-8.
 bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::string password);
 
 // Bridged. Forgets the network at path (and the last Wi-Fi when it is
@@ -240,8 +287,9 @@ bool NetMgr_CancelWifiConnection();
 // Bridged. Disconnects the connected Wi-Fi network, if any; true.
 bool NetMgr_DisconnectWifi();
 
-// Direct: asks ConnMan to disconnect the cable's service from the caller's
-// thread; returns at once.
+// Direct, any thread: asks ConnMan to disconnect the cable's service (from
+// another thread than the service thread the request is handed to it);
+// returns at once.
 void Netmgr_disconncet_ethernet();
 
 // Bridged. Reads the Ethernet service's IPv4 configuration into the
@@ -259,10 +307,10 @@ bool NetMgr_GetIPv6Config(NetIPv6Config *cfg);
 // succeeded.
 bool NetMgr_SetIPv6Config(NetIPv6Config *cfg);
 
-// Direct. The current type (loaded from the settings at start).
+// Direct, any thread. The current type (loaded from the settings at start).
 NetType Netmgr_load_config();
 
-// Direct. Removes the three settings from the store; true.
+// Direct, any thread. Removes the three settings from the store; true.
 bool NetMgr_ResetDB();
 
 // Bridged steps and sleeps on the caller's thread, about 5 s and up to
@@ -282,9 +330,10 @@ bool NetMgr_Factory_ScanWifi();
 // Bridged. Remembers the type, powers Ethernet off and Wi-Fi on; true.
 bool NetMgr_Factory_EnableWifi();
 
-// Direct. Restores the type remembered by NetMgr_Factory_EnableWifi and
-// powers the technologies to match; the result of the Wi-Fi power request
-// (0 or a negative errno).
+// Direct, any thread: restores the type remembered by
+// NetMgr_Factory_EnableWifi; the power requests that follow are bridged
+// (direct in the event callback). The result of the Wi-Fi power request (0
+// or a negative errno).
 int NetMgr_Factory_network_reset();
 
 // Bridged steps and waits on the caller's thread, up to about 8 s: forces
@@ -296,5 +345,6 @@ bool NetMgr_Uart_Wifi_LinkTest(const char *target_name);
 // "iwpriv" command, waiting for it; true.
 bool NetMgr_setWifiChannelRange(std::string code);
 
-// Direct. After a wake-up, the next connection is announced again.
+// Direct, any thread. After a wake-up, the next connection is announced
+// again.
 void NetMgr_PowerDownResetNetworkStatus();

@@ -131,7 +131,7 @@ gboolean get_version(const property_entry *, DBusMessageIter *iter, void *)
 
 gboolean get_network_type(const property_entry *, DBusMessageIter *iter, void *)
 {
-    dbus_uint32_t type = g_netMgr->netType;
+    dbus_uint32_t type = g_netMgr->netType.get();
     return dbus_message_iter_append_basic(iter, DBUS_TYPE_UINT32, &type);
 }
 
@@ -159,7 +159,8 @@ gboolean get_wifi_status(const property_entry *, DBusMessageIter *iter, void *)
 
 gboolean get_connection(const property_entry *, DBusMessageIter *iter, void *)
 {
-    return append_dict(iter, fill_connection, &g_netMgr->connInfo);
+    NetConnInfo info = g_netMgr->connInfo.get();
+    return append_dict(iter, fill_connection, &info);
 }
 
 gboolean get_wifi_list(const property_entry *, DBusMessageIter *iter, void *)
@@ -167,7 +168,8 @@ gboolean get_wifi_list(const property_entry *, DBusMessageIter *iter, void *)
     DBusMessageIter array;
     if (!dbus_message_iter_open_container(iter, DBUS_TYPE_ARRAY, "a{sv}", &array))
         return FALSE;
-    for (const NetWifiInfo &info : g_netMgr->wifiList) {
+    std::list<NetWifiInfo> list = g_netMgr->wifiList.get();
+    for (const NetWifiInfo &info : list) {
         if (!append_dict(&array, fill_wifi, &info)) {
             dbus_message_iter_abandon_container(iter, &array);
             return FALSE;

@@ -9,7 +9,7 @@ std::string DB_IPV6_ENABLE = "netmgr:ipv6_enable";
 
 static void save_network_type()
 {
-    Json::Value value(static_cast<Json::Int>(g_netMgr->netType));
+    Json::Value value(static_cast<Json::Int>(g_netMgr->netType.get()));
     ZL_Storage_SetItem(DB_NETWORK_TYPE, value);
 }
 

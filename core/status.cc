@@ -47,18 +47,18 @@ bool NetMgr_GetCurrentConnInfo(NetConnInfo *info)
     ConnInfoRecord record{nullptr, info};
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
         auto *rec = static_cast<ConnInfoRecord *>(data);
-        *rec->info = g_netMgr->connInfo;
+        *rec->info = g_netMgr->connInfo.get();
         rec->promise->set_value(true);
         return FALSE;
     });
 }
 
 // For callers on the service thread (the event callback), where the bridged
-// form would wait for itself. The copy is not synchronised with the thread.
+// form would wait for itself, and for any other thread.
 bool NetMgr_GetCurrentConnInfoInternel(NetConnInfo *info)
 {
-    *info = g_netMgr->connInfo;
-    if (g_netMgr->ethernetConnected)
+    *info = g_netMgr->connInfo.get();
+    if (g_netMgr->ethernetConnected.get())
         return true;
-    return g_netMgr->wifiConnected;
+    return g_netMgr->wifiConnected.get();
 }

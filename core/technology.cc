@@ -13,14 +13,14 @@
 
 static void set_type(NetType type)
 {
-    g_netMgr->netType = type;
-    g_netMgr->connInfo.type = type;
+    g_netMgr->netType.set(type);
+    g_netMgr->connInfo.update([type](NetConnInfo &info) { info.type = type; });
     save_config(DB_KEY_TYPE);
 }
 
 bool switch_wifi()
 {
-    if (g_netMgr->ethernetConnected) {
+    if (g_netMgr->ethernetConnected.get()) {
         // Kept: "witch" is the fixed text log readers match; no test pins it.
         NETMGR_LOG(NETMGR_INFO, 1050, "omit witch wifi for ethernet connected");
         return false;
@@ -78,19 +78,31 @@ std::string getConnectedWifiService()
     });
 }
 
-void Netmgr_disconncet_ethernet()
+static gboolean disconnect_ethernet(gpointer)
 {
     if (!connman_technology_is_connected(ETHERNET_TECHNOLOGY_PATH))
-        return;
+        return FALSE;
     std::string path = getEthernetService();
     if (!path.empty())
         disconnect(path);
+    return FALSE;
+}
+
+// Another thread hands the request to the service thread and still returns
+// at once.
+void Netmgr_disconncet_ethernet()
+{
+    if (netmgr_on_service_thread())
+        disconnect_ethernet(nullptr);
+    else
+        g_timeout_add(0, disconnect_ethernet, nullptr);
 }
 
 void reset_cur_conn_info()
 {
-    g_netMgr->connInfo = NetConnInfo();
-    g_netMgr->connInfo.type = NET_TYPE_ETHERNET;
+    NetConnInfo cleared;
+    cleared.type = NET_TYPE_ETHERNET;
+    g_netMgr->connInfo.set(cleared);
 }
 
 // ---- technology properties ----
@@ -111,11 +123,11 @@ static void technology_powered(const char *type, bool enabled)
     }
     if (g_strcmp0(type, "ethernet") == 0) {
         ctx->ethernetEnabled = false;
-        ctx->ethernetConnected = false;
+        ctx->ethernetConnected.set(false);
         netmgr_raise_event(NETMGR_EVT_ETHERNET_DISABLED, nullptr);
     } else if (g_strcmp0(type, "wifi") == 0) {
         ctx->wifiEnabled = false;
-        ctx->wifiConnected = false;
+        ctx->wifiConnected.set(false);
         netmgr_raise_event(NETMGR_EVT_WIFI_DISABLED, nullptr);
     }
 }
@@ -128,7 +140,7 @@ static void arm_connected_poll()
 static void ethernet_connected(const char *type)
 {
     NetMgrContext *ctx = g_netMgr;
-    if (ctx->netType != NET_TYPE_P2P) {
+    if (ctx->netType.get() != NET_TYPE_P2P) {
         // Ethernet always wins. Kept: the second argument asks "is this a
         // wifi technology", which never holds here, so Wi-Fi goes off; pinned
         // by TechnologyScenario.CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi.
@@ -136,35 +148,36 @@ static void ethernet_connected(const char *type)
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, g_strcmp0(type, "wifi") == 0);
         set_type(NET_TYPE_ETHERNET);
     }
-    if (!ctx->ethernetConnectNotified)
+    if (!ctx->ethernetConnectNotified.get())
         arm_connected_poll();
-    ctx->ethernetConnected = true;
-    ctx->ethernetConnectNotified = true;
+    ctx->ethernetConnected.set(true);
+    ctx->ethernetConnectNotified.set(true);
 }
 
 static void wifi_connected()
 {
     NetMgrContext *ctx = g_netMgr;
-    if (!ctx->wifiConnectNotified && ctx->netType != NET_TYPE_P2P)
+    NetType type = ctx->netType.get();
+    if (!ctx->wifiConnectNotified.get() && type != NET_TYPE_P2P)
         arm_connected_poll();
-    if (!ctx->ethernetConnected && ctx->netType != NET_TYPE_P2P)
+    if (!ctx->ethernetConnected.get() && type != NET_TYPE_P2P)
         set_type(NET_TYPE_WIFI);
-    ctx->wifiConnected = true;
-    ctx->wifiConnectNotified = true;
+    ctx->wifiConnected.set(true);
+    ctx->wifiConnectNotified.set(true);
 }
 
 static void ethernet_disconnected()
 {
     NetMgrContext *ctx = g_netMgr;
-    if (ctx->ethernetConnectNotified) {
+    if (ctx->ethernetConnectNotified.get()) {
         netmgr_raise_event(NETMGR_EVT_ETHERNET_DISCONNECTED, nullptr);
         reset_cur_conn_info();
     }
-    bool was_connected = ctx->ethernetConnected;
-    ctx->ethernetConnected = false;
-    ctx->ethernetConnectNotified = false;
+    bool was_connected = ctx->ethernetConnected.get();
+    ctx->ethernetConnected.set(false);
+    ctx->ethernetConnectNotified.set(false);
     // Wi-Fi takes over with the last network when the cable goes.
-    if (was_connected && ctx->netType != NET_TYPE_P2P && !ctx->lastWifi.empty()) {
+    if (was_connected && ctx->netType.get() != NET_TYPE_P2P && !ctx->lastWifi.empty()) {
         switch_wifi();
         do_refresh_services(nullptr);
         start_wifi_connect_check(5000);
@@ -175,7 +188,7 @@ static void wifi_disconnected(const char *path, const char *property)
 {
     NetMgrContext *ctx = g_netMgr;
     reset_cur_conn_info();
-    if (ctx->netType == NET_TYPE_WIFI && ctx->wifiConnectNotified) {
+    if (ctx->netType.get() == NET_TYPE_WIFI && ctx->wifiConnectNotified.get()) {
         // Kept: the application reads the first byte as "an announced
         // connection was lost", and the property name's text serves as that
         // non-zero byte; pinned by
@@ -190,8 +203,8 @@ static void wifi_disconnected(const char *path, const char *property)
         char not_announced = 0;
         netmgr_raise_event(NETMGR_EVT_WIFI_DISCONNECTED, &not_announced);
     }
-    ctx->wifiConnected = false;
-    ctx->wifiConnectNotified = false;
+    ctx->wifiConnected.set(false);
+    ctx->wifiConnectNotified.set(false);
 }
 
 void technology_property_changed_cb(const char *path, const char *property, void *)
@@ -210,14 +223,14 @@ void technology_property_changed_cb(const char *path, const char *property, void
                 ethernet_connected(type);
             else if (g_strcmp0(type, "wifi") == 0)
                 wifi_connected();
-            g_netMgr->wifiState = NET_STATUS_CONNECTED;
+            g_netMgr->wifiState.set(NET_STATUS_CONNECTED);
             do_refresh_services(nullptr);
         } else {
             if (g_strcmp0(type, "ethernet") == 0)
                 ethernet_disconnected();
             else if (g_strcmp0(type, "wifi") == 0)
                 wifi_disconnected(path, property);
-            g_netMgr->wifiState = NET_STATUS_DISCONNECTED;
+            g_netMgr->wifiState.set(NET_STATUS_DISCONNECTED);
         }
     }
 }
@@ -256,17 +269,20 @@ static void service_ipv6_changed(const char *path)
     if (ipv6 == nullptr)
         return;
     bool has_address = ipv6->address != nullptr;
-    copy_if_present(ctx->connInfo.ipv6Address, ipv6->address);
-    copy_if_present(ctx->connInfo.ipv6Gateway, ipv6->gateway);
-    ctx->connInfo.ipv6PrefixLength = ipv6->prefix_length;
+    ctx->connInfo.update([ipv6](NetConnInfo &info) {
+        copy_if_present(info.ipv6Address, ipv6->address);
+        copy_if_present(info.ipv6Gateway, ipv6->gateway);
+        info.ipv6PrefixLength = ipv6->prefix_length;
+    });
     if (!ctx->ipv6Preferred || !has_address)
         return;
-    if (ctx->netType == NET_TYPE_ETHERNET) {
+    NetType type = ctx->netType.get();
+    if (type == NET_TYPE_ETHERNET) {
         // Kept: the cable's address announces Wi-Fi as well; pinned by
         // TechnologyScenario.ConnectionInfoFollowsTheCableInIpv6PreferredMode.
         netmgr_raise_event(NETMGR_EVT_ETHERNET_CONNECTED, nullptr);
         netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
-    } else if (ctx->netType == NET_TYPE_WIFI) {
+    } else if (type == NET_TYPE_WIFI) {
         netmgr_raise_event(NETMGR_EVT_WIFI_CONNECTED, nullptr);
     }
 }
@@ -275,7 +291,7 @@ static void service_strength_changed(const char *path)
 {
     // Only connected services get here, so the record says connected.
     NetWifiInfo info = netmgr_wifi_info(path);
-    g_netMgr->connInfo.strength = info.strength;
+    g_netMgr->connInfo.update([&info](NetConnInfo &conn) { conn.strength = info.strength; });
     netmgr_raise_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, &info);
 }
 
@@ -283,31 +299,40 @@ void service_property_changed_cb(const char *path, const char *property, void *)
 {
     if (path == nullptr || property == nullptr || !connman_service_is_connected(path))
         return;
-    NetConnInfo &info = g_netMgr->connInfo;
+    NetShared<NetConnInfo> &conn = g_netMgr->connInfo;
 
+    // Each change is copied in whole under the record's lock, so a reader
+    // never sees an address with the netmask or gateway of another one.
     if (strcmp(property, "State") == 0) {
-        copy_if_present(info.name, connman_service_get_name(path));
-        if (const char *type = connman_service_get_type(path))
-            info.type = strcmp(type, "wifi") == 0 ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
+        const char *name = connman_service_get_name(path);
+        const char *type = connman_service_get_type(path);
+        conn.update([name, type](NetConnInfo &info) {
+            copy_if_present(info.name, name);
+            if (type != nullptr)
+                info.type = strcmp(type, "wifi") == 0 ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
+        });
     } else if (strcmp(property, "IPv4") == 0) {
         struct connman_ipv4 *ipv4 = connman_service_get_ipv4(path);
         if (ipv4 == nullptr)
             return;
-        copy_if_present(info.ipv4Address, ipv4->address);
-        copy_if_present(info.ipv4Netmask, ipv4->netmask);
-        copy_if_present(info.ipv4Gateway, ipv4->gateway);
+        conn.update([ipv4](NetConnInfo &info) {
+            copy_if_present(info.ipv4Address, ipv4->address);
+            copy_if_present(info.ipv4Netmask, ipv4->netmask);
+            copy_if_present(info.ipv4Gateway, ipv4->gateway);
+        });
     } else if (strcmp(property, "IPv6") == 0) {
         service_ipv6_changed(path);
     } else if (strcmp(property, "Ethernet") == 0) {
         struct connman_ethernet *ethernet = connman_service_get_ethernet(path);
         if (ethernet == nullptr)
             return;
-        copy_if_present(info.macAddress, ethernet->address);
+        conn.update(
+            [ethernet](NetConnInfo &info) { copy_if_present(info.macAddress, ethernet->address); });
     } else if (strcmp(property, "Nameservers") == 0) {
         const char *nameservers = connman_service_get_nameservers(path);
         if (nameservers == nullptr)
             return;
-        update_nameservers(info, nameservers);
+        conn.update([nameservers](NetConnInfo &info) { update_nameservers(info, nameservers); });
     } else if (strcmp(property, "Strength") == 0) {
         service_strength_changed(path);
     }
@@ -380,9 +405,9 @@ bool NetMgr_EnableP2P()
 {
     return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
         NetMgrContext *ctx = g_netMgr;
-        if (ctx->netType != NET_TYPE_P2P)
-            ctx->typeBeforeP2P = ctx->netType;
-        ctx->netType = NET_TYPE_P2P;
+        if (ctx->netType.get() != NET_TYPE_P2P)
+            ctx->typeBeforeP2P = ctx->netType.get();
+        ctx->netType.set(NET_TYPE_P2P);
         if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
         if (connman_technology_is_connected(WIFI_TECHNOLOGY_PATH))
@@ -402,10 +427,10 @@ bool NetMgr_DisableP2P(bool flag)
     FlagRecord record{nullptr, flag};
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {
         NetMgrContext *ctx = g_netMgr;
-        ctx->netType = ctx->typeBeforeP2P;
+        ctx->netType.set(ctx->typeBeforeP2P);
         connman_technology_enable(P2P_TECHNOLOGY_PATH, false);
-        if (ctx->netType != NET_TYPE_ETHERNET && !ctx->ethernetConnected) {
-            ctx->wifiConnectNotified = false;
+        if (ctx->netType.get() != NET_TYPE_ETHERNET && !ctx->ethernetConnected.get()) {
+            ctx->wifiConnectNotified.set(false);
             backToConnectLastWifi();
         } else {
             switch_ethernet();

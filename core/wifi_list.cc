@@ -2,7 +2,6 @@
 // with the paths of hidden networks remembered for getHideWifiPath.
 #include <string.h>
 
-#include <mutex>
 #include <new>
 
 #include "connman-client/service.h"
@@ -15,10 +14,6 @@
 // refresh_services then finds an id that is gone, which netmgr_remove_source
 // tolerates. Nothing observable depends on it, so no test pins it.
 static guint refresh_timer_id;
-
-// The list and the hidden paths are rebuilt on the service thread and copied
-// by the direct functions on the application's threads.
-static std::mutex wifi_list_lock;
 
 void netmgr_remove_source(guint id)
 {
@@ -82,7 +77,7 @@ static void remember_hidden_path(HiddenPaths &hidden, const char *path)
 
 void refresh_cb(void *)
 {
-    if (g_netMgr->netType != NET_TYPE_WIFI)
+    if (g_netMgr->netType.get() != NET_TYPE_WIFI)
         return;
     if (connman_service_get_services_count() == 0) {
         refresh_services(2000);
@@ -91,8 +86,7 @@ void refresh_cb(void *)
 
     GSList *services = connman_service_get_services();
     if (services == nullptr) {
-        std::lock_guard<std::mutex> guard(wifi_list_lock);
-        g_netMgr->wifiList.clear();
+        g_netMgr->wifiList.set({});
         return;
     }
 
@@ -107,32 +101,28 @@ void refresh_cb(void *)
     }
     g_slist_free(services);
 
-    {
-        std::lock_guard<std::mutex> guard(wifi_list_lock);
-        g_netMgr->wifiList.swap(list);
-        g_netMgr->hiddenPathNone = hidden.none;
-        g_netMgr->hiddenPathPsk = hidden.psk;
-        g_netMgr->hiddenPathWep = hidden.wep;
-    }
+    g_netMgr->wifiList.update([&list](std::list<NetWifiInfo> &shared) { shared.swap(list); });
+    g_netMgr->hiddenPathNone.set(hidden.none);
+    g_netMgr->hiddenPathPsk.set(hidden.psk);
+    g_netMgr->hiddenPathWep.set(hidden.wep);
     netmgr_raise_event(NETMGR_EVT_WIFI_LIST_UPDATED, nullptr);
 }
 
 void scanning_cb(void *)
 {
-    if (g_netMgr->netType == NET_TYPE_WIFI && connman_service_get_services_count() > 0)
+    if (g_netMgr->netType.get() == NET_TYPE_WIFI && connman_service_get_services_count() > 0)
         netmgr_raise_event(NETMGR_EVT_WIFI_LIST_UPDATED, nullptr);
 }
 
 std::string getHideWifiPath(int security)
 {
-    std::lock_guard<std::mutex> guard(wifi_list_lock);
     switch (security) {
     case 0:
-        return g_netMgr->hiddenPathNone;
+        return g_netMgr->hiddenPathNone.get();
     case 1:
-        return g_netMgr->hiddenPathWep;
+        return g_netMgr->hiddenPathWep.get();
     default:
-        return g_netMgr->hiddenPathPsk;
+        return g_netMgr->hiddenPathPsk.get();
     }
 }
 
@@ -140,7 +130,7 @@ bool NetMgr_ScanWifi()
 {
     return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
         std::promise<bool> *promise = bridge_promise<bool>(data);
-        if (g_netMgr->netType == NET_TYPE_ETHERNET) {
+        if (g_netMgr->netType.get() == NET_TYPE_ETHERNET) {
             NETMGR_LOG(NETMGR_INFO, 1709, "omit scan wifi for ethernet type");
             promise->set_value(false);
             return FALSE;
@@ -160,7 +150,9 @@ std::list<NetWifiInfo> *NetMgr_GetWifiList()
 {
     return netmgr_bridge_call<std::list<NetWifiInfo> *>(0, [](gpointer data) -> gboolean {
         bridge_promise<std::list<NetWifiInfo> *>(data)->set_value(
-            new (std::nothrow) std::list<NetWifiInfo>(g_netMgr->wifiList));
+            g_netMgr->wifiList.read([](const std::list<NetWifiInfo> &list) {
+                return new (std::nothrow) std::list<NetWifiInfo>(list);
+            }));
         return FALSE;
     });
 }
@@ -168,13 +160,16 @@ std::list<NetWifiInfo> *NetMgr_GetWifiList()
 int NetMgr_GetWifiListCount()
 {
     return netmgr_bridge_call<int>(0, [](gpointer data) -> gboolean {
-        bridge_promise<int>(data)->set_value(static_cast<int>(g_netMgr->wifiList.size()));
+        int count = g_netMgr->wifiList.read(
+            [](const std::list<NetWifiInfo> &list) { return static_cast<int>(list.size()); });
+        bridge_promise<int>(data)->set_value(count);
         return FALSE;
     });
 }
 
 std::list<NetWifiInfo> *NetMgr_GetWifiListInternel()
 {
-    std::lock_guard<std::mutex> guard(wifi_list_lock);
-    return new (std::nothrow) std::list<NetWifiInfo>(g_netMgr->wifiList);
+    return g_netMgr->wifiList.read([](const std::list<NetWifiInfo> &list) {
+        return new (std::nothrow) std::list<NetWifiInfo>(list);
+    });
 }

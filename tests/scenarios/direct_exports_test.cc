@@ -44,9 +44,8 @@ TEST_F(DirectExports, DisconnectEthernetDropsTheConnectedCable)
     ASSERT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_CONNECTED));
 
     size_t from = events.mark();
-    // Direct export; run it where the library's own calls run so that the
-    // test does not race the service thread.
-    on_service_thread([] { Netmgr_disconncet_ethernet(); });
+    // From the application's thread: handed to the service thread.
+    Netmgr_disconncet_ethernet();
     EXPECT_TRUE(wait_for_event(NETMGR_EVT_ETHERNET_DISCONNECTED, from));
     EXPECT_EQ(sim.count_calls("Disconnect", service_path(kCable)), 1);
 }

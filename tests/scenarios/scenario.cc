@@ -95,9 +95,13 @@ int EventRecorder::callback(NetMgrEvent event, void *arg)
             recorded.wifi = *static_cast<NetWifiInfo *>(arg);
     }
     EventRecorder &self = instance();
-    std::lock_guard<std::mutex> guard(self.mutex_);
-    self.events_.push_back(recorded);
-    self.arrived_.notify_all();
+    {
+        std::lock_guard<std::mutex> guard(self.mutex_);
+        self.events_.push_back(recorded);
+        self.arrived_.notify_all();
+    }
+    if (void (*hook)(NetMgrEvent) = self.hook_)
+        hook(event);
     return 0;
 }
 

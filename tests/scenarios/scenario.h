@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -50,9 +51,14 @@ class EventRecorder
     int count(NetMgrEvent code, size_t from = 0) const;
     std::vector<RecordedEvent> events(size_t from = 0) const;
     std::vector<int> codes(size_t from = 0) const;
+    // Called in the callback (service thread) after each event is recorded,
+    // for tests of what the callback itself may call; null: nothing.
+    void set_hook(void (*hook)(NetMgrEvent event)) { hook_ = hook; }
 
   private:
     EventRecorder() = default;
+
+    std::atomic<void (*)(NetMgrEvent)> hook_{nullptr};
 
     mutable std::mutex mutex_;
     std::condition_variable arrived_;

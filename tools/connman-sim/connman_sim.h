@@ -143,6 +143,13 @@ class Simulator
     std::string service_state(const std::string &ident) const;
     bool offline_mode() const;
 
+    // ---- changes while connected ----
+    // Takes the name, MAC address, IPv4 and IPv6 addresses and name servers
+    // of network (found by its ident) and sends one PropertyChanged for each
+    // of "Name", "Ethernet", "IPv4", "IPv6" and "Nameservers" that changed,
+    // in that order; each dictionary goes out whole, as the daemon sends it.
+    void update_network(const Network &network);
+
   private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

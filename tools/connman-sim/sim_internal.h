@@ -209,6 +209,9 @@ struct Engine {
 
     // ---- observation ----
     std::vector<Call> calls;
+
+    // ---- changes while connected ----
+    void update_network(Svc &svc, const Network &network);
 };
 
 // Helpers shared by both halves.

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "dbus-glue/handoff.h"
+
 namespace connman_sim
 {
 
@@ -24,6 +26,7 @@ struct Job {
 gboolean run_job(gpointer data)
 {
     auto *job = static_cast<Job *>(data);
+    netmgr_handoff_acquire(job);
     job->fn();
     std::lock_guard<std::mutex> lock(job->mutex);
     job->done = true;
@@ -148,6 +151,7 @@ void Engine::run(const std::function<void()> &fn)
     }
     Job job;
     job.fn = fn;
+    netmgr_handoff_release(&job);
     GSource *source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(source, run_job, &job, nullptr);
@@ -1321,6 +1325,57 @@ bool Simulator::offline_mode() const
     bool offline = false;
     impl_->run([&] { offline = impl_->offline; });
     return offline;
+}
+
+void Engine::update_network(Svc &svc, const Network &network)
+{
+    std::vector<std::string> texts = {
+        network.name,         network.mac,          network.ipv4_address, network.ipv4_netmask,
+        network.ipv4_gateway, network.ipv6_address, network.ipv6_gateway};
+    texts.insert(texts.end(), network.nameservers.begin(), network.nameservers.end());
+    for (const auto &text : texts) {
+        if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+            fprintf(stderr, "connman-sim: update of \"%s\" has text that is not UTF-8\n",
+                    network.ident.c_str());
+            return;
+        }
+    }
+    Network &net = svc.net;
+    bool name = net.name != network.name;
+    bool mac = net.mac != network.mac;
+    bool ipv4 = net.ipv4_address != network.ipv4_address ||
+                net.ipv4_netmask != network.ipv4_netmask ||
+                net.ipv4_gateway != network.ipv4_gateway;
+    bool ipv6 = net.ipv6_address != network.ipv6_address ||
+                net.ipv6_prefix != network.ipv6_prefix || net.ipv6_gateway != network.ipv6_gateway;
+    bool nameservers = net.nameservers != network.nameservers;
+    net.name = network.name;
+    net.mac = network.mac;
+    net.ipv4_address = network.ipv4_address;
+    net.ipv4_netmask = network.ipv4_netmask;
+    net.ipv4_gateway = network.ipv4_gateway;
+    net.ipv6_address = network.ipv6_address;
+    net.ipv6_prefix = network.ipv6_prefix;
+    net.ipv6_gateway = network.ipv6_gateway;
+    net.nameservers = network.nameservers;
+    if (name)
+        emit_service_property(svc, "Name");
+    if (mac)
+        emit_service_property(svc, "Ethernet");
+    if (ipv4)
+        emit_service_property(svc, "IPv4");
+    if (ipv6)
+        emit_service_property(svc, "IPv6");
+    if (nameservers)
+        emit_service_property(svc, "Nameservers");
+}
+
+void Simulator::update_network(const Network &network)
+{
+    impl_->run([&] {
+        if (Svc *svc = impl_->find_svc(network.ident))
+            impl_->update_network(*svc, network);
+    });
 }
 
 } // namespace connman_sim
