@@ -134,19 +134,19 @@ class RealWifiTest : public Scenario
         return static_cast<size_t>(at);
     }
 
-    // connect_with_passphrase() until the announcement; the position of event 7.
-    size_t connect_protected(const std::string &path)
+    // connect_with_passphrase() until the announcement (event 7).
+    void connect_protected(const std::string &path)
     {
         size_t asked = connect_with_passphrase(path, "correct horse");
-        long at = events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked);
-        EXPECT_GE(at, 0) << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
-        return at < 0 ? events.mark() : static_cast<size_t>(at);
+        ASSERT_FALSE(HasFailure());
+        ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
+            << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
     }
 
     // Event codes from `from` on, without list updates and strength reports
     // (every service-list refresh reports the connected network's strength
     // again, unchanged).
-    std::vector<int> codes_without_list(size_t from)
+    std::vector<int> codes_without_refresh(size_t from)
     {
         std::vector<int> seen = events.codes(from);
         seen.erase(std::remove_if(seen.begin(), seen.end(),
@@ -341,7 +341,7 @@ TEST_F(RealWifiTest, OpenNetworkJoinsWithoutPromptReportsStrengthAndDisconnects)
     EXPECT_TRUE(wait_until([&] { return wifi_state() == "idle"; }, 10000)) << wifi_state();
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
     EXPECT_EQ(library_calls("Connect"), connects);
-    EXPECT_EQ(codes_without_list(off), std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED});
+    EXPECT_EQ(codes_without_refresh(off), std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED});
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
 }
 
@@ -417,7 +417,7 @@ TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, back), 0)
         << ::testing::PrintToString(events.codes(gone)) << peer->daemon_log();
     // One loss, one announcement, no prompt: the stored passphrase serves.
-    EXPECT_EQ(codes_without_list(gone),
+    EXPECT_EQ(codes_without_refresh(gone),
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_CONNECTED);
@@ -439,7 +439,7 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
     // The daemon drops the connection before the power: the library takes
     // that for a lost connection and asks for the service again, which the
     // daemon has removed by then.
-    EXPECT_EQ(codes_without_list(off),
+    EXPECT_EQ(codes_without_refresh(off),
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_DISABLED}));
     RecordedEvent lost;
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 0, off, &lost), 0);
@@ -459,7 +459,7 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
         << ::testing::PrintToString(events.codes(on)) << peer->daemon_log();
     EXPECT_EQ(radio->count_calls("CreateInterface"), 2);
     // The daemon joined its favourite with the stored passphrase.
-    EXPECT_EQ(codes_without_list(on),
+    EXPECT_EQ(codes_without_refresh(on),
               (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
@@ -503,7 +503,7 @@ TEST_F(RealWifiTest, ForgottenNetworkAsksAgainAndTheCancelledPromptConnectsNothi
         << wifi_state();
     EXPECT_EQ(radio->count_calls("AddNetwork"), added);
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
-    EXPECT_EQ(codes_without_list(again), std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED});
+    EXPECT_EQ(codes_without_refresh(again), std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED});
 }
 
 // A first library process (netmgrctl) joins with the passphrase and
@@ -531,12 +531,16 @@ TEST_F(RealWifiTest, RestartedLibraryReturnsToTheStoredNetworkInTheBackground)
     // The first connect check runs 10 s after the start.
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, 10000 + kConnectTimeoutMs, before), 0)
         << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
-    // The start reports Wi-Fi on and not connected twice (the library looks
-    // at the technologies twice), then the background connection.
-    EXPECT_EQ(codes_without_list(before),
-              (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
-                                NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
-                                NETMGR_EVT_WIFI_CONNECTED}));
+    // The start reports Wi-Fi on and not connected (twice when the library
+    // looks at the technologies a second time after subscribing), then the
+    // background connection; nothing counts as a lost connection.
+    std::vector<int> seen = codes_without_refresh(before);
+    EXPECT_TRUE(seen == (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_CONNECTED}) ||
+                seen == (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_CONNECTED}))
+        << ::testing::PrintToString(seen);
     for (const RecordedEvent &e : events.events(before))
         EXPECT_TRUE(e.code != NETMGR_EVT_WIFI_DISCONNECTED || e.byte == 0);
     EXPECT_GE(library_calls("Connect"), 1u);
