@@ -2,8 +2,9 @@
 # A short narrated session with netmgrctl on private D-Bus buses.
 #
 #   tools/demo.sh BUILD_DIR          against the ConnMan simulator
-#   tools/demo.sh BUILD_DIR --real   Ethernet against the real ConnMan daemon
-#                                    in network namespaces (needs root)
+#   tools/demo.sh BUILD_DIR --real   Ethernet, then Wi-Fi, against the real
+#                                    ConnMan daemon in network namespaces (needs
+#                                    root); the wpa_supplicant stand-in is the radio
 #
 # Everything it starts runs from a temporary directory and is stopped by its
 # process id, and that directory is removed, however the demo ends.
@@ -23,7 +24,8 @@ fi
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
 NETMGRCTL=$BUILD/tools/netmgrctl/netmgrctl
 SIM=$BUILD/tools/connman-sim/connman-sim
-for program in "$NETMGRCTL" "$SIM"; do
+WPA_SIM=$BUILD/tools/wpa-sim/wpa-sim
+for program in "$NETMGRCTL" "$SIM" "$WPA_SIM"; do
   [ -x "$program" ] || { echo "demo: $program is missing; build first" >&2; exit 1; }
 done
 
@@ -217,7 +219,8 @@ EOF
 
 # ---- --real: the Ethernet part against connmand in network namespaces ----
 
-CONNMAND_EXCLUDED=wifi,bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,session_policy_local,loopback,hostname,tist,polkit,wispr,ntp
+CONNMAND_EXCLUDED_BUT_WIFI=bluetooth,ofono,vpn,neard,dundee,iwd,pacrunner,nmcompat,session_policy_local,loopback,hostname,tist,polkit,wispr,ntp
+CONNMAND_EXCLUDED=wifi,$CONNMAND_EXCLUDED_BUT_WIFI
 
 # connmand from Debian's connman package, unpacked (never installed: that
 # would start the daemon on the host and let it take over its network).
@@ -236,9 +239,15 @@ find_connmand() {
 check_real_machine() {
   [ "$(id -u)" -eq 0 ] || fail "--real needs root: it creates network namespaces"
   local tool
-  for tool in ip dnsmasq ethtool unshare mount; do
+  for tool in ip dnsmasq ethtool unshare mount dbus-send; do
     command -v "$tool" >/dev/null || fail "--real needs $tool"
   done
+}
+
+# True once the daemon on the private system bus lists this technology path.
+connman_lists() {
+  dbus-send --system --print-reply --dest=net.connman / net.connman.Manager.GetTechnologies \
+    2>/dev/null | grep -q "object path \"$1\""
 }
 
 make_mount_point() {
@@ -286,6 +295,7 @@ demo_real() {
     --dhcp-leasefile="$WORK/leases" --pid-file="$WORK/dnsmasq.pid" \
     --log-dhcp --log-facility="$WORK/dnsmasq.log" </dev/null >"$WORK/dnsmasq.out" 2>&1 &
   PIDS+=($!)
+  local dnsmasq_pid=$!
   wait_until 10 grep -q "DHCP, sockets bound" "$WORK/dnsmasq.log" 2>/dev/null ||
     fail "dnsmasq did not start: $(cat "$WORK/dnsmasq.out" "$WORK/dnsmasq.log" 2>/dev/null)"
 
@@ -310,6 +320,10 @@ EOF
     "$WORK/varlib-connman" "$WORK/run-connman" "$CONNMAND" "$WORK/main.conf" \
     "$CONNMAND_EXCLUDED" </dev/null >"$WORK/connmand.log" 2>&1 &
   PIDS+=($!)
+  local connmand_pid=$!
+  # netmgrctl gives up at once when the daemon is not on the bus yet.
+  wait_until 10 connman_lists /net/connman/technology/ethernet ||
+    fail "connmand did not start: $(tail -n 20 "$WORK/connmand.log")"
 
   cat >"$WORK/session.nmc" <<EOF
 echo
@@ -346,6 +360,102 @@ EOF
   echo
   echo "DHCP leases given by dnsmasq:"
   sed 's/^/  /' "$WORK/leases"
+
+  # The Wi-Fi part gets a daemon, a link and a DHCP server of its own.
+  stop_pid "$connmand_pid"
+  stop_pid "$dnsmasq_pid"
+  ip -n "$a" link del vA
+  demo_real_wifi "$a" "$b"
+}
+
+# Wi-Fi against the real daemon: wlan0 is a veth end whose uevent (in the
+# daemon's mount namespace only) says it is wireless, and wpa-sim answers the
+# daemon as wpa_supplicant would, over two made-up access points.
+demo_real_wifi() {
+  local a=$1 b=$2 fifo=$WORK/wpa-control
+
+  heading "netmgr demo: Wi-Fi against the real ConnMan daemon"
+  echo "A second connmand in $a manages wlan0, one end of a new veth pair. The"
+  echo "kernel has no radio here, so wpa-sim plays wpa_supplicant on the private"
+  echo "system bus with two access points: \"netmgr-home\" (WPA2, passphrase"
+  echo "\"correct horse\") and the open \"netmgr-cafe\". dnsmasq on the far end (wB)"
+  echo "hands out 192.0.2.50-99 once the daemon has associated."
+
+  ip link add name wlan0 netns "$a" type veth peer name wB netns "$b"
+  ip -n "$b" addr add 192.0.2.1/24 dev wB
+  ip -n "$b" link set wB up
+  ip netns exec "$b" ethtool -K wB tx off >/dev/null
+  ip netns exec "$a" ethtool -K wlan0 tx off >/dev/null
+  ip netns exec "$b" dnsmasq --keep-in-foreground --user=root --no-resolv --port=0 \
+    --interface=wB --bind-interfaces \
+    --dhcp-range=192.0.2.50,192.0.2.99,255.255.255.0,1h \
+    --dhcp-option=6,192.0.2.53,192.0.2.54 \
+    --dhcp-leasefile="$WORK/wifi-leases" --pid-file="$WORK/wifi-dnsmasq.pid" \
+    --log-dhcp --log-facility="$WORK/wifi-dnsmasq.log" </dev/null >"$WORK/wifi-dnsmasq.out" 2>&1 &
+  PIDS+=($!)
+  wait_until 10 grep -q "DHCP, sockets bound" "$WORK/wifi-dnsmasq.log" 2>/dev/null ||
+    fail "dnsmasq did not start: $(cat "$WORK/wifi-dnsmasq.out" "$WORK/wifi-dnsmasq.log" 2>/dev/null)"
+
+  cat >"$WORK/access-points.json" <<'JSON'
+{"access_points": [
+  {"ssid": "netmgr-home", "bssid": "02:00:00:00:01:01", "security": "psk",
+   "passphrase": "correct horse", "signal": -45, "frequency": 2412},
+  {"ssid": "netmgr-cafe", "bssid": "02:00:00:00:01:02", "security": "none",
+   "signal": -70, "frequency": 2437}
+]}
+JSON
+  "$WPA_SIM" --address "$DBUS_SYSTEM_BUS_ADDRESS" --scenario "$WORK/access-points.json" \
+    --control "$fifo" </dev/null >"$WORK/wpa-sim.log" 2>&1 &
+  PIDS+=($!)
+  # The FIFO is made once the stand-in owns its bus name.
+  wait_until 10 test -p "$fifo" || fail "wpa-sim did not start: $(cat "$WORK/wpa-sim.log")"
+
+  mkdir "$WORK/varlib-connman-wifi" "$WORK/run-connman-wifi"
+  ip netns exec "$a" unshare -m --propagation private sh -c '
+    mount --bind "$1" /var/lib/connman && mount --bind "$2" /run/connman &&
+    printf "DEVTYPE=wlan\nINTERFACE=wlan0\nIFINDEX=%s\n" "$(cat /sys/class/net/wlan0/ifindex)" >"$6" &&
+    mount --bind "$6" /sys/class/net/wlan0/uevent &&
+    exec "$3" -n -r -c "$4" -i wlan0 -P "$5"' connmand-demo \
+    "$WORK/varlib-connman-wifi" "$WORK/run-connman-wifi" "$CONNMAND" "$WORK/main.conf" \
+    "$CONNMAND_EXCLUDED_BUT_WIFI" "$WORK/wlan0-uevent" </dev/null >"$WORK/connmand-wifi.log" 2>&1 &
+  PIDS+=($!)
+  # The wifi technology appears once the daemon has met the stand-in.
+  wait_until 10 connman_lists /net/connman/technology/wifi ||
+    fail "connmand did not bring up Wi-Fi: $(tail -n 20 "$WORK/connmand-wifi.log")"
+
+  cat >"$WORK/wifi-session.nmc" <<NMC
+echo
+echo "== 5. Wi-Fi becomes the network type (event 2); the daemon scans through"
+echo "==    wpa-sim and the library lists what it found"
+wifi on
+wifi list
+
+echo
+echo "== 6. Connect to \"netmgr-home\": the daemon asks the library's agent for the"
+echo "==    passphrase (event 10), the session answers, wpa-sim runs the handshake"
+echo "==    and dnsmasq gives a lease (event 7)"
+wifi connect netmgr-home
+< correct horse
+status
+
+echo
+echo "== 7. The access point's signal drops to -67 dBm (a line to wpa-sim's control"
+echo "==    FIFO): the daemon reports Strength 120 + dBm = 53 (event 19)"
+! echo "signal 02:00:00:00:01:01 -67" > '$fifo'
+wait-event NETMGR_EVT_WIFI_STRENGTH_CHANGED 20
+status
+NMC
+  run_session "$WORK/wifi-session.nmc" || {
+    local rc=$?
+    echo "--- connmand log (last lines) ---" >&2
+    tail -n 20 "$WORK/connmand-wifi.log" >&2
+    echo "--- wpa-sim log ---" >&2
+    tail -n 20 "$WORK/wpa-sim.log" >&2
+    return $rc
+  }
+  echo
+  echo "DHCP leases given on the Wi-Fi link:"
+  sed 's/^/  /' "$WORK/wifi-leases"
 }
 
 start_bus system

@@ -75,9 +75,8 @@ class RealWifiTest : public Scenario
         return l;
     }
 
-    // The radio and the daemon, Wi-Fi switched on, then the library under
-    // type Wi-Fi; waits until the library lists `visible` networks.
-    void start_wifi(int visible)
+    // The radio and the daemon with Wi-Fi switched on, and type Wi-Fi stored.
+    void start_peers()
     {
         ASSERT_TRUE(radio->start());
         peer->start_daemon();
@@ -87,6 +86,12 @@ class RealWifiTest : public Scenario
         ASSERT_TRUE(
             wait_until([&] { return probe->technology("wifi")["Powered"] == "true"; }, 10000));
         store("netmgr:type", 1);
+    }
+
+    // start_peers(), then the library; waits until it lists `visible` networks.
+    void start_wifi(int visible)
+    {
+        ASSERT_NO_FATAL_FAILURE(start_peers());
         ASSERT_NO_FATAL_FAILURE(start_library());
         // The daemon lists what its first scans found; a scan asks again
         // when they missed an access point.
@@ -128,6 +133,44 @@ class RealWifiTest : public Scenario
         EXPECT_TRUE(NetMgr_SetWifiPassword(path, passphrase));
         return static_cast<size_t>(at);
     }
+
+    // connect_with_passphrase() until the announcement (event 7).
+    void connect_protected(const std::string &path)
+    {
+        size_t asked = connect_with_passphrase(path, "correct horse");
+        ASSERT_FALSE(HasFailure());
+        ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
+            << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
+    }
+
+    // Event codes from `from` on, without list updates and strength reports
+    // (every service-list refresh reports the connected network's strength
+    // again, unchanged).
+    std::vector<int> codes_without_refresh(size_t from)
+    {
+        std::vector<int> seen = events.codes(from);
+        seen.erase(std::remove_if(seen.begin(), seen.end(),
+                                  [](int c) {
+                                      return c == NETMGR_EVT_WIFI_LIST_UPDATED ||
+                                             c == NETMGR_EVT_WIFI_STRENGTH_CHANGED;
+                                  }),
+                   seen.end());
+        return seen;
+    }
+
+    // Calls of member on the daemon's services from this process's library.
+    size_t library_calls(const std::string &member)
+    {
+        std::vector<BusWatch::Call> agents = bus->calls("RegisterAgent");
+        std::string library = agents.empty() ? "" : agents.back().sender;
+        size_t n = 0;
+        for (const BusWatch::Call &call : bus->calls(member))
+            n += call.sender == library;
+        return n;
+    }
+
+    // The daemon's first Wi-Fi service: with one access point, its only one.
+    std::string wifi_state() { return probe->service("wifi")["State"]; }
 
     static inline RealConnman *peer = nullptr; // reachable, so never reported as a leak
     static inline wpa_sim::Supplicant *radio = nullptr;
@@ -244,4 +287,264 @@ TEST_F(RealWifiTest, Wpa3NetworkJoinsWithSae)
         if (call.member == "AddNetwork")
             added = call.args;
     EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
+}
+
+// One process: an open network, a strength change, then the user's disconnect.
+TEST_F(RealWifiTest, OpenNetworkJoinsWithoutPromptReportsStrengthAndDisconnects)
+{
+    radio->add_access_point(access_point("netmgr-cafe", "02:00:00:00:01:02", "none", -60));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
+    std::string path = listed("netmgr-cafe").path;
+    ASSERT_FALSE(path.empty());
+
+    size_t before = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(path));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+    EXPECT_EQ(events.count(NETMGR_EVT_WIFI_PASSWORD_REQUIRED), 0);
+    NetConnInfo info;
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.type, NET_TYPE_WIFI);
+    EXPECT_EQ(info.name, "netmgr-cafe");
+    EXPECT_TRUE(in_lease_range(info.ipv4Address)) << info.ipv4Address;
+    EXPECT_EQ(info.ipv4Gateway, "192.0.2.1");
+    EXPECT_EQ(info.dns1, "192.0.2.53");
+    EXPECT_EQ(info.strength, 60);
+    EXPECT_TRUE(wait_stored_last_wifi(path));
+
+    // The daemon passes a BSS signal change on as Strength = 120 + dBm.
+    size_t weaker = events.mark();
+    radio->set_signal("02:00:00:00:01:02", -81);
+    RecordedEvent changed;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_STRENGTH_CHANGED, 10000, weaker, &changed), 0)
+        << ::testing::PrintToString(events.codes(weaker));
+    EXPECT_EQ(changed.wifi.path, path);
+    EXPECT_EQ(changed.wifi.name, "netmgr-cafe");
+    EXPECT_EQ(changed.wifi.strength, 39);
+    EXPECT_TRUE(changed.wifi.connected);
+    EXPECT_EQ(changed.wifi.security, "none");
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.strength, 39);
+
+    // The user's disconnect is not a loss: event 8 with a zero byte, and no
+    // return to the last network.
+    size_t off = events.mark();
+    size_t connects = library_calls("Connect");
+    EXPECT_TRUE(NetMgr_DisconnectWifi());
+    RecordedEvent lost;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 10000, off, &lost), 0)
+        << ::testing::PrintToString(events.codes(off));
+    EXPECT_EQ(lost.byte, 0);
+    ASSERT_EQ(library_calls("Disconnect"), 1u);
+    EXPECT_EQ(bus->calls("Disconnect")[0].path, path);
+    EXPECT_TRUE(radio->wait_for_calls("Disconnect", 1, 10000));
+    EXPECT_TRUE(wait_until([&] { return wifi_state() == "idle"; }, 10000)) << wifi_state();
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
+    EXPECT_EQ(library_calls("Connect"), connects);
+    EXPECT_EQ(codes_without_refresh(off), std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED});
+    EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
+}
+
+TEST_F(RealWifiTest, HiddenNetworkIsAskedForByNameAndListedUnderIt)
+{
+    wpa_sim::AccessPoint secret = access_point("netmgr-secret", "02:00:00:00:01:03", "psk", -62);
+    secret.hidden = true;
+    radio->add_access_point(secret);
+    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
+    std::string hidden = listed("").path;
+    ASSERT_FALSE(hidden.empty());
+    ASSERT_EQ(getHideWifiPath(2), hidden);
+
+    size_t before = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(hidden));
+    RecordedEvent asked;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, before, &asked), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+    EXPECT_TRUE(asked.wifi.hidden);
+    EXPECT_EQ(asked.wifi.path, hidden);
+    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/other", "netmgr-secret",
+                                                   "correct horse"));
+    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(hidden, "netmgr-secret", "correct horse"));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+
+    // The daemon probed for the name it was given.
+    bool probed = false;
+    for (const wpa_sim::Call &call : radio->calls())
+        probed |= call.member == "Scan" && call.args.find("'active'") != std::string::npos &&
+                  call.args.find("SSIDs") != std::string::npos;
+    EXPECT_TRUE(probed);
+    NetConnInfo info;
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.name, "netmgr-secret");
+    // The network joins under a service of its own name; the nameless entry
+    // stays listed beside it.
+    std::string named_suffix = "_6e65746d67722d736563726574_managed_psk"; // hex of the name
+    EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
+    NetWifiInfo named = listed("netmgr-secret");
+    EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
+    EXPECT_EQ(listed("").path, hidden);
+    EXPECT_FALSE(listed("").connected);
+    EXPECT_TRUE(wait_stored_last_wifi(named.path));
+}
+
+// The access point goes out of range while connected and comes back.
+TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
+{
+    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
+    std::string path = listed("netmgr-home").path;
+    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
+    ASSERT_TRUE(wait_stored_last_wifi(path));
+
+    size_t gone = events.mark();
+    size_t connects = library_calls("Connect");
+    radio->set_access_point_up("02:00:00:00:01:01", false);
+    RecordedEvent lost;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 10000, gone, &lost), 0)
+        << ::testing::PrintToString(events.codes(gone)) << peer->daemon_log();
+    EXPECT_NE(lost.byte, 0);
+    // The library asks the daemon for the last network again at once; the
+    // daemon fails that without a radio to reach it.
+    EXPECT_TRUE(bus->wait_calls("Connect", connects + 1, 10000));
+    EXPECT_GT(library_calls("Connect"), connects);
+    EXPECT_EQ(bus->calls("Connect").back().path, path);
+    EXPECT_TRUE(bus->wait_answered("Connect", 10000));
+    EXPECT_TRUE(wait_until([&] { return wifi_state() == "failure"; }, 10000)) << wifi_state();
+
+    size_t back = events.mark();
+    radio->set_access_point_up("02:00:00:00:01:01", true);
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, back), 0)
+        << ::testing::PrintToString(events.codes(gone)) << peer->daemon_log();
+    // One loss, one announcement, no prompt: the stored passphrase serves.
+    EXPECT_EQ(codes_without_refresh(gone),
+              (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_CONNECTED}));
+    EXPECT_EQ(radio->state(), "completed");
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_CONNECTED);
+}
+
+TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
+{
+    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
+    std::string path = listed("netmgr-home").path;
+    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
+
+    size_t off = events.mark();
+    size_t connects = library_calls("Connect");
+    EXPECT_TRUE(NetMgr_DisableWifi());
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISABLED, 10000, off), 0)
+        << ::testing::PrintToString(events.codes(off));
+    EXPECT_TRUE(radio->wait_for_calls("RemoveInterface", 1, 10000));
+    // The daemon drops the connection before the power: the library takes
+    // that for a lost connection and asks for the service again, which the
+    // daemon has removed by then.
+    EXPECT_EQ(codes_without_refresh(off),
+              (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_DISABLED}));
+    RecordedEvent lost;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 0, off, &lost), 0);
+    EXPECT_NE(lost.byte, 0);
+    EXPECT_TRUE(bus->wait_calls("Connect", connects + 1, 10000));
+    EXPECT_EQ(bus->calls("Connect").back().path, path);
+    EXPECT_TRUE(bus->wait_answered("Connect", 10000));
+    EXPECT_TRUE(probe->service("wifi").empty());
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
+    EXPECT_FALSE(NetMgr_GetWifiEnable());
+
+    size_t on = events.mark();
+    EXPECT_TRUE(NetMgr_EnableWifi());
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_ENABLED, 10000, on), 0)
+        << ::testing::PrintToString(events.codes(on));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, on), 0)
+        << ::testing::PrintToString(events.codes(on)) << peer->daemon_log();
+    EXPECT_EQ(radio->count_calls("CreateInterface"), 2);
+    // The daemon joined its favourite with the stored passphrase.
+    EXPECT_EQ(codes_without_refresh(on),
+              (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_CONNECTED}));
+    EXPECT_EQ(radio->state(), "completed");
+    EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
+}
+
+// Forgetting drops the stored passphrase; cancelling the new prompt ends the
+// attempt before it reaches the radio.
+TEST_F(RealWifiTest, ForgottenNetworkAsksAgainAndTheCancelledPromptConnectsNothing)
+{
+    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
+    std::string path = listed("netmgr-home").path;
+    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
+    ASSERT_TRUE(wait_stored_last_wifi(path));
+
+    size_t forget = events.mark();
+    EXPECT_TRUE(NetMgr_DismissWifi(path));
+    ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));
+    EXPECT_EQ(bus->calls("Remove")[0].path, path);
+    EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(""));
+    EXPECT_TRUE(radio->wait_for_state("disconnected", 10000)) << radio->state();
+    EXPECT_TRUE(wait_until([&] { return wifi_state() == "idle"; }, 10000)) << wifi_state();
+    // Forgetting the connected network reads as losing it (a non-zero byte);
+    // with no last network left there is nothing to return to.
+    RecordedEvent dropped;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 10000, forget, &dropped), 0);
+    EXPECT_NE(dropped.byte, 0);
+
+    size_t again = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(path));
+    RecordedEvent asked;
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, again, &asked), 0)
+        << ::testing::PrintToString(events.codes(again));
+    EXPECT_EQ(asked.wifi.path, path);
+    int added = radio->count_calls("AddNetwork");
+    EXPECT_TRUE(NetMgr_CancelWifiConnection());
+    // The daemon fails the pending Connect.
+    EXPECT_TRUE(bus->wait_answered("Connect", 10000));
+    EXPECT_TRUE(
+        wait_until([&] { return wifi_state() == "idle" || wifi_state() == "failure"; }, 10000))
+        << wifi_state();
+    EXPECT_EQ(radio->count_calls("AddNetwork"), added);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
+    EXPECT_EQ(codes_without_refresh(again), std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED});
+}
+
+// A first library process (netmgrctl) joins with the passphrase and
+// disconnects; this process starts with its store and returns to the network
+// by itself, the daemon supplying the stored passphrase.
+TEST_F(RealWifiTest, RestartedLibraryReturnsToTheStoredNetworkInTheBackground)
+{
+    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
+    ASSERT_NO_FATAL_FAILURE(start_peers());
+    std::string netmgrctl = NETMGR_BINARY_DIR "/tools/netmgrctl/netmgrctl";
+    std::string out;
+    ASSERT_EQ(run_command({netmgrctl, "--timeout", "20", "wifi", "connect", "netmgr-home",
+                           "--passphrase", "correct horse"},
+                          &out),
+              0)
+        << out << peer->daemon_log();
+    ASSERT_EQ(run_command({netmgrctl, "wifi", "disconnect"}, &out), 0) << out;
+    std::string path = probe->service("wifi")["path"];
+    ASSERT_TRUE(stored("netmgr:last_wifi") == Json::Value(path)) << stored("netmgr:last_wifi");
+    EXPECT_EQ(stored_type(), NET_TYPE_WIFI);
+    ASSERT_TRUE(wait_until([&] { return wifi_state() == "idle"; }, 10000)) << wifi_state();
+
+    size_t before = events.mark();
+    ASSERT_NO_FATAL_FAILURE(start_library());
+    // The first connect check runs 10 s after the start.
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, 10000 + kConnectTimeoutMs, before), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+    // The start reports Wi-Fi on and not connected (twice when the library
+    // looks at the technologies a second time after subscribing), then the
+    // background connection; nothing counts as a lost connection.
+    std::vector<int> seen = codes_without_refresh(before);
+    EXPECT_TRUE(seen == (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_CONNECTED}) ||
+                seen == (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_DISCONNECTED,
+                                          NETMGR_EVT_WIFI_CONNECTED}))
+        << ::testing::PrintToString(seen);
+    for (const RecordedEvent &e : events.events(before))
+        EXPECT_TRUE(e.code != NETMGR_EVT_WIFI_DISCONNECTED || e.byte == 0);
+    EXPECT_GE(library_calls("Connect"), 1u);
+    EXPECT_EQ(bus->calls("Connect").back().path, path);
+    EXPECT_EQ(radio->count_calls("AddNetwork"), 2);
+    EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
 }
