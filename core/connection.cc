@@ -351,7 +351,7 @@ static bool answer_hidden(const std::string &path, const std::string &ssid,
 // the agent's request.
 bool NetMgr_SetHideWifiSsidAndPassword(std::string path, std::string ssid, std::string password)
 {
-    if (netmgr_on_service_thread())
+    if (netmgr_client_is_ours())
         return answer_hidden(path, ssid, password);
     HiddenAnswerRecord record{nullptr, &path, &ssid, &password};
     return netmgr_bridge_call<bool>(record, 0, [](gpointer data) -> gboolean {

@@ -1,6 +1,7 @@
 // The manager context, the service thread and ConnMan's comings and goings.
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 #include <new>
 #include <system_error>
@@ -18,10 +19,11 @@
 NetMgrContext *g_netMgr = nullptr;
 
 static thread_local bool service_thread_here = false;
+static std::atomic<bool> service_loop_gone{false};
 
-bool netmgr_on_service_thread()
+bool netmgr_client_is_ours()
 {
-    return service_thread_here;
+    return service_thread_here || service_loop_gone.load();
 }
 
 void netmgr_raise_event(NetMgrEvent event, void *arg)
@@ -111,6 +113,7 @@ void _netmgr_main_routine()
     g_dbus_set_rule_fallback_function(rule_fallback_cb);
     if (connman_interface_init(connman_up, connman_down, nullptr) < 0) {
         NETMGR_LOG(NETMGR_ERROR, 2162, "## connman_interface_init failed");
+        service_loop_gone = true;
         return;
     }
     netmgr_observe_init();

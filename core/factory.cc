@@ -142,7 +142,7 @@ int NetMgr_Factory_network_reset()
     save_config(DB_KEY_TYPE);
     // The power requests go through the ConnMan client, which belongs to the
     // service thread; other threads hand them over and wait for the result.
-    if (netmgr_on_service_thread())
+    if (netmgr_client_is_ours())
         return power_technologies(wifi_wanted);
     PowerRecord record{nullptr, wifi_wanted};
     return netmgr_bridge_call<int>(record, 0, [](gpointer data) -> gboolean {

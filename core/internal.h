@@ -12,10 +12,12 @@ extern NetMgrContext *g_netMgr;
 // Raises an event on the application's callback (service thread).
 void netmgr_raise_event(NetMgrEvent event, void *arg);
 
-// True on the service thread: in the event callback and in bridged bodies.
-// The ConnMan client is used there only, so direct functions that need it
-// hand their work over from other threads.
-bool netmgr_on_service_thread();
+// True where the caller may use the ConnMan client itself: on the service
+// thread (the event callback, bridged bodies), or on any thread once the
+// service thread has ended without a main loop (its start failed), when
+// nothing else uses the client and a hand-over would never be served.
+// Direct functions that need the client hand their work over otherwise.
+bool netmgr_client_is_ours();
 
 // context.cc: presence hooks and small callbacks
 void connman_up(void *user_data);

@@ -92,7 +92,7 @@ static gboolean disconnect_ethernet(gpointer)
 // at once.
 void Netmgr_disconncet_ethernet()
 {
-    if (netmgr_on_service_thread())
+    if (netmgr_client_is_ours())
         disconnect_ethernet(nullptr);
     else
         g_timeout_add(0, disconnect_ethernet, nullptr);

@@ -1,4 +1,6 @@
 // Start sequence, service thread, call bridge, ConnMan leaving and returning.
+#include <errno.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -98,6 +100,18 @@ TEST_F(StartTest, StoredWifiTypeWithoutLastWifiKeyArmsNothing)
     bool ran = false;
     on_service_thread([&] { ran = true; });
     EXPECT_TRUE(ran) << "the service loop was running all along";
+}
+
+// Without a session bus the service thread ends at once. The direct
+// functions that hand their client work to it must then not wait for it.
+TEST_F(StartTest, DirectFunctionsReturnWhenTheServiceThreadCouldNotStart)
+{
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/netmgr-test-bus", 1);
+    start_library();
+    ASSERT_TRUE(wait_until([] { return netmgr_client_is_ours(); }, 5000));
+    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/wifi_x", "Attic", "p"));
+    Netmgr_disconncet_ethernet();
+    EXPECT_EQ(NetMgr_Factory_network_reset(), -EINVAL) << "no technology is known";
 }
 
 TEST_F(StartTest, ConnmanLeavingRestartsTheDaemonsAndItsReturnBringsTheClientsBack)

@@ -45,15 +45,17 @@ std::string stem(const std::string &text, char sep)
     return text.substr(0, text.rfind(sep) + 1);
 }
 
-// "" for a whole record, else its addresses.
+// "" for a whole record, else its addresses. A connection's lease comes
+// before its router, as from the daemon, so a gateway not yet known is no mix.
 std::string torn(const NetConnInfo &i)
 {
     std::string v4 = stem(i.ipv4Address, '.');
     unsigned a = 0, b = 0;
-    bool v4_whole = i.ipv4Address.empty() ? i.ipv4Netmask.empty() && i.ipv4Gateway.empty()
-                                          : sscanf(v4.c_str(), "10.%u.%u.", &a, &b) == 2 &&
-                                                i.ipv4Gateway == v4 + "1" &&
-                                                i.ipv4Netmask == kMasks[(a * 250 + b) % 4];
+    bool v4_whole = i.ipv4Address.empty()
+                        ? i.ipv4Netmask.empty() && i.ipv4Gateway.empty()
+                        : sscanf(v4.c_str(), "10.%u.%u.", &a, &b) == 2 &&
+                              (i.ipv4Gateway.empty() || i.ipv4Gateway == v4 + "1") &&
+                              i.ipv4Netmask == kMasks[(a * 250 + b) % 4];
     bool dns_whole = i.dns1.empty() ? i.dns2.empty() : i.dns2 == stem(i.dns1, '.') + "54";
     bool v6_whole = i.ipv6Address.empty() ? i.ipv6Gateway.empty()
                                           : i.ipv6Gateway == stem(i.ipv6Address, ':') + "1";
