@@ -241,6 +241,22 @@ TEST_F(RealWifiIPv6Test, SessionFromStartToWifiSwitchedOffWhileConnected)
     EXPECT_EQ(stored("netmgr:last_wifi"), Json::Value(path));
     std::cout << "measured: event 14 " << events.count(NETMGR_EVT_WIFI_LIST_UPDATED)
               << " times in the whole session\n";
+
+    // The type Ethernet ends it, cable or not (a refresh already due may
+    // still run once, and the switch refreshes once).
+    ASSERT_TRUE(NetMgr_EnableEthernet());
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
+    country = count_command(kCountryCommand);
+    connects = library_calls("Connect", path);
+    EXPECT_FALSE(wait_until(
+        [&] {
+            return count_command(kCountryCommand) > country + 2 ||
+                   library_calls("Connect", path) > connects;
+        },
+        7000));
+    std::cout << "measured: under type Ethernet " << count_command(kCountryCommand) - country
+              << " country-code commands, " << library_calls("Connect", path) - connects
+              << " Connect in 7 s\n";
 }
 
 // The access point's passphrase changes under the stored network. A user
