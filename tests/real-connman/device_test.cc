@@ -294,6 +294,7 @@ TEST_F(RealDeviceTest, ChangedPassphraseUnderTheStoredNetwork)
     // The disconnection's own event 8 (byte 0), then 12 alone.
     EXPECT_EQ(seen, (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_INVALID_KEY}));
     EXPECT_EQ(count_disconnected(events, 0, before), 1);
+    EXPECT_EQ(library_calls("Connect", path), connects);
     EXPECT_EQ(stored("netmgr:last_wifi"), Json::Value(path));
 
     // Joined again with the new passphrase, then the association drops.
