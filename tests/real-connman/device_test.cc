@@ -6,11 +6,13 @@
 //
 // One case per process, as for the other real-daemon cases.
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <vector>
 
 #include "tests/real-connman/wifi_fixture.h"
 
