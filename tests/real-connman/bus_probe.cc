@@ -142,6 +142,7 @@ BusWatch::BusWatch(const std::string &address) : conn_(connect_bus(address))
 {
     const char *rules[] = {
         "type='method_call',interface='net.connman.Manager',member='RegisterAgent'",
+        "type='method_call',interface='net.connman.Manager',member='GetServices'",
         "type='method_call',interface='net.connman.Agent'",
         "type='method_call',interface='net.connman.Technology',member='SetProperty'",
         "type='method_call',interface='net.connman.Service'",

@@ -46,8 +46,8 @@ class ConnmanProbe
 // Watches calls on the bus as a monitor: the library's RegisterAgent calls
 // (sent without asking for a reply, so the daemon never answers them), the
 // daemon's calls to agents (such as the Release it sends every registered
-// agent when it shuts down), technology SetProperty calls and service calls
-// with their answers.
+// agent when it shuts down), technology SetProperty calls, service-list
+// requests and service calls with their answers.
 class BusWatch
 {
   public:
