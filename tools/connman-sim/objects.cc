@@ -1,11 +1,9 @@
 // The simulator's face on the bus: the exported Manager, Technology and
-// Service objects, their method handlers, and the calls it makes to the
-// registered agent.
+// Service objects, their method dispatch, and the signals that announce
+// changes (PropertyChanged, ServicesChanged).
 #include "sim_internal.h"
 
-#include <arpa/inet.h>
-
-#include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace connman_sim
@@ -126,6 +124,8 @@ void free_subtree(gpointer data)
     delete static_cast<Subtree *>(data);
 }
 
+} // namespace
+
 void error_reply(GDBusMethodInvocation *call, const char *name, const char *message)
 {
     g_dbus_method_invocation_return_dbus_error(call, name, message);
@@ -140,300 +140,6 @@ void invalid_property(GDBusMethodInvocation *call)
 {
     error_reply(call, "net.connman.Error.InvalidProperty", "Invalid property");
 }
-
-bool is_ipv4(const std::string &text)
-{
-    in_addr addr;
-    return inet_pton(AF_INET, text.c_str(), &addr) == 1;
-}
-
-bool is_ipv6(const std::string &text)
-{
-    in6_addr addr;
-    return inet_pton(AF_INET6, text.c_str(), &addr) == 1;
-}
-
-bool is_netmask(const std::string &text)
-{
-    in_addr addr;
-    if (inet_pton(AF_INET, text.c_str(), &addr) != 1)
-        return false;
-    uint32_t mask = ntohl(addr.s_addr);
-    // Contiguous ones from the top: inverting gives 2^k - 1.
-    uint32_t inverted = ~mask;
-    return mask != 0 && (inverted & (inverted + 1)) == 0;
-}
-
-// Reads a string entry of an a{sv} dictionary; false when present with
-// another type.
-bool dict_string(GVariant *dict, const char *key, std::string &out, bool &present)
-{
-    present = false;
-    GVariant *value = g_variant_lookup_value(dict, key, nullptr);
-    if (!value)
-        return true;
-    bool ok = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING);
-    if (ok) {
-        out = g_variant_get_string(value, nullptr);
-        present = true;
-    }
-    g_variant_unref(value);
-    return ok;
-}
-
-bool dict_strings(GVariant *dict, const char *key, std::vector<std::string> &out, bool &present)
-{
-    present = false;
-    GVariant *value = g_variant_lookup_value(dict, key, nullptr);
-    if (!value)
-        return true;
-    bool ok = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY);
-    if (ok) {
-        out.clear();
-        gsize n = 0;
-        const gchar **items = g_variant_get_strv(value, &n);
-        for (gsize i = 0; i < n; i++)
-            if (items[i][0])
-                out.push_back(items[i]);
-        g_free(items);
-        present = true;
-    }
-    g_variant_unref(value);
-    return ok;
-}
-
-bool read_string_list(GVariant *value, std::vector<std::string> &out)
-{
-    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_STRING_ARRAY))
-        return false;
-    out.clear();
-    gsize n = 0;
-    const gchar **items = g_variant_get_strv(value, &n);
-    for (gsize i = 0; i < n; i++)
-        if (items[i][0])
-            out.push_back(items[i]);
-    g_free(items);
-    return true;
-}
-
-bool valid_passphrase(const std::string &security, const std::string &key)
-{
-    auto all_hex = [&] {
-        return std::all_of(key.begin(), key.end(), [](char c) { return g_ascii_isxdigit(c); });
-    };
-    if (security == "psk")
-        return (key.size() >= 8 && key.size() <= 63) || (key.size() == 64 && all_hex());
-    if (security == "wep")
-        return key.size() == 5 || key.size() == 13 ||
-               ((key.size() == 10 || key.size() == 26) && all_hex());
-    return !key.empty();
-}
-
-std::string secret_type(const Network &net)
-{
-    for (const auto &s : net.security)
-        if (s == "psk" || s == "wep" || s == "ieee8021x")
-            return s;
-    return "";
-}
-
-bool offers_wps(const Network &net)
-{
-    return std::find(net.security.begin(), net.security.end(), "wps") != net.security.end();
-}
-
-GVariant *field(const char *type, const char *requirement, const char *alternate = nullptr)
-{
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE("a{sv}"));
-    g_variant_builder_add(&b, "{sv}", "Type", g_variant_new_string(type));
-    g_variant_builder_add(&b, "{sv}", "Requirement", g_variant_new_string(requirement));
-    if (alternate) {
-        const char *alternates[] = {alternate, nullptr};
-        g_variant_builder_add(&b, "{sv}", "Alternates", g_variant_new_strv(alternates, -1));
-    }
-    return g_variant_builder_end(&b);
-}
-
-struct AgentCall {
-    Engine *impl;
-    std::string ident; // empty for calls whose answer is only recorded
-    unsigned request;
-    std::string member;
-};
-
-// ---- writable service properties ----
-
-enum class SetResult { kRejected, kUnchanged, kChanged };
-
-SetResult set_autoconnect(Svc &svc, GVariant *value)
-{
-    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN))
-        return SetResult::kRejected;
-    bool on = g_variant_get_boolean(value);
-    if (on == svc.autoconnect)
-        return SetResult::kUnchanged;
-    svc.autoconnect = on;
-    return SetResult::kChanged;
-}
-
-SetResult set_string_list(std::vector<std::string> &field, GVariant *value)
-{
-    std::vector<std::string> list;
-    if (!read_string_list(value, list))
-        return SetResult::kRejected;
-    field = list;
-    return SetResult::kChanged;
-}
-
-SetResult set_nameservers_config(Svc &svc, GVariant *value)
-{
-    std::vector<std::string> list;
-    if (!read_string_list(value, list))
-        return SetResult::kRejected;
-    for (const auto &server : list)
-        if (!is_ipv4(server) && !is_ipv6(server))
-            return SetResult::kRejected;
-    svc.nameservers_config = list;
-    return SetResult::kChanged;
-}
-
-SetResult set_timeservers_config(Svc &svc, GVariant *value)
-{
-    return set_string_list(svc.timeservers_config, value);
-}
-
-SetResult set_domains_config(Svc &svc, GVariant *value)
-{
-    return set_string_list(svc.domains_config, value);
-}
-
-SetResult set_ipv4_config(Svc &svc, GVariant *value)
-{
-    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-        return SetResult::kRejected;
-    Ipv4Config config;
-    bool has_method, has_address, has_netmask, has_gateway;
-    if (!dict_string(value, "Method", config.method, has_method) ||
-        !dict_string(value, "Address", config.address, has_address) ||
-        !dict_string(value, "Netmask", config.netmask, has_netmask) ||
-        !dict_string(value, "Gateway", config.gateway, has_gateway) || !has_method)
-        return SetResult::kRejected;
-    if (config.method == "manual") {
-        if (!is_ipv4(config.address) || !is_netmask(config.netmask) ||
-            (!config.gateway.empty() && !is_ipv4(config.gateway)))
-            return SetResult::kRejected;
-    } else if (config.method == "dhcp" || config.method == "off") {
-        config.address.clear();
-        config.netmask.clear();
-        config.gateway.clear();
-    } else {
-        return SetResult::kRejected;
-    }
-    svc.ipv4_config = config;
-    return SetResult::kChanged;
-}
-
-// Clients send the prefix as a byte; a 16-bit value is accepted as well.
-// Anything else reads as out of range.
-unsigned ipv6_prefix(GVariant *dict)
-{
-    GVariant *length = g_variant_lookup_value(dict, "PrefixLength", nullptr);
-    if (!length)
-        length = g_variant_lookup_value(dict, "Prefix", nullptr);
-    if (!length)
-        return 0;
-    unsigned prefix = 1000;
-    if (g_variant_is_of_type(length, G_VARIANT_TYPE_BYTE))
-        prefix = g_variant_get_byte(length);
-    else if (g_variant_is_of_type(length, G_VARIANT_TYPE_UINT16))
-        prefix = g_variant_get_uint16(length);
-    g_variant_unref(length);
-    return prefix;
-}
-
-SetResult set_ipv6_config(Svc &svc, GVariant *value)
-{
-    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-        return SetResult::kRejected;
-    Ipv6Config config;
-    bool has_method, has_address, has_gateway, has_privacy;
-    if (!dict_string(value, "Method", config.method, has_method) ||
-        !dict_string(value, "Address", config.address, has_address) ||
-        !dict_string(value, "Gateway", config.gateway, has_gateway) ||
-        !dict_string(value, "Privacy", config.privacy, has_privacy) || !has_method)
-        return SetResult::kRejected;
-    // Like the daemon, an unknown privacy text means "disabled".
-    if (!has_privacy || config.privacy.empty())
-        config.privacy = svc.ipv6_config.privacy;
-    if (config.privacy != "enabled" && config.privacy != "prefered" &&
-        config.privacy != "preferred")
-        config.privacy = "disabled";
-    unsigned prefix = ipv6_prefix(value);
-    if (config.method == "manual") {
-        if (!is_ipv6(config.address) || prefix < 1 || prefix > 128 ||
-            (!config.gateway.empty() && !is_ipv6(config.gateway)))
-            return SetResult::kRejected;
-        config.prefix = static_cast<uint8_t>(prefix);
-    } else if (config.method == "auto" || config.method == "off") {
-        config.address.clear();
-        config.gateway.clear();
-        config.prefix = 0;
-    } else {
-        return SetResult::kRejected;
-    }
-    svc.ipv6_config = config;
-    return SetResult::kChanged;
-}
-
-SetResult set_proxy_config(Svc &svc, GVariant *value)
-{
-    if (!g_variant_is_of_type(value, G_VARIANT_TYPE_VARDICT))
-        return SetResult::kRejected;
-    ProxyConfig config;
-    bool has_method, has_url, has_servers, has_excludes;
-    if (!dict_string(value, "Method", config.method, has_method) ||
-        !dict_string(value, "URL", config.url, has_url) ||
-        !dict_strings(value, "Servers", config.servers, has_servers) ||
-        !dict_strings(value, "Excludes", config.excludes, has_excludes) || !has_method)
-        return SetResult::kRejected;
-    if (config.method == "direct") {
-        config.url.clear();
-        config.servers.clear();
-        config.excludes.clear();
-    } else if (config.method == "auto") {
-        config.servers.clear();
-        config.excludes.clear();
-    } else if (config.method == "manual") {
-        if (config.servers.empty())
-            return SetResult::kRejected;
-        config.url.clear();
-    } else {
-        return SetResult::kRejected;
-    }
-    svc.proxy_config = config;
-    return SetResult::kChanged;
-}
-
-// The properties SetProperty accepts. A changed configuration is announced,
-// and while connected so is the live property it feeds.
-struct ServiceSetter {
-    const char *name;
-    SetResult (*apply)(Svc &svc, GVariant *value);
-    const char *live;
-};
-
-const ServiceSetter kServiceSetters[] = {
-    {"AutoConnect", set_autoconnect, nullptr},
-    {"Nameservers.Configuration", set_nameservers_config, "Nameservers"},
-    {"Timeservers.Configuration", set_timeservers_config, "Timeservers"},
-    {"Domains.Configuration", set_domains_config, "Domains"},
-    {"IPv4.Configuration", set_ipv4_config, "IPv4"},
-    {"IPv6.Configuration", set_ipv6_config, "IPv6"},
-    {"Proxy.Configuration", set_proxy_config, "Proxy"},
-};
-
-} // namespace
 
 // ---------------------------------------------------------------- bus
 
@@ -673,60 +379,7 @@ void Engine::tech_call(Tech &tech, const char *member, GVariant *args, GDBusMeth
         const char *name = nullptr;
         GVariant *value = nullptr;
         g_variant_get(args, "(&sv)", &name, &value);
-        std::string n = name;
-        if (n == "Powered" || n == "Tethering") {
-            if (!g_variant_is_of_type(value, G_VARIANT_TYPE_BOOLEAN)) {
-                invalid_arguments(call);
-            } else {
-                bool want = g_variant_get_boolean(value);
-                bool now = n == "Powered" ? tech.powered : tech.tethering;
-                if (want == now) {
-                    error_reply(call,
-                                want ? "net.connman.Error.AlreadyEnabled"
-                                     : "net.connman.Error.AlreadyDisabled",
-                                want ? "Already enabled" : "Already disabled");
-                } else if (n == "Powered") {
-                    set_powered(tech, want);
-                    g_dbus_method_invocation_return_value(call, nullptr);
-                } else if (tech.type == "p2p") {
-                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
-                } else if (want && tech.type == "wifi" &&
-                           (tech.tethering_identifier.empty() ||
-                            tech.tethering_passphrase.size() < 8)) {
-                    error_reply(call, "net.connman.Error.PassphraseRequired",
-                                "Passphrase required");
-                } else if (want && !tech.powered) {
-                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
-                } else {
-                    tech.tethering = want;
-                    emit_tech_property(tech, "Tethering");
-                    g_dbus_method_invocation_return_value(call, nullptr);
-                }
-            }
-        } else if (n == "TetheringIdentifier" || n == "TetheringPassphrase") {
-            if (!g_variant_is_of_type(value, G_VARIANT_TYPE_STRING)) {
-                invalid_arguments(call);
-            } else {
-                std::string text = g_variant_get_string(value, nullptr);
-                bool identifier = n == "TetheringIdentifier";
-                if (tech.type != "wifi") {
-                    error_reply(call, "net.connman.Error.NotSupported", "Not supported");
-                } else if (identifier ? (text.empty() || text.size() > 32)
-                                      : !valid_passphrase("psk", text)) {
-                    invalid_arguments(call);
-                } else {
-                    std::string &field =
-                        identifier ? tech.tethering_identifier : tech.tethering_passphrase;
-                    if (field != text) {
-                        field = text;
-                        emit_tech_property(tech, name);
-                    }
-                    g_dbus_method_invocation_return_value(call, nullptr);
-                }
-            }
-        } else {
-            invalid_property(call);
-        }
+        tech_set_property(tech, name, value, call);
         g_variant_unref(value);
     } else if (m == "Scan") {
         // The daemon scans for Wi-Fi networks and for P2P peers only.
@@ -823,214 +476,81 @@ void Engine::svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodI
     }
 }
 
-void Engine::svc_set_property(Svc &svc, const char *name, GVariant *value,
-                              GDBusMethodInvocation *call)
+// ---------------------------------------------------------------- signals
+
+void Engine::emit_service_property(Svc &svc, const char *name)
 {
-    for (const ServiceSetter &setter : kServiceSetters) {
-        if (strcmp(setter.name, name) != 0)
-            continue;
-        SetResult result = setter.apply(svc, value);
-        if (result == SetResult::kRejected)
-            return invalid_arguments(call);
-        if (result == SetResult::kChanged) {
-            emit_service_property(svc, setter.name);
-            if (setter.live && svc.connected())
-                emit_service_property(svc, setter.live);
-        }
-        return g_dbus_method_invocation_return_value(call, nullptr);
-    }
-    invalid_property(call);
+    if (!svc.visible)
+        return;
+    svc.changed.insert(name);
+    GVariant *value = service_property_value(svc, name);
+    if (!value)
+        return;
+    emit(svc.path(), "net.connman.Service", "PropertyChanged",
+         g_variant_new("(s@v)", name, g_variant_new_variant(value)));
 }
 
-// ---------------------------------------------------------------- agent
-
-void Engine::forget_agent()
+void Engine::emit_tech_property(Tech &tech, const char *name)
 {
-    if (agent_watch)
-        g_bus_unwatch_name(agent_watch);
-    agent_watch = 0;
-    agent_sender.clear();
-    agent_object.clear();
+    GVariant *value = tech_property_value(tech, name);
+    if (!value)
+        return;
+    emit("/net/connman/technology/" + tech.type, "net.connman.Technology", "PropertyChanged",
+         g_variant_new("(s@v)", name, g_variant_new_variant(value)));
 }
 
-// Gives up on the agent's answer; the agent hears Cancel, as from the daemon.
-void Engine::cancel_agent_request(Svc &svc)
+// ServicesChanged goes out when the set of services or their order changes.
+void Engine::check_order()
 {
-    if (svc.agent_request)
-        call_agent("Cancel", g_variant_new("()"));
-    svc.agent_request = 0;
-    if (svc.agent_cancellable) {
-        g_cancellable_cancel(svc.agent_cancellable);
-        g_object_unref(svc.agent_cancellable);
-        svc.agent_cancellable = nullptr;
-    }
+    std::vector<std::string> order;
+    for (Svc *svc : ordered_visible())
+        order.push_back(svc->net.ident);
+    if (order != last_order)
+        schedule_services_changed();
 }
 
-static void agent_call_done(GObject *source, GAsyncResult *result, gpointer data)
+void Engine::schedule_services_changed()
 {
-    auto *ctx = static_cast<AgentCall *>(data);
-    GError *error = nullptr;
-    GVariant *reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
-    Engine *impl = ctx->impl;
-    impl->outstanding_calls--;
-    if (ctx->member == "RequestInput") {
-        impl->input_answered(ctx->ident, ctx->request, reply, error);
-    } else if (!(error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))) {
-        if (error) {
-            gchar *remote = g_dbus_error_get_remote_error(error);
-            impl->agent_reply = remote ? remote : error->message;
-            g_free(remote);
+    if (!connection || services_changed_timer)
+        return;
+    services_changed_timer = add_timer(0, [this] {
+        clear_timer(services_changed_timer);
+        emit_services_changed();
+    });
+}
+
+void Engine::emit_services_changed()
+{
+    GVariantBuilder changed;
+    g_variant_builder_init(&changed, G_VARIANT_TYPE("a(oa{sv})"));
+    last_order.clear();
+    for (Svc *svc : ordered_visible()) {
+        last_order.push_back(svc->net.ident);
+        GVariant *props;
+        if (!svc->announced_new) {
+            props = service_properties(*svc);
         } else {
-            impl->agent_reply = print_variant(g_variant_ref(reply));
+            GVariantBuilder dict;
+            g_variant_builder_init(&dict, G_VARIANT_TYPE("a{sv}"));
+            for (const auto &name : svc->changed) {
+                GVariant *value = service_property_value(*svc, name);
+                if (value)
+                    g_variant_builder_add(&dict, "{sv}", name.c_str(), value);
+            }
+            props = g_variant_builder_end(&dict);
         }
+        svc->announced_new = true;
+        svc->changed.clear();
+        g_variant_builder_add(&changed, "(o@a{sv})", svc->path().c_str(), props);
     }
-    if (reply)
-        g_variant_unref(reply);
-    if (error)
-        g_error_free(error);
-    delete ctx;
-}
-
-void Engine::call_agent(const char *member, GVariant *args)
-{
-    g_variant_ref_sink(args);
-    if (connection && !agent_sender.empty()) {
-        outstanding_calls++;
-        g_dbus_connection_call(connection, agent_sender.c_str(), agent_object.c_str(),
-                               "net.connman.Agent", member, args, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                               120000, nullptr, agent_call_done,
-                               new AgentCall{this, "", 0, member});
-    }
-    g_variant_unref(args);
-}
-
-// Asks the agent for what the network needs, the way the daemon does.
-void Engine::request_input(Svc &svc)
-{
-    GVariantBuilder fields;
-    g_variant_builder_init(&fields, G_VARIANT_TYPE("a{sv}"));
-    if (svc.net.hidden) {
-        g_variant_builder_add(&fields, "{sv}", "Name", field("string", "mandatory", "SSID"));
-        g_variant_builder_add(&fields, "{sv}", "SSID", field("ssid", "alternate"));
-    }
-    std::string secret = secret_type(svc.net);
-    if (secret == "ieee8021x") {
-        g_variant_builder_add(&fields, "{sv}", "Identity", field("string", "mandatory"));
-        g_variant_builder_add(&fields, "{sv}", "Passphrase", field("passphrase", "mandatory"));
-    } else if (!secret.empty()) {
-        bool wps = offers_wps(svc.net);
-        g_variant_builder_add(&fields, "{sv}", "Passphrase",
-                              field(secret.c_str(), "mandatory", wps ? "WPS" : nullptr));
-        if (wps)
-            g_variant_builder_add(&fields, "{sv}", "WPS", field("wpspin", "alternate"));
-    }
-    svc.agent_request = next_agent_request++;
-    svc.agent_cancellable = g_cancellable_new();
-    request_inputs++;
-    outstanding_calls++;
-    // The user may take a while to type; the daemon waits minutes.
-    g_dbus_connection_call(
-        connection, agent_sender.c_str(), agent_object.c_str(), "net.connman.Agent", "RequestInput",
-        g_variant_new("(o@a{sv})", svc.path().c_str(), g_variant_builder_end(&fields)),
-        G_VARIANT_TYPE("(a{sv})"), G_DBUS_CALL_FLAGS_NONE, 120000, svc.agent_cancellable,
-        agent_call_done, new AgentCall{this, svc.net.ident, svc.agent_request, "RequestInput"});
-}
-
-void Engine::input_answered(const std::string &ident, unsigned request, GVariant *reply,
-                            GError *error)
-{
-    if (error && g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-        return;
-    std::string remote;
-    if (error) {
-        gchar *name = g_dbus_error_get_remote_error(error);
-        remote = name ? name : error->message;
-        g_free(name);
-        agent_reply = remote;
-    } else {
-        agent_reply = print_variant(g_variant_ref(reply));
-    }
-    Svc *svc = find_svc(ident);
-    if (!svc || svc->agent_request != request)
-        return;
-    svc->agent_request = 0; // answered: nothing to cancel
-    cancel_agent_request(*svc);
-
-    if (error) {
-        bool timed_out = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
-                         remote == "org.freedesktop.DBus.Error.NoReply";
-        if (timed_out)
-            finish_connect(*svc, "net.connman.Error.OperationTimeout", "Operation timeout");
-        else
-            finish_connect(*svc, "net.connman.Error.OperationAborted", "Operation aborted");
-        return;
-    }
-
-    GVariant *answer = g_variant_get_child_value(reply, 0);
-    std::string name, passphrase, identity, wps;
-    bool has_name, has_passphrase, has_identity, has_wps;
-    dict_string(answer, "Name", name, has_name);
-    dict_string(answer, "Passphrase", passphrase, has_passphrase);
-    dict_string(answer, "Identity", identity, has_identity);
-    dict_string(answer, "WPS", wps, has_wps);
-    if (!has_name) {
-        GVariant *ssid = g_variant_lookup_value(answer, "SSID", G_VARIANT_TYPE_BYTESTRING);
-        if (ssid) {
-            gsize n = 0;
-            const void *bytes = g_variant_get_fixed_array(ssid, &n, 1);
-            name.assign(static_cast<const char *>(bytes), n);
-            has_name = true;
-            g_variant_unref(ssid);
-        }
-    }
-    g_variant_unref(answer);
-
-    const Network &net = svc->net;
-    std::string secret = secret_type(net);
-    if (net.hidden && (!has_name || name != net.hidden_name)) {
-        // No network of that name answers the probe.
-        set_error(*svc, "connect-failed");
-        set_state(*svc, "failure");
-        call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "connect-failed"));
-        finish_connect(*svc, "net.connman.Error.Failed", "Connect failed");
-        return;
-    }
-    if (!secret.empty()) {
-        bool via_wps = has_wps && offers_wps(net) && !has_passphrase;
-        bool missing = !via_wps && (!has_passphrase || (secret == "ieee8021x" && !has_identity));
-        if (missing) {
-            finish_connect(*svc, "net.connman.Error.InvalidArguments", "Invalid arguments");
-            return;
-        }
-        if (!via_wps && passphrase != net.passphrase) {
-            // The handshake fails. The daemon marks the key invalid, tells
-            // the agent, gives the service up (idle, Cancel to the agent)
-            // and fails the Connect with the supplicant's I/O error.
-            set_state(*svc, "association");
-            set_error(*svc, "invalid-key");
-            set_state(*svc, "failure");
-            call_agent("ReportError", g_variant_new("(os)", svc->path().c_str(), "invalid-key"));
-            set_state(*svc, "idle");
-            call_agent("Cancel", g_variant_new("()"));
-            finish_connect(*svc, "net.connman.Error.Failed", "Input/output error");
-            return;
-        }
-    }
-    if (net.hidden) {
-        // The named service connects; the hidden entry's Connect is
-        // answered with it.
-        Svc &named = named_service(*svc);
-        if (!named.connect_call) {
-            named.connect_call = svc->connect_call;
-            svc->connect_call = nullptr;
-        }
-        if (named.connected())
-            finish_connect(named, nullptr, nullptr);
-        else if (!named.connecting())
-            begin_association(named);
-        return;
-    }
-    begin_association(*svc);
+    GVariantBuilder removed;
+    g_variant_builder_init(&removed, G_VARIANT_TYPE("ao"));
+    for (const auto &path : removed_paths)
+        g_variant_builder_add(&removed, "o", path.c_str());
+    removed_paths.clear();
+    emit("/", "net.connman.Manager", "ServicesChanged",
+         g_variant_new("(@a(oa{sv})@ao)", g_variant_builder_end(&changed),
+                       g_variant_builder_end(&removed)));
 }
 
 } // namespace connman_sim

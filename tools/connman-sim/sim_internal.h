@@ -1,6 +1,7 @@
-// Internal state of the simulator, shared by the world model (simulator.cc)
-// and the D-Bus objects (objects.cc). Everything here is touched only on the
-// simulator's own thread.
+// Internal state of the simulator, shared by its parts: the thread and API
+// (simulator.cc), the world (world.cc), connections and the agent
+// (connection.cc), properties (properties.cc) and the bus objects
+// (objects.cc). Everything here is touched only on the simulator's own thread.
 #pragma once
 
 #include "connman_sim.h"
@@ -134,7 +135,6 @@ struct Engine {
     void add_technology(const std::string &type, bool powered);
     void remove_technology(const std::string &type);
     void set_powered(Tech &tech, bool powered);
-    void set_tech_property(Tech &tech, const char *name, GVariant *value);
     void add_network(const Network &network);
     void remove_network(const std::string &ident);
     void set_strength(Svc &svc, uint8_t strength);
@@ -147,7 +147,7 @@ struct Engine {
     void show(Svc &svc);
     void hide(Svc &svc);
 
-    // State machine of one service.
+    // State machine of one service (connection.cc).
     void set_state(Svc &svc, const std::string &state);
     void become_ready(Svc &svc);
     void drop_connection(Svc &svc, bool lost);
@@ -164,7 +164,7 @@ struct Engine {
     void forget(Svc &svc);
     void after_state_change(Svc &svc);
 
-    // Derived state and change signals.
+    // Derived state (world.cc) and change signals (objects.cc).
     void emit_service_property(Svc &svc, const char *name);
     void emit_tech_property(Tech &tech, const char *name);
     void update_manager_state();
@@ -176,11 +176,15 @@ struct Engine {
     void schedule_services_changed();
     void emit_services_changed();
 
-    // Property dictionaries as the daemon sends them.
+    // Property dictionaries as the daemon sends them (properties.cc).
     GVariant *service_property_value(const Svc &svc, const std::string &name) const;
     GVariant *service_properties(const Svc &svc) const;
     GVariant *tech_property_value(const Tech &tech, const std::string &name) const;
     GVariant *tech_properties(const Tech &tech) const;
+    // SetProperty, answered on call (properties.cc).
+    void svc_set_property(Svc &svc, const char *name, GVariant *value, GDBusMethodInvocation *call);
+    void tech_set_property(Tech &tech, const char *name, GVariant *value,
+                           GDBusMethodInvocation *call);
 
     // ---- D-Bus objects (objects.cc) ----
     void register_objects();
@@ -192,9 +196,8 @@ struct Engine {
                       GDBusMethodInvocation *call);
     void tech_call(Tech &tech, const char *member, GVariant *args, GDBusMethodInvocation *call);
     void svc_call(Svc &svc, const char *member, GVariant *args, GDBusMethodInvocation *call);
-    void svc_set_property(Svc &svc, const char *name, GVariant *value, GDBusMethodInvocation *call);
 
-    // ---- agent ----
+    // ---- agent (connection.cc) ----
     std::string agent_sender;
     std::string agent_object;
     guint agent_watch = 0;
@@ -214,9 +217,14 @@ struct Engine {
     void update_network(Svc &svc, const Network &network);
 };
 
-// Helpers shared by both halves.
+// Helpers shared by the parts.
 bool valid_ident(const std::string &ident);
 GVariant *string_array(const std::vector<std::string> &strings);
 std::string print_variant(GVariant *value);
+void error_reply(GDBusMethodInvocation *call, const char *name, const char *message);
+void invalid_arguments(GDBusMethodInvocation *call);
+void invalid_property(GDBusMethodInvocation *call);
+bool dict_string(GVariant *dict, const char *key, std::string &out, bool &present);
+bool valid_passphrase(const std::string &security, const std::string &key);
 
 } // namespace connman_sim
