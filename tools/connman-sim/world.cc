@@ -333,4 +333,49 @@ void Engine::update_manager_state()
                        g_variant_new_variant(g_variant_new_string(state.c_str()))));
 }
 
+// A connected network changed under the daemon: each changed record goes
+// out whole, in the daemon's order.
+void Engine::update_network(Svc &svc, const Network &network)
+{
+    std::vector<std::string> texts = {
+        network.name,         network.mac,          network.ipv4_address, network.ipv4_netmask,
+        network.ipv4_gateway, network.ipv6_address, network.ipv6_gateway};
+    texts.insert(texts.end(), network.nameservers.begin(), network.nameservers.end());
+    for (const auto &text : texts) {
+        if (!g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+            fprintf(stderr, "connman-sim: update of \"%s\" has text that is not UTF-8\n",
+                    network.ident.c_str());
+            return;
+        }
+    }
+    Network &net = svc.net;
+    bool name = net.name != network.name;
+    bool mac = net.mac != network.mac;
+    bool ipv4 = net.ipv4_address != network.ipv4_address ||
+                net.ipv4_netmask != network.ipv4_netmask ||
+                net.ipv4_gateway != network.ipv4_gateway;
+    bool ipv6 = net.ipv6_address != network.ipv6_address ||
+                net.ipv6_prefix != network.ipv6_prefix || net.ipv6_gateway != network.ipv6_gateway;
+    bool nameservers = net.nameservers != network.nameservers;
+    net.name = network.name;
+    net.mac = network.mac;
+    net.ipv4_address = network.ipv4_address;
+    net.ipv4_netmask = network.ipv4_netmask;
+    net.ipv4_gateway = network.ipv4_gateway;
+    net.ipv6_address = network.ipv6_address;
+    net.ipv6_prefix = network.ipv6_prefix;
+    net.ipv6_gateway = network.ipv6_gateway;
+    net.nameservers = network.nameservers;
+    if (name)
+        emit_service_property(svc, "Name");
+    if (mac)
+        emit_service_property(svc, "Ethernet");
+    if (ipv4)
+        emit_service_property(svc, "IPv4");
+    if (ipv6)
+        emit_service_property(svc, "IPv6");
+    if (nameservers)
+        emit_service_property(svc, "Nameservers");
+}
+
 } // namespace connman_sim
