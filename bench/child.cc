@@ -3,23 +3,26 @@
 // gives the floors. Both talk to the driver through two pipes, one line per
 // message.
 
-#include "bench/bench.h"
+#include "bench/child.h"
 
 #include <benchmark/benchmark.h>
 #include <dbus/dbus.h>
 #include <glib.h>
 #include <malloc.h>
+#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <condition_variable>
+#include <fstream>
 #include <future>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <string.h>
 #include <vector>
 
+#include "bench/probe.h"
+#include "bench/protocol.h"
 #include "connman-client/service.h"
 #include "core/netmgr.h"
 
@@ -113,14 +116,6 @@ void BM_GlibPostAndWait(benchmark::State &state)
     }
 }
 
-double median(std::vector<double> v)
-{
-    if (v.empty())
-        return 0;
-    std::nth_element(v.begin(), v.begin() + v.size() / 2, v.end());
-    return v[v.size() / 2];
-}
-
 void run_bridge_benchmarks()
 {
     // Interleaved repetitions, so that load on the machine hits both alike.
@@ -137,8 +132,8 @@ void run_bridge_benchmarks()
     } null_reporter;
     benchmark::RunSpecifiedBenchmarks(&null_reporter);
     benchmark::ClearRegisteredBenchmarks();
-    bench_send("bridge " + std::to_string(median(bridge_samples)) + " " +
-               std::to_string(median(floor_samples)));
+    bench_send("bridge " + std::to_string(bench_median(bridge_samples)) + " " +
+               std::to_string(bench_median(floor_samples)));
 }
 
 void serve_commands()
@@ -164,6 +159,21 @@ void serve_commands()
     }
 }
 
+long rss_anon_kib()
+{
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long value = 0;
+    while (status >> key) {
+        if (key == "RssAnon:") {
+            status >> value;
+            return value;
+        }
+        status.ignore(1 << 16, '\n');
+    }
+    return 0;
+}
+
 struct Memory {
     long rss_anon_kib;
     size_t allocated;
@@ -172,7 +182,7 @@ struct Memory {
 Memory memory_now()
 {
     struct mallinfo2 info = mallinfo2();
-    return {bench_rss_anon_kib(), info.uordblks};
+    return {rss_anon_kib(), info.uordblks};
 }
 
 // Waits until the service thread has nothing left to do, low-priority idle
@@ -199,9 +209,7 @@ Memory settled_memory()
     return last;
 }
 
-} // namespace
-
-int bench_library_child(const std::string &mode, const std::string &connect_path)
+int library_child(const std::string &mode, const std::string &connect_path)
 {
     Memory before = memory_now();
     int64_t t0 = bench_now_ns();
@@ -241,9 +249,6 @@ int bench_library_child(const std::string &mode, const std::string &connect_path
     return 0;
 }
 
-namespace
-{
-
 const char *watched_path;
 
 DBusHandlerResult raw_filter(DBusConnection *, DBusMessage *message, void *)
@@ -268,12 +273,10 @@ void get_services(DBusConnection *connection)
         dbus_message_unref(reply);
 }
 
-} // namespace
-
 // A minimal client: one match rule for the watched service, a receiver
 // thread on plain libdbus. Before that it times the cold-scan floor: one
 // blocking AddMatch per service and two GetServices round trips.
-int bench_raw_child(const std::string &connect_path, const std::vector<std::string> &paths)
+int raw_child(const std::string &connect_path, const std::vector<std::string> &paths)
 {
     DBusConnection *connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
     if (!connection)
@@ -304,4 +307,20 @@ int bench_raw_child(const std::string &connect_path, const std::vector<std::stri
     receiver.detach();
     serve_commands();
     return 0;
+}
+
+} // namespace
+
+int bench_run_child(int argc, char **argv)
+{
+    std::string mode = argv[2];
+    if (mode == "raw") {
+        if (argc < 5)
+            return 2;
+        std::vector<std::string> paths;
+        for (int i = 0, n = atoi(argv[4]); i < n; i++)
+            paths.push_back(bench_path_of(i));
+        return raw_child(argv[3], paths);
+    }
+    return library_child(mode, argv[3]);
 }
