@@ -398,6 +398,7 @@ void connman_service_finalize(void)
     service_if = nullptr;
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 int connman_service_refresh_services_list(connman_service_list_cb_t refresh_cb,
                                           connman_service_list_cb_t scan_cb, void *user_data)
 {
@@ -449,6 +450,7 @@ void connman_service_free_services_list(void)
     g_hash_table_remove_all(service_if->services);
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 void connman_service_set_global_property_callback(connman_property_cb_t cb, void *user_data)
 {
     if (!service_if)

@@ -304,6 +304,7 @@ void connman_technology_finalize(void)
     tech_if = nullptr;
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 void connman_technology_set_global_property_callback(connman_property_cb_t cb, void *user_data)
 {
     if (!tech_if)
