@@ -67,7 +67,7 @@ void remove_service_cb(const char *) {}
 //   agent browser / cancel      agent_browser_cb / agent_cancel_cb
 //   service removed             remove_service_cb, set again by every list
 //                               refresh (do_refresh_services, wifi_list.cc)
-//   services list refreshed     refresh_cb / scanning_cb, given with
+//   services list refreshed     services_refreshed_cb / scanning_cb, given with
 //                               each refresh request (wifi_list.cc)
 //
 // The registrations below are set each time ConnMan appears, after the

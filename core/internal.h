@@ -42,7 +42,7 @@ extern std::string DB_IPV6_ENABLE;
 // wifi_list.cc
 void refresh_services(guint ms);
 gboolean do_refresh_services(gpointer data);
-void refresh_cb(void *data);
+void services_refreshed_cb(void *data);
 void scanning_cb(void *data);
 // The network at path as the list and the events show it, read from the
 // service client's mirror (hidden stays false).
