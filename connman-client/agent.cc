@@ -273,6 +273,7 @@ void connman_agent_finalize(void)
     agent_free();
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 int connman_agent_set_error_cb(connman_agent_error_cb_t cb)
 {
     if (!agent_if)

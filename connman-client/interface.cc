@@ -69,6 +69,7 @@ static int request_session_name(DBusConnection *session)
     return -EALREADY;
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 int connman_interface_init(connman_presence_cb_t connected, connman_presence_cb_t disconnected,
                            void *user_data)
 {

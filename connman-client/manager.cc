@@ -78,7 +78,7 @@ static DBusMessage *new_manager_call(const char *member)
                                         CONNMAN_MANAGER_INTERFACE, member);
 }
 
-static void remove_watch(guint *id)
+static void remove_manager_watch(guint *id)
 {
     if (*id == 0)
         return;
@@ -201,10 +201,10 @@ void connman_manager_finalize(void)
     manager->property_cb = nullptr;
     cui_reports_forget(&manager->reports);
     cui_cancel_call(&manager->properties_call);
-    remove_watch(&manager->properties_watch);
+    remove_manager_watch(&manager->properties_watch);
     cui_cancel_call(&manager->technologies_call);
-    remove_watch(&manager->technology_added_watch);
-    remove_watch(&manager->technology_removed_watch);
+    remove_manager_watch(&manager->technology_added_watch);
+    remove_manager_watch(&manager->technology_removed_watch);
     cui_cancel_call(&manager->services_call);
     // The ServicesChanged watch belongs to the service client, which
     // unregisters it in its own finalize.
@@ -420,8 +420,8 @@ int __connman_manager_register_technology_signals(connman_iter_cb_t added_cb,
 
     manager->technology_added_cb = nullptr;
     manager->technology_removed_cb = nullptr;
-    remove_watch(&manager->technology_added_watch);
-    remove_watch(&manager->technology_removed_watch);
+    remove_manager_watch(&manager->technology_added_watch);
+    remove_manager_watch(&manager->technology_removed_watch);
     if (!added_cb && !removed_cb)
         return 0;
 
@@ -431,7 +431,7 @@ int __connman_manager_register_technology_signals(connman_iter_cb_t added_cb,
     manager->technology_removed_watch =
         add_manager_watch("TechnologyRemoved", technology_removed_signal);
     if (!manager->technology_removed_watch) {
-        remove_watch(&manager->technology_added_watch);
+        remove_manager_watch(&manager->technology_added_watch);
         return -EINVAL;
     }
     manager->technology_added_cb = added_cb;
@@ -445,7 +445,7 @@ int __connman_manager_register_service_signal(connman_iter_cb_t changed_cb)
         return -EINVAL;
 
     manager->services_changed_cb = nullptr;
-    remove_watch(&manager->services_changed_watch);
+    remove_manager_watch(&manager->services_changed_watch);
     if (!changed_cb)
         return 0;
 

@@ -115,7 +115,8 @@ static void deliver_report(void *owner, unsigned int index, bool failed)
 
 // Several changes of one property within a main-loop turn give one
 // notification; the callbacks read the latest value through the getters.
-static void schedule_notification(struct connman_service *service, unsigned int index, int error)
+static void schedule_service_notification(struct connman_service *service, unsigned int index,
+                                          int error)
 {
     cui_report(&service->reports, service, deliver_report, index, error != 0);
 }
@@ -139,7 +140,7 @@ static void schedule_refresh_cb(void)
 
 void __connman_service_report_failed_write(struct connman_service *service, unsigned int index)
 {
-    schedule_notification(service, index, -1);
+    schedule_service_notification(service, index, -1);
 }
 
 // ---- reading properties ----
@@ -147,7 +148,7 @@ void __connman_service_report_failed_write(struct connman_service *service, unsi
 static void report_property(struct connman_service *service, unsigned int index)
 {
     if (service_if && (service_if->property_cb || service->property_cb))
-        schedule_notification(service, index, 0);
+        schedule_service_notification(service, index, 0);
 }
 
 // One name and variant pair, from a property dictionary or a PropertyChanged
@@ -398,6 +399,7 @@ void connman_service_finalize(void)
     service_if = nullptr;
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 int connman_service_refresh_services_list(connman_service_list_cb_t refresh_cb,
                                           connman_service_list_cb_t scan_cb, void *user_data)
 {
@@ -449,6 +451,7 @@ void connman_service_free_services_list(void)
     g_hash_table_remove_all(service_if->services);
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 void connman_service_set_global_property_callback(connman_property_cb_t cb, void *user_data)
 {
     if (!service_if)

@@ -121,7 +121,8 @@ static void property_changed_or_error(void *owner, unsigned int index, bool fail
 
 // Reports a change (error 0) or a failed SetProperty (error -1) of one
 // property, coalesced per property and kind, so a burst yields one report.
-static void schedule_notification(struct connman_technology *technology, int index, int error)
+static void schedule_technology_notification(struct connman_technology *technology, int index,
+                                             int error)
 {
     cui_report(&technology->reports, technology, property_changed_or_error,
                static_cast<unsigned int>(index), error != 0);
@@ -173,7 +174,7 @@ static int update_technology_property(DBusMessageIter *iter, void *user_data)
         return 0;
     if (!tech_if->property_cb && !technology->property_cb)
         return 0;
-    schedule_notification(technology, index, 0);
+    schedule_technology_notification(technology, index, 0);
     return 0;
 }
 
@@ -304,6 +305,7 @@ void connman_technology_finalize(void)
     tech_if = nullptr;
 }
 
+// Callbacks set here are wired in core/context.cc (the wiring table above connman_up).
 void connman_technology_set_global_property_callback(connman_property_cb_t cb, void *user_data)
 {
     if (!tech_if)
@@ -454,7 +456,7 @@ static void set_property_cb(DBusPendingCall *call, void *user_data)
         // TechnologyTest.FailedSetPropertyReachesErrorCallback.
         printf("SetProperty Error: %s\n", error.error.message ? error.error.message : "");
         fflush(stdout);
-        schedule_notification(technology, index, -1);
+        schedule_technology_notification(technology, index, -1);
     }
 }
 

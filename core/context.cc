@@ -56,6 +56,22 @@ void agent_cancel_cb() {}
 
 void remove_service_cb(const char *) {}
 
+// ---- wiring table: the lower layers' upward callbacks and the core's handlers ----
+//
+//   connman_interface_init      connman_up / connman_down  (_netmgr_main_routine)
+//   bus match-rule fallback     rule_fallback_cb           (_netmgr_main_routine)
+//   technology added / removed  technology_added_cb / technology_removed_cb
+//   technology property         technology_property_changed_cb  (technology.cc)
+//   service property            service_property_changed_cb     (technology.cc)
+//   agent error / input         agent_error_cb / agent_input_cb (connection.cc)
+//   agent browser / cancel      agent_browser_cb / agent_cancel_cb
+//   service removed             remove_service_cb, set again by every list
+//                               refresh (do_refresh_services, wifi_list.cc)
+//   services list refreshed     services_refreshed_cb / scanning_cb, given with
+//                               each refresh request (wifi_list.cc)
+//
+// The registrations below are set each time ConnMan appears, after the
+// clients they belong to exist.
 void connman_up(void *)
 {
     NETMGR_LOG(NETMGR_INFO, 550, "## connman_up");

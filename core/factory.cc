@@ -72,9 +72,7 @@ bool NetMgr_Factory_EnableWifi()
     return netmgr_bridge_call<bool>(0, [](gpointer data) -> gboolean {
         Factory_NetworkType.set(NetMgr_GetNetworkType());
         connman_technology_enable(ETHERNET_TECHNOLOGY_PATH, false);
-        g_netMgr->netType.set(NET_TYPE_WIFI);
-        g_netMgr->connInfo.update([](NetConnInfo &info) { info.type = NET_TYPE_WIFI; });
-        save_config(DB_KEY_TYPE);
+        netmgr_set_network_type(NET_TYPE_WIFI);
         if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
         bridge_promise<bool>(data)->set_value(true);
@@ -137,9 +135,7 @@ int NetMgr_Factory_network_reset()
 {
     bool wifi_wanted = Factory_NetworkType.get() != 0;
     NetType type = wifi_wanted ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
-    g_netMgr->netType.set(type);
-    g_netMgr->connInfo.update([type](NetConnInfo &info) { info.type = type; });
-    save_config(DB_KEY_TYPE);
+    netmgr_set_network_type(type);
     // The power requests go through the ConnMan client, which belongs to the
     // service thread; other threads hand them over and wait for the result.
     if (netmgr_client_is_ours())

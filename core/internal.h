@@ -42,7 +42,7 @@ extern std::string DB_IPV6_ENABLE;
 // wifi_list.cc
 void refresh_services(guint ms);
 gboolean do_refresh_services(gpointer data);
-void refresh_cb(void *data);
+void services_refreshed_cb(void *data);
 void scanning_cb(void *data);
 // The network at path as the list and the events show it, read from the
 // service client's mirror (hidden stays false).
@@ -70,6 +70,15 @@ void agent_input_cb(const char *path, int name, int identity, int passphrase,
                     int username);
 void agent_error_cb(const char *path, const char *error);
 
+// conn_info.cc: the only writers of the current connection's record.
+// The active type goes to the context, the record and the saved settings.
+void netmgr_set_network_type(NetType type);
+void reset_cur_conn_info();
+void netmgr_conn_info_set_strength(uint8_t strength);
+// Copies a changed property of the connected service into the record; true
+// when the change was IPv6 and brought an address.
+bool netmgr_conn_info_take(const char *path, const char *property);
+
 // status.cc: a technology's status from the client's mirror (service thread)
 NetStatus netmgr_technology_status(const char *path);
 
@@ -83,7 +92,6 @@ bool switch_wifi();
 bool switch_ethernet();
 std::string getEthernetService();
 std::string getConnectedWifiService();
-void reset_cur_conn_info();
 void technology_property_changed_cb(const char *path, const char *property, void *user_data);
 void service_property_changed_cb(const char *path, const char *property, void *user_data);
 

@@ -1,6 +1,6 @@
 // Technology switching and state tracking: which of ethernet and Wi-Fi is the
-// active type, and the current connection's details from the connected
-// service's properties.
+// active type, and the events for the connected service's changes (its
+// details go to the record in conn_info.cc).
 #include <string.h>
 
 #include "connman-client/manager.h"
@@ -11,13 +11,6 @@
 #include "core/log.h"
 #include "platform/zelstorageclient.h"
 
-static void set_type(NetType type)
-{
-    g_netMgr->netType.set(type);
-    g_netMgr->connInfo.update([type](NetConnInfo &info) { info.type = type; });
-    save_config(DB_KEY_TYPE);
-}
-
 bool switch_wifi()
 {
     if (g_netMgr->ethernetConnected.get()) {
@@ -25,7 +18,7 @@ bool switch_wifi()
         NETMGR_LOG(NETMGR_INFO, 1050, "omit witch wifi for ethernet connected");
         return false;
     }
-    set_type(NET_TYPE_WIFI);
+    netmgr_set_network_type(NET_TYPE_WIFI);
     if (!connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
         connman_technology_enable(WIFI_TECHNOLOGY_PATH, true);
     return true;
@@ -33,7 +26,7 @@ bool switch_wifi()
 
 bool switch_ethernet()
 {
-    set_type(NET_TYPE_ETHERNET);
+    netmgr_set_network_type(NET_TYPE_ETHERNET);
     if (connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
         connman_technology_enable(WIFI_TECHNOLOGY_PATH, false);
     if (!connman_technology_is_enabled(ETHERNET_TECHNOLOGY_PATH)) {
@@ -98,13 +91,6 @@ void Netmgr_disconncet_ethernet()
         g_timeout_add(0, disconnect_ethernet, nullptr);
 }
 
-void reset_cur_conn_info()
-{
-    NetConnInfo cleared;
-    cleared.type = NET_TYPE_ETHERNET;
-    g_netMgr->connInfo.set(cleared);
-}
-
 // ---- technology properties ----
 
 static void technology_powered(const char *type, bool enabled)
@@ -146,7 +132,7 @@ static void ethernet_connected(const char *type)
         // by TechnologyScenario.CablePlugTurnsWifiOffAndUnplugHandsBackToLastWifi.
         if (connman_technology_is_enabled(WIFI_TECHNOLOGY_PATH))
             connman_technology_enable(WIFI_TECHNOLOGY_PATH, g_strcmp0(type, "wifi") == 0);
-        set_type(NET_TYPE_ETHERNET);
+        netmgr_set_network_type(NET_TYPE_ETHERNET);
     }
     if (!ctx->ethernetConnectNotified.get())
         arm_connected_poll();
@@ -161,7 +147,7 @@ static void wifi_connected()
     if (!ctx->wifiConnectNotified.get() && type != NET_TYPE_P2P)
         arm_connected_poll();
     if (!ctx->ethernetConnected.get() && type != NET_TYPE_P2P)
-        set_type(NET_TYPE_WIFI);
+        netmgr_set_network_type(NET_TYPE_WIFI);
     ctx->wifiConnected.set(true);
     ctx->wifiConnectNotified.set(true);
 }
@@ -237,44 +223,11 @@ void technology_property_changed_cb(const char *path, const char *property, void
 
 // ---- service properties ----
 
-static void copy_if_present(std::string &field, const char *value)
-{
-    if (value != nullptr)
-        field = value;
-}
-
-// Kept: "a;b;c" gives a and b (IP configuration reads keep "b;c"), and "a"
-// leaves the second server as it was; pinned by
-// TechnologyScenario.ConnectionInfoFollowsTheCableInIpv6PreferredMode.
-static void update_nameservers(NetConnInfo &info, const char *text)
-{
-    const char *first_end = strchr(text, ';');
-    if (first_end == nullptr) {
-        info.dns1 = text;
-        return;
-    }
-    info.dns1.assign(text, first_end - text);
-    const char *second = first_end + 1;
-    const char *second_end = strchr(second, ';');
-    if (second_end == nullptr)
-        info.dns2 = second;
-    else
-        info.dns2.assign(second, second_end - second);
-}
-
-static void service_ipv6_changed(const char *path)
+// The record has taken an IPv6 address of the connected service.
+static void service_ipv6_address_taken()
 {
     NetMgrContext *ctx = g_netMgr;
-    struct connman_ipv6 *ipv6 = connman_service_get_ipv6(path);
-    if (ipv6 == nullptr)
-        return;
-    bool has_address = ipv6->address != nullptr;
-    ctx->connInfo.update([ipv6](NetConnInfo &info) {
-        copy_if_present(info.ipv6Address, ipv6->address);
-        copy_if_present(info.ipv6Gateway, ipv6->gateway);
-        info.ipv6PrefixLength = ipv6->prefix_length;
-    });
-    if (!ctx->ipv6Preferred || !has_address)
+    if (!ctx->ipv6Preferred)
         return;
     NetType type = ctx->netType.get();
     if (type == NET_TYPE_ETHERNET) {
@@ -291,7 +244,7 @@ static void service_strength_changed(const char *path)
 {
     // Only connected services get here, so the record says connected.
     NetWifiInfo info = netmgr_wifi_info(path);
-    g_netMgr->connInfo.update([&info](NetConnInfo &conn) { conn.strength = info.strength; });
+    netmgr_conn_info_set_strength(info.strength);
     netmgr_raise_event(NETMGR_EVT_WIFI_STRENGTH_CHANGED, &info);
 }
 
@@ -299,43 +252,10 @@ void service_property_changed_cb(const char *path, const char *property, void *)
 {
     if (path == nullptr || property == nullptr || !connman_service_is_connected(path))
         return;
-    NetShared<NetConnInfo> &conn = g_netMgr->connInfo;
-
-    // Each change is copied in whole under the record's lock, so a reader
-    // never sees an address with the netmask or gateway of another one.
-    if (strcmp(property, "State") == 0) {
-        const char *name = connman_service_get_name(path);
-        const char *type = connman_service_get_type(path);
-        conn.update([name, type](NetConnInfo &info) {
-            copy_if_present(info.name, name);
-            if (type != nullptr)
-                info.type = strcmp(type, "wifi") == 0 ? NET_TYPE_WIFI : NET_TYPE_ETHERNET;
-        });
-    } else if (strcmp(property, "IPv4") == 0) {
-        struct connman_ipv4 *ipv4 = connman_service_get_ipv4(path);
-        if (ipv4 == nullptr)
-            return;
-        conn.update([ipv4](NetConnInfo &info) {
-            copy_if_present(info.ipv4Address, ipv4->address);
-            copy_if_present(info.ipv4Netmask, ipv4->netmask);
-            copy_if_present(info.ipv4Gateway, ipv4->gateway);
-        });
-    } else if (strcmp(property, "IPv6") == 0) {
-        service_ipv6_changed(path);
-    } else if (strcmp(property, "Ethernet") == 0) {
-        struct connman_ethernet *ethernet = connman_service_get_ethernet(path);
-        if (ethernet == nullptr)
-            return;
-        conn.update(
-            [ethernet](NetConnInfo &info) { copy_if_present(info.macAddress, ethernet->address); });
-    } else if (strcmp(property, "Nameservers") == 0) {
-        const char *nameservers = connman_service_get_nameservers(path);
-        if (nameservers == nullptr)
-            return;
-        conn.update([nameservers](NetConnInfo &info) { update_nameservers(info, nameservers); });
-    } else if (strcmp(property, "Strength") == 0) {
+    if (strcmp(property, "Strength") == 0)
         service_strength_changed(path);
-    }
+    else if (netmgr_conn_info_take(path, property))
+        service_ipv6_address_taken();
 }
 
 // ---- exported operations ----

@@ -33,7 +33,7 @@ gboolean do_refresh_services(gpointer)
     std::string code = netmgr_country_code();
     NetMgr_setWifiChannelRange(code);
     connman_service_set_removed_callback(remove_service_cb);
-    connman_service_refresh_services_list(refresh_cb, scanning_cb, nullptr);
+    connman_service_refresh_services_list(services_refreshed_cb, scanning_cb, nullptr);
     return FALSE;
 }
 
@@ -75,7 +75,7 @@ static void remember_hidden_path(HiddenPaths &hidden, const char *path)
         hidden.psk = path;
 }
 
-void refresh_cb(void *)
+void services_refreshed_cb(void *)
 {
     if (g_netMgr->netType.get() != NET_TYPE_WIFI)
         return;
