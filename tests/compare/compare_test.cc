@@ -129,13 +129,8 @@ class RealBackend : public Backend
         if (!radio_->start())
             throw std::runtime_error("the radio stand-in did not start");
         peer_->start_daemon();
-        ConnmanProbe probe(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
-        if (!wait_until([&] { return !probe.technology("wifi").empty(); }, 15000))
-            throw std::runtime_error("no Wi-Fi technology: " + peer_->daemon_log());
         // The script starts with Wi-Fi on.
-        if (probe.technology("wifi")["Powered"] != "true" &&
-            (!probe.set_technology_powered("wifi", true) ||
-             !wait_until([&] { return probe.technology("wifi")["Powered"] == "true"; }, 10000)))
+        if (!ConnmanProbe(getenv("DBUS_SYSTEM_BUS_ADDRESS")).switch_technology("wifi", true))
             throw std::runtime_error("Wi-Fi did not switch on: " + peer_->daemon_log());
     }
     void set_signal(const AccessPoint &ap, int dbm) override
@@ -226,12 +221,7 @@ class CompareRun : public Scenario
     // Addresses from the DHCP server's range read as LEASE.
     static std::string lease(const std::string &address)
     {
-        unsigned a, b, c, d;
-        char rest;
-        if (sscanf(address.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &rest) == 4 && a == 192 &&
-            b == 0 && c == 2 && int(d) >= compare::kLeaseLow && int(d) <= compare::kLeaseHigh)
-            return "LEASE";
-        return address;
+        return in_lease_range(address) ? "LEASE" : address;
     }
 
     // Writes the events before index `to`, leaving out two that follow the

@@ -265,7 +265,7 @@ TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
     dbus_connection_unref(other);
 }
 
-TEST_F(NetmgrctlTest, WifiListJsonHasTheSimulatorsNetworks)
+TEST_F(NetmgrctlTest, WifiListJsonThenConnectFailuresThenThePassphraseOnStdin)
 {
     start_wifi_world();
     Outcome run = run_ctl({"--json", "wifi", "list"});
@@ -283,35 +283,28 @@ TEST_F(NetmgrctlTest, WifiListJsonHasTheSimulatorsNetworks)
                        R"(", "security": "psk", "strength": 70, "connected": false})");
     expect_members(by_name["cafe"], R"({"security": "none", "strength": 40})");
     EXPECT_GE(sim_.count_calls("Scan"), 1) << "list scans first";
-}
 
-TEST_F(NetmgrctlTest, ConnectAsksForThePassphraseOnStdin)
-{
-    start_wifi_world();
-    Outcome run =
+    expect_error(1, "no network nowhere", {"wifi", "connect", "nowhere"});
+    expect_error(1, "no passphrase given", {"wifi", "connect", "home"});
+    // A rejected key makes the library remove the service; it asks again.
+    expect_error(1, "passphrase for home was rejected",
+                 {"wifi", "connect", "home", "--passphrase", "not the one"});
+    EXPECT_FALSE(home_connected());
+
+    int asked = sim_.request_input_count() + 1;
+    Outcome joined =
         run_ctl({"wifi", "connect", service_path(kHome)}, std::string(kPassphrase) + "\n");
-    ASSERT_EQ(run.code, 0) << run.err;
-    EXPECT_EQ(last_line(run.out), "connected to home\n");
+    ASSERT_EQ(joined.code, 0) << joined.err;
+    EXPECT_EQ(last_line(joined.out), "connected to home\n");
     EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
-    EXPECT_EQ(sim_.request_input_count(), 1);
+    EXPECT_EQ(sim_.request_input_count(), asked);
     EXPECT_THAT(sim_.last_agent_reply(), HasSubstr(kPassphrase));
 
     // Connected already: no new passphrase request.
     Outcome again = run_ctl({"--json", "wifi", "connect", "home"});
     ASSERT_EQ(again.code, 0) << again.err;
     EXPECT_EQ(parse_json(again.out)["path"].asString(), service_path(kHome));
-    EXPECT_EQ(sim_.request_input_count(), 1);
-}
-
-TEST_F(NetmgrctlTest, ConnectFailuresAreReported)
-{
-    start_wifi_world();
-    expect_error(1, "no network nowhere", {"wifi", "connect", "nowhere"});
-    expect_error(1, "no passphrase given", {"wifi", "connect", "home"});
-    // Last: a rejected key makes the library remove the service.
-    expect_error(1, "passphrase for home was rejected",
-                 {"wifi", "connect", "home", "--passphrase", "not the one"});
-    EXPECT_FALSE(home_connected());
+    EXPECT_EQ(sim_.request_input_count(), asked);
 }
 
 TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)

@@ -3,22 +3,20 @@
 // for the radio, and dnsmasq for real leases.
 //
 // One case per process, as for the Ethernet cases.
-#include <gtest/gtest.h>
 #include <strings.h>
-
-#include <algorithm>
-#include <memory>
 
 #include "tests/real-connman/wifi_fixture.h"
 
-TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntry)
+// connmand 1.41 lists an RSN "sae" network as psk and joins it with SAE.
+TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntryAndWpa3JoinsWithSae)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     radio->add_access_point(access_point("netmgr-cafe", "02:00:00:00:01:02", "none", -70));
     wpa_sim::AccessPoint secret = access_point("netmgr-secret", "02:00:00:00:01:03", "psk", -62);
     secret.hidden = true;
     radio->add_access_point(secret);
-    ASSERT_NO_FATAL_FAILURE(start_wifi(3));
+    radio->add_access_point(access_point("netmgr-wpa3", "02:00:00:00:01:04", "sae", -55));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(4));
 
     std::string mac_hex = peer->wlan_mac();
     mac_hex.erase(std::remove(mac_hex.begin(), mac_hex.end(), ':'), mac_hex.end());
@@ -36,19 +34,50 @@ TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntry)
     EXPECT_EQ(hidden.strength, 58);
     EXPECT_EQ(getHideWifiPath(2), hidden.path);
     EXPECT_GE(events.count(NETMGR_EVT_WIFI_LIST_UPDATED), 1);
+    NetWifiInfo wpa3 = listed("netmgr-wpa3");
+    EXPECT_EQ(wpa3.security, "psk");
+    EXPECT_EQ(wpa3.strength, 65);
+
+    size_t asked = connect_with_passphrase(wpa3.path, "correct horse");
+    EXPECT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
+        << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
+    EXPECT_EQ(radio->count_calls("AddNetwork"), 1);
+    std::string added;
+    for (const wpa_sim::Call &call : radio->calls())
+        if (call.member == "AddNetwork")
+            added = call.args;
+    EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
 }
 
-TEST_F(RealWifiTest, ProtectedNetworkConnectsWithTheLeaseAndIsStored)
+// A wrong passphrase first, then the right one.
+TEST_F(RealWifiTest, WrongPassphraseIsForgottenAndTheRightOneConnectsWithTheLease)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     ASSERT_NO_FATAL_FAILURE(start_wifi(1));
     std::string path = listed("netmgr-home").path;
     ASSERT_FALSE(path.empty());
 
-    size_t asked = connect_with_passphrase(path, "correct horse");
-    long at = events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked);
+    size_t asked = connect_with_passphrase(path, "wrong horse");
+    long at = events.wait_index(NETMGR_EVT_WIFI_INVALID_KEY, kConnectTimeoutMs, asked);
     ASSERT_GE(at, 0) << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
-    EXPECT_EQ(events.count(NETMGR_EVT_WIFI_INVALID_KEY), 0);
+    // Event 12 alone after the prompt (list updates aside): the daemon fails
+    // the connection without a connect-failed report, and the library
+    // announces nothing else.
+    std::vector<int> seen = events.codes(asked);
+    seen.erase(std::remove(seen.begin(), seen.end(), NETMGR_EVT_WIFI_LIST_UPDATED), seen.end());
+    EXPECT_EQ(seen,
+              (std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED, NETMGR_EVT_WIFI_INVALID_KEY}));
+    // The library removes the service, so the daemon forgets the passphrase.
+    ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));
+    EXPECT_EQ(bus->calls("Remove")[0].path, path);
+    EXPECT_TRUE(radio->wait_for_state("disconnected", 10000)) << radio->state();
+    EXPECT_TRUE(stored("netmgr:last_wifi").isNull() || stored("netmgr:last_wifi") == "");
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
+
+    asked = connect_with_passphrase(path, "correct horse");
+    at = events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked);
+    ASSERT_GE(at, 0) << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
+    EXPECT_EQ(events.count(NETMGR_EVT_WIFI_INVALID_KEY, asked), 0);
     EXPECT_EQ(radio->state(), "completed");
 
     NetConnInfo info;
@@ -75,51 +104,6 @@ TEST_F(RealWifiTest, ProtectedNetworkConnectsWithTheLeaseAndIsStored)
         if (call.member == "AddNetwork")
             added = call.args.find("'psk': <'correct horse'>") != std::string::npos;
     EXPECT_TRUE(added);
-}
-
-TEST_F(RealWifiTest, WrongPassphraseReportsInvalidKeyAndForgetsTheNetwork)
-{
-    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string path = listed("netmgr-home").path;
-    ASSERT_FALSE(path.empty());
-
-    size_t asked = connect_with_passphrase(path, "wrong horse");
-    long at = events.wait_index(NETMGR_EVT_WIFI_INVALID_KEY, kConnectTimeoutMs, asked);
-    ASSERT_GE(at, 0) << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
-    // Event 12 alone after the prompt (list updates aside): the daemon fails
-    // the connection without a connect-failed report, and the library
-    // announces nothing else.
-    std::vector<int> seen = events.codes(asked);
-    seen.erase(std::remove(seen.begin(), seen.end(), NETMGR_EVT_WIFI_LIST_UPDATED), seen.end());
-    EXPECT_EQ(seen,
-              (std::vector<int>{NETMGR_EVT_WIFI_PASSWORD_REQUIRED, NETMGR_EVT_WIFI_INVALID_KEY}));
-    // The library removes the service, so the daemon forgets the passphrase.
-    ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));
-    EXPECT_EQ(bus->calls("Remove")[0].path, path);
-    EXPECT_TRUE(radio->wait_for_state("disconnected", 10000)) << radio->state();
-    EXPECT_TRUE(stored("netmgr:last_wifi").isNull() || stored("netmgr:last_wifi") == "");
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
-}
-
-// connmand 1.41 lists an RSN "sae" network as psk and joins it with SAE.
-TEST_F(RealWifiTest, Wpa3NetworkJoinsWithSae)
-{
-    radio->add_access_point(access_point("netmgr-wpa3", "02:00:00:00:01:04", "sae", -55));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    NetWifiInfo wpa3 = listed("netmgr-wpa3");
-    EXPECT_EQ(wpa3.security, "psk");
-    EXPECT_EQ(wpa3.strength, 65);
-
-    size_t asked = connect_with_passphrase(wpa3.path, "correct horse");
-    EXPECT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
-        << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
-    EXPECT_EQ(radio->count_calls("AddNetwork"), 1);
-    std::string added;
-    for (const wpa_sim::Call &call : radio->calls())
-        if (call.member == "AddNetwork")
-            added = call.args;
-    EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
 }
 
 // One process: an open network, a strength change, then the user's disconnect.
@@ -216,13 +200,15 @@ TEST_F(RealWifiTest, HiddenNetworkIsAskedForByNameAndListedUnderIt)
     EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
     NetWifiInfo named = listed("netmgr-secret");
     EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
+    EXPECT_EQ(NetMgr_GetWifiListCount(), 2);
     EXPECT_EQ(listed("").path, hidden);
     EXPECT_FALSE(listed("").connected);
     EXPECT_TRUE(wait_stored_last_wifi(named.path));
 }
 
-// The access point goes out of range while connected and comes back.
-TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
+// One joined network through the ways of losing it: the access point goes out
+// of range and comes back, Wi-Fi goes off and on, and the user forgets it.
+TEST_F(RealWifiTest, LostAccessPointWifiOffAndForgetting)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     ASSERT_NO_FATAL_FAILURE(start_wifi(1));
@@ -254,17 +240,10 @@ TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_CONNECTED);
-}
 
-TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
-{
-    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string path = listed("netmgr-home").path;
-    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
-
+    // Wi-Fi off and on while connected.
     size_t off = events.mark();
-    size_t connects = library_calls("Connect");
+    connects = library_calls("Connect");
     EXPECT_TRUE(NetMgr_DisableWifi());
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISABLED, 10000, off), 0)
         << ::testing::PrintToString(events.codes(off));
@@ -274,7 +253,6 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
     // daemon has removed by then.
     EXPECT_EQ(codes_without_refresh(off),
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_DISABLED}));
-    RecordedEvent lost;
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 0, off, &lost), 0);
     EXPECT_NE(lost.byte, 0);
     EXPECT_TRUE(bus->wait_calls("Connect", connects + 1, 10000));
@@ -296,18 +274,9 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
               (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
-}
 
-// Forgetting drops the stored passphrase; cancelling the new prompt ends the
-// attempt before it reaches the radio.
-TEST_F(RealWifiTest, ForgottenNetworkAsksAgainAndTheCancelledPromptConnectsNothing)
-{
-    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string path = listed("netmgr-home").path;
-    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
-    ASSERT_TRUE(wait_stored_last_wifi(path));
-
+    // Forgetting drops the stored passphrase; cancelling the new prompt ends
+    // the attempt before it reaches the radio.
     size_t forget = events.mark();
     EXPECT_TRUE(NetMgr_DismissWifi(path));
     ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));
