@@ -307,7 +307,7 @@ TEST_F(NetmgrctlTest, WifiListJsonThenConnectFailuresThenThePassphraseOnStdin)
     EXPECT_EQ(sim_.request_input_count(), asked);
 }
 
-TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
+TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnectionAndManualIPv4ReadsBack)
 {
     sim_.add_technology("ethernet", true);
     sim_.add_technology("wifi", false);
@@ -325,6 +325,18 @@ TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
         status["connection"],
         R"({"type": "ethernet", "ipv4_address": "192.0.2.44", "ipv4_gateway": "192.0.2.1",
                        "dns1": "192.0.2.53", "mac_address": "02:00:00:00:00:01"})");
+
+    Outcome set = run_ctl(
+        {"ipv4", "set", "manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53"});
+    ASSERT_EQ(set.code, 0) << set.err;
+    Outcome get = run_ctl({"ipv4", "get", "--json"});
+    ASSERT_EQ(get.code, 0) << get.err;
+    expect_members(parse_json(get.out),
+                   R"({"method": "manual", "address": "192.0.2.77", "netmask": "255.255.255.0",
+                       "gateway": "192.0.2.1", "dns1": "192.0.2.53", "dns2": ""})");
+
+    // IPv6 stays off until it is set.
+    expect_error(1, "no IPv6 configuration", {"ipv6", "get"});
 }
 
 TEST_F(NetmgrctlTest, HiddenNetworkTakesItsNameAndPassphrase)
@@ -382,25 +394,6 @@ TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
                                         R"(", "strength": 33, "connected": true})");
     ASSERT_EQ(last.count(2), 1u) << run.out;
     EXPECT_FALSE(last[2].isMember("arg")) << "event 2 carries no argument";
-}
-
-TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
-{
-    sim_.add_technology("ethernet", true);
-    sim_.add_network(wired());
-    ASSERT_TRUE(sim_.start(buses_.system.address()));
-
-    Outcome set = run_ctl(
-        {"ipv4", "set", "manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53"});
-    ASSERT_EQ(set.code, 0) << set.err;
-    Outcome get = run_ctl({"ipv4", "get", "--json"});
-    ASSERT_EQ(get.code, 0) << get.err;
-    expect_members(parse_json(get.out),
-                   R"({"method": "manual", "address": "192.0.2.77", "netmask": "255.255.255.0",
-                       "gateway": "192.0.2.1", "dns1": "192.0.2.53", "dns2": ""})");
-
-    // IPv6 stays off until it is set.
-    expect_error(1, "no IPv6 configuration", {"ipv6", "get"});
 }
 
 // ---- script: many commands in one running library ----

@@ -7,8 +7,9 @@
 
 #include "tests/real-connman/wifi_fixture.h"
 
-// connmand 1.41 lists an RSN "sae" network as psk and joins it with SAE.
-TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntryAndWpa3JoinsWithSae)
+// The scan's list; connmand 1.41 lists an RSN "sae" network as psk and joins
+// it with SAE; the hidden network is asked for by name and listed under it.
+TEST_F(RealWifiTest, ScanListsTheNetworksThenWpa3AndTheHiddenNetworkJoin)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     radio->add_access_point(access_point("netmgr-cafe", "02:00:00:00:01:02", "none", -70));
@@ -29,10 +30,10 @@ TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntryAndWpa3Joins
     NetWifiInfo cafe = listed("netmgr-cafe");
     EXPECT_EQ(cafe.security, "none");
     EXPECT_EQ(cafe.strength, 50);
-    NetWifiInfo hidden = listed("");
-    EXPECT_EQ(hidden.path, "/net/connman/service/wifi_" + mac_hex + "_hidden_managed_psk");
-    EXPECT_EQ(hidden.strength, 58);
-    EXPECT_EQ(getHideWifiPath(2), hidden.path);
+    NetWifiInfo hidden_entry = listed("");
+    EXPECT_EQ(hidden_entry.path, "/net/connman/service/wifi_" + mac_hex + "_hidden_managed_psk");
+    EXPECT_EQ(hidden_entry.strength, 58);
+    EXPECT_EQ(getHideWifiPath(2), hidden_entry.path);
     EXPECT_GE(events.count(NETMGR_EVT_WIFI_LIST_UPDATED), 1);
     NetWifiInfo wpa3 = listed("netmgr-wpa3");
     EXPECT_EQ(wpa3.security, "psk");
@@ -47,6 +48,44 @@ TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntryAndWpa3Joins
         if (call.member == "AddNetwork")
             added = call.args;
     EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
+
+    // The hidden network is asked for by name and joins under it.
+    size_t before = events.mark();
+    ASSERT_TRUE(NetMgr_DisconnectWifi());
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 10000, before), 0);
+    std::string hidden = hidden_entry.path;
+    RecordedEvent prompt;
+    before = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(hidden));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, before, &prompt), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+    EXPECT_TRUE(prompt.wifi.hidden);
+    EXPECT_EQ(prompt.wifi.path, hidden);
+    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/other", "netmgr-secret",
+                                                   "correct horse"));
+    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(hidden, "netmgr-secret", "correct horse"));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+
+    // The daemon probed for the name it was given.
+    bool probed = false;
+    for (const wpa_sim::Call &call : radio->calls())
+        probed |= call.member == "Scan" && call.args.find("'active'") != std::string::npos &&
+                  call.args.find("SSIDs") != std::string::npos;
+    EXPECT_TRUE(probed);
+    NetConnInfo info;
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.name, "netmgr-secret");
+    // The network joins under a service of its own name; the nameless entry
+    // stays listed beside it.
+    std::string named_suffix = "_6e65746d67722d736563726574_managed_psk"; // hex of the name
+    EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
+    NetWifiInfo named = listed("netmgr-secret");
+    EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
+    EXPECT_EQ(NetMgr_GetWifiListCount(), 5);
+    EXPECT_EQ(listed("").path, hidden);
+    EXPECT_FALSE(listed("").connected);
+    EXPECT_TRUE(wait_stored_last_wifi(named.path));
 }
 
 // A wrong passphrase first, then the right one.
@@ -160,50 +199,6 @@ TEST_F(RealWifiTest, OpenNetworkJoinsWithoutPromptReportsStrengthAndDisconnects)
     EXPECT_EQ(library_calls("Connect"), connects);
     EXPECT_EQ(codes_without_refresh(off), std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED});
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
-}
-
-TEST_F(RealWifiTest, HiddenNetworkIsAskedForByNameAndListedUnderIt)
-{
-    wpa_sim::AccessPoint secret = access_point("netmgr-secret", "02:00:00:00:01:03", "psk", -62);
-    secret.hidden = true;
-    radio->add_access_point(secret);
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string hidden = listed("").path;
-    ASSERT_FALSE(hidden.empty());
-    ASSERT_EQ(getHideWifiPath(2), hidden);
-
-    size_t before = events.mark();
-    EXPECT_TRUE(NetMgr_ConnectWifi(hidden));
-    RecordedEvent asked;
-    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, before, &asked), 0)
-        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
-    EXPECT_TRUE(asked.wifi.hidden);
-    EXPECT_EQ(asked.wifi.path, hidden);
-    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/other", "netmgr-secret",
-                                                   "correct horse"));
-    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(hidden, "netmgr-secret", "correct horse"));
-    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
-        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
-
-    // The daemon probed for the name it was given.
-    bool probed = false;
-    for (const wpa_sim::Call &call : radio->calls())
-        probed |= call.member == "Scan" && call.args.find("'active'") != std::string::npos &&
-                  call.args.find("SSIDs") != std::string::npos;
-    EXPECT_TRUE(probed);
-    NetConnInfo info;
-    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
-    EXPECT_EQ(info.name, "netmgr-secret");
-    // The network joins under a service of its own name; the nameless entry
-    // stays listed beside it.
-    std::string named_suffix = "_6e65746d67722d736563726574_managed_psk"; // hex of the name
-    EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
-    NetWifiInfo named = listed("netmgr-secret");
-    EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
-    EXPECT_EQ(NetMgr_GetWifiListCount(), 2);
-    EXPECT_EQ(listed("").path, hidden);
-    EXPECT_FALSE(listed("").connected);
-    EXPECT_TRUE(wait_stored_last_wifi(named.path));
 }
 
 // One joined network through the ways of losing it: the access point goes out
