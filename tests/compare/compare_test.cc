@@ -36,19 +36,6 @@ const char *const kOutputVariable = "NETMGR_COMPARE_OUT";
 const int kConnectMs = 30000;
 const int kEventMs = 15000;
 
-// The world as the script reaches it: the radio (or the simulated services
-// standing for it) and the names that differ between runs.
-class Backend
-{
-  public:
-    virtual ~Backend() = default;
-    virtual void set_signal(const AccessPoint &ap, int dbm) = 0;
-    // The access point goes out of range while it may be in use.
-    virtual void vanish(const AccessPoint &ap) = 0;
-    // The radio's MAC address, lower case with colons.
-    virtual std::string mac() const = 0;
-};
-
 std::string upper(std::string text)
 {
     for (char &c : text)
@@ -65,92 +52,78 @@ std::string hex_of(const std::string &mac)
     return hex;
 }
 
-class SimBackend : public Backend
-{
-  public:
-    explicit SimBackend(connman_sim::Simulator &sim) : sim_(sim)
-    {
-        sim_.add_technology("wifi", true);
-        for (const AccessPoint &ap : compare::access_points()) {
-            connman_sim::Network n;
-            n.ident = ident(ap);
-            n.name = ap.hidden ? "" : ap.name;
-            n.hidden = ap.hidden;
-            n.hidden_name = ap.hidden ? ap.name : "";
-            n.security = {ap.security};
-            n.passphrase = ap.passphrase;
-            n.strength = connman_sim::strength_from_dbm(ap.dbm);
-            n.mac = kMac;
-            n.ipv4_address = compare::kLeaseFirst;
-            n.ipv4_netmask = compare::kNetmask;
-            n.ipv4_gateway = compare::kGateway;
-            n.nameservers = {compare::kNameservers[0], compare::kNameservers[1]};
-            // Router advertisements are left out of the world: when the
-            // daemon's address arrives follows their timing, not the script.
-            n.ipv6_address = "";
-            sim_.add_network(n);
-        }
-    }
-    void set_signal(const AccessPoint &ap, int dbm) override { sim_.set_signal(ident(ap), dbm); }
-    void vanish(const AccessPoint &ap) override { sim_.set_in_range(ident(ap), false); }
-    std::string mac() const override { return kMac; }
-
-  private:
-    static constexpr const char *kMac = "02:00:00:00:00:01";
-    std::string ident(const AccessPoint &ap) const
-    {
-        return compare::service_ident(hex_of(kMac), ap);
-    }
-    connman_sim::Simulator &sim_;
+// The world as the script reaches it: the radio (or the simulated services
+// standing for it) and the radio's MAC address (lower case with colons),
+// which differs between runs.
+struct Backend {
+    std::function<void(const AccessPoint &, int dbm)> set_signal;
+    // The access point goes out of range while it may be in use.
+    std::function<void(const AccessPoint &)> vanish;
+    std::string mac;
+    std::function<std::string()> log; // the daemon's, for a failed run
 };
 
-class RealBackend : public Backend
+Backend sim_backend(connman_sim::Simulator &sim)
 {
-  public:
-    RealBackend()
-    {
-        RealConnman::Links links;
-        links.ethernet = false;
-        links.wifi = true;
-        // Never deleted: the library holds its bus connections until the
-        // process ends, and the peers go only after that.
-        peer_ = new RealConnman(links);
-        radio_ = new wpa_sim::Supplicant();
-        for (const AccessPoint &ap : compare::access_points()) {
-            wpa_sim::AccessPoint a;
-            a.ssid = ap.name;
-            a.hidden = ap.hidden;
-            a.bssid = ap.bssid;
-            a.security = ap.security;
-            a.passphrase = ap.passphrase;
-            a.signal_dbm = static_cast<int16_t>(ap.dbm);
-            radio_->add_access_point(a);
-        }
-        if (!radio_->start())
-            throw std::runtime_error("the radio stand-in did not start");
-        peer_->start_daemon();
-        ConnmanProbe probe(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
-        if (!wait_until([&] { return !probe.technology("wifi").empty(); }, 15000))
-            throw std::runtime_error("no Wi-Fi technology: " + peer_->daemon_log());
-        // The script starts with Wi-Fi on.
-        if (probe.technology("wifi")["Powered"] != "true" &&
-            (!probe.set_technology_powered("wifi", true) ||
-             !wait_until([&] { return probe.technology("wifi")["Powered"] == "true"; }, 10000)))
-            throw std::runtime_error("Wi-Fi did not switch on: " + peer_->daemon_log());
+    static const char *const kMac = "02:00:00:00:00:01";
+    auto ident = [](const AccessPoint &ap) { return compare::service_ident(hex_of(kMac), ap); };
+    sim.add_technology("wifi", true);
+    for (const AccessPoint &ap : compare::access_points()) {
+        connman_sim::Network n;
+        n.ident = ident(ap);
+        n.name = ap.hidden ? "" : ap.name;
+        n.hidden = ap.hidden;
+        n.hidden_name = ap.hidden ? ap.name : "";
+        n.security = {ap.security};
+        n.passphrase = ap.passphrase;
+        n.strength = connman_sim::strength_from_dbm(ap.dbm);
+        n.mac = kMac;
+        n.ipv4_address = compare::kLeaseFirst;
+        n.ipv4_netmask = compare::kNetmask;
+        n.ipv4_gateway = compare::kGateway;
+        n.nameservers = {compare::kNameservers[0], compare::kNameservers[1]};
+        // Router advertisements are left out of the world: when the
+        // daemon's address arrives follows their timing, not the script.
+        n.ipv6_address = "";
+        sim.add_network(n);
     }
-    void set_signal(const AccessPoint &ap, int dbm) override
-    {
-        radio_->set_signal(ap.bssid, static_cast<int16_t>(dbm));
-    }
-    void vanish(const AccessPoint &ap) override { radio_->set_access_point_up(ap.bssid, false); }
-    std::string mac() const override { return peer_->wlan_mac(); }
-    std::string log() const { return peer_->daemon_log(); }
+    return {[&sim, ident](const AccessPoint &ap, int dbm) { sim.set_signal(ident(ap), dbm); },
+            [&sim, ident](const AccessPoint &ap) { sim.set_in_range(ident(ap), false); }, kMac,
+            nullptr};
+}
 
-  private:
-    // Static, so still reachable (and not reported as leaks) at exit.
-    static inline RealConnman *peer_ = nullptr;
-    static inline wpa_sim::Supplicant *radio_ = nullptr;
-};
+Backend real_backend()
+{
+    RealConnman::Links links;
+    links.ethernet = false;
+    links.wifi = true;
+    // Never deleted (but reachable from here, so no leak is reported): the
+    // library holds its bus connections until the process ends, and the
+    // peers go only after that.
+    static RealConnman *peer = new RealConnman(links);
+    static wpa_sim::Supplicant *radio = new wpa_sim::Supplicant();
+    for (const AccessPoint &ap : compare::access_points()) {
+        wpa_sim::AccessPoint a;
+        a.ssid = ap.name;
+        a.hidden = ap.hidden;
+        a.bssid = ap.bssid;
+        a.security = ap.security;
+        a.passphrase = ap.passphrase;
+        a.signal_dbm = static_cast<int16_t>(ap.dbm);
+        radio->add_access_point(a);
+    }
+    if (!radio->start())
+        throw std::runtime_error("the radio stand-in did not start");
+    peer->start_daemon();
+    // The script starts with Wi-Fi on.
+    if (!ConnmanProbe(getenv("DBUS_SYSTEM_BUS_ADDRESS")).switch_technology("wifi", true))
+        throw std::runtime_error("Wi-Fi did not switch on: " + peer->daemon_log());
+    return {[](const AccessPoint &ap, int dbm) {
+                radio->set_signal(ap.bssid, static_cast<int16_t>(dbm));
+            },
+            [](const AccessPoint &ap) { radio->set_access_point_up(ap.bssid, false); },
+            peer->wlan_mac(), [] { return peer->daemon_log(); }};
+}
 
 } // namespace
 
@@ -171,26 +144,24 @@ class CompareRun : public Scenario
         store("netmgr:type", 1);
         line("== start with Wi-Fi on");
         if (std::string(backend) == "real") {
-            auto real = std::make_unique<RealBackend>();
-            log_ = [r = real.get()] { return r->log(); };
-            backend_ = std::move(real);
+            backend_ = real_backend();
             ASSERT_NO_FATAL_FAILURE(start_library());
         } else {
-            backend_ = std::make_unique<SimBackend>(sim);
+            backend_ = sim_backend(sim);
             ASSERT_NO_FATAL_FAILURE(start());
         }
     }
 
     void TearDown() override
     {
-        if (!backend_)
+        if (!backend_.set_signal)
             return;
         flush(events.mark());
         std::ofstream out(getenv(kOutputVariable));
         for (const std::string &line : lines_)
             out << line << "\n";
-        if (HasFailure() && log_)
-            fprintf(stderr, "daemon log:\n%s\n", log_().c_str());
+        if (HasFailure() && backend_.log)
+            fprintf(stderr, "daemon log:\n%s\n", backend_.log().c_str());
     }
 
     // ---- the transcript ----
@@ -207,7 +178,7 @@ class CompareRun : public Scenario
     // Object paths and the radio's MAC address differ between runs.
     std::string path(const std::string &p) const
     {
-        std::string hex = hex_of(backend_->mac());
+        std::string hex = hex_of(backend_.mac);
         std::string out = p;
         size_t at = out.find("_" + hex + "_");
         if (!hex.empty() && at != std::string::npos)
@@ -226,12 +197,7 @@ class CompareRun : public Scenario
     // Addresses from the DHCP server's range read as LEASE.
     static std::string lease(const std::string &address)
     {
-        unsigned a, b, c, d;
-        char rest;
-        if (sscanf(address.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &rest) == 4 && a == 192 &&
-            b == 0 && c == 2 && int(d) >= compare::kLeaseLow && int(d) <= compare::kLeaseHigh)
-            return "LEASE";
-        return address;
+        return in_lease_range(address) ? "LEASE" : address;
     }
 
     // Writes the events before index `to`, leaving out two that follow the
@@ -322,7 +288,7 @@ class CompareRun : public Scenario
         s << "connection type=" << c.type << " name=" << c.name << " strength=" << int(c.strength)
           << " ipv4=" << lease(c.ipv4Address) << "/" << c.ipv4Netmask << " gw=" << c.ipv4Gateway
           << " dns=" << c.dns1 << "," << c.dns2
-          << " mac=" << (c.macAddress == upper(backend_->mac()) ? "MAC" : c.macAddress)
+          << " mac=" << (c.macAddress == upper(backend_.mac) ? "MAC" : c.macAddress)
           << " ipv6=" << c.ipv6Address << "/" << c.ipv6PrefixLength << " gw6=" << c.ipv6Gateway;
         line(s.str());
         line("status wifi=" + std::to_string(NetMgr_GetNetworkStatus(NET_TYPE_WIFI)));
@@ -338,9 +304,8 @@ class CompareRun : public Scenario
         return "/net/connman/service/none";
     }
 
-    std::unique_ptr<Backend> backend_;
+    Backend backend_;
     std::unique_ptr<BusWatch> bus_;
-    std::function<std::string()> log_;
     std::vector<std::string> lines_;
     size_t cursor_ = 0;
     std::string last_strength_;
@@ -376,7 +341,7 @@ TEST_F(CompareRun, Script)
     connection();
 
     step("signal of the connected network");
-    backend_->set_signal(home, -38);
+    backend_.set_signal(home, -38);
     await(NETMGR_EVT_WIFI_STRENGTH_CHANGED);
     connection();
 
@@ -402,7 +367,7 @@ TEST_F(CompareRun, Script)
     connection();
 
     step("access point vanishes while connected");
-    backend_->vanish(cafe);
+    backend_.vanish(cafe);
     await(NETMGR_EVT_WIFI_DISCONNECTED);
     call("NetMgr_ScanWifi", NetMgr_ScanWifi());
     list([&](const std::list<NetWifiInfo> &wifis) {

@@ -54,7 +54,6 @@ inline std::string service_ident(const std::string &mac_hex, const AccessPoint &
 
 // The DHCP server's side of the link.
 const char *const kLeaseFirst = "192.0.2.50";
-const int kLeaseLow = 50, kLeaseHigh = 99;
 const char *const kGateway = "192.0.2.1";
 const char *const kNetmask = "255.255.255.0";
 const char *const kNameservers[] = {"192.0.2.53", "192.0.2.54"};

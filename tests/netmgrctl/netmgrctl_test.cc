@@ -265,7 +265,7 @@ TEST_F(NetmgrctlTest, ExplainsWhyItCannotStart)
     dbus_connection_unref(other);
 }
 
-TEST_F(NetmgrctlTest, WifiListJsonHasTheSimulatorsNetworks)
+TEST_F(NetmgrctlTest, WifiListJsonThenConnectFailuresThenThePassphraseOnStdin)
 {
     start_wifi_world();
     Outcome run = run_ctl({"--json", "wifi", "list"});
@@ -283,38 +283,31 @@ TEST_F(NetmgrctlTest, WifiListJsonHasTheSimulatorsNetworks)
                        R"(", "security": "psk", "strength": 70, "connected": false})");
     expect_members(by_name["cafe"], R"({"security": "none", "strength": 40})");
     EXPECT_GE(sim_.count_calls("Scan"), 1) << "list scans first";
-}
 
-TEST_F(NetmgrctlTest, ConnectAsksForThePassphraseOnStdin)
-{
-    start_wifi_world();
-    Outcome run =
+    expect_error(1, "no network nowhere", {"wifi", "connect", "nowhere"});
+    expect_error(1, "no passphrase given", {"wifi", "connect", "home"});
+    // A rejected key makes the library remove the service; it asks again.
+    expect_error(1, "passphrase for home was rejected",
+                 {"wifi", "connect", "home", "--passphrase", "not the one"});
+    EXPECT_FALSE(home_connected());
+
+    int asked = sim_.request_input_count() + 1;
+    Outcome joined =
         run_ctl({"wifi", "connect", service_path(kHome)}, std::string(kPassphrase) + "\n");
-    ASSERT_EQ(run.code, 0) << run.err;
-    EXPECT_EQ(last_line(run.out), "connected to home\n");
+    ASSERT_EQ(joined.code, 0) << joined.err;
+    EXPECT_EQ(last_line(joined.out), "connected to home\n");
     EXPECT_TRUE(home_connected()) << sim_.service_state(kHome);
-    EXPECT_EQ(sim_.request_input_count(), 1);
+    EXPECT_EQ(sim_.request_input_count(), asked);
     EXPECT_THAT(sim_.last_agent_reply(), HasSubstr(kPassphrase));
 
     // Connected already: no new passphrase request.
     Outcome again = run_ctl({"--json", "wifi", "connect", "home"});
     ASSERT_EQ(again.code, 0) << again.err;
     EXPECT_EQ(parse_json(again.out)["path"].asString(), service_path(kHome));
-    EXPECT_EQ(sim_.request_input_count(), 1);
+    EXPECT_EQ(sim_.request_input_count(), asked);
 }
 
-TEST_F(NetmgrctlTest, ConnectFailuresAreReported)
-{
-    start_wifi_world();
-    expect_error(1, "no network nowhere", {"wifi", "connect", "nowhere"});
-    expect_error(1, "no passphrase given", {"wifi", "connect", "home"});
-    // Last: a rejected key makes the library remove the service.
-    expect_error(1, "passphrase for home was rejected",
-                 {"wifi", "connect", "home", "--passphrase", "not the one"});
-    EXPECT_FALSE(home_connected());
-}
-
-TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
+TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnectionAndManualIPv4ReadsBack)
 {
     sim_.add_technology("ethernet", true);
     sim_.add_technology("wifi", false);
@@ -332,6 +325,18 @@ TEST_F(NetmgrctlTest, StatusJsonDescribesTheWiredConnection)
         status["connection"],
         R"({"type": "ethernet", "ipv4_address": "192.0.2.44", "ipv4_gateway": "192.0.2.1",
                        "dns1": "192.0.2.53", "mac_address": "02:00:00:00:00:01"})");
+
+    Outcome set = run_ctl(
+        {"ipv4", "set", "manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53"});
+    ASSERT_EQ(set.code, 0) << set.err;
+    Outcome get = run_ctl({"ipv4", "get", "--json"});
+    ASSERT_EQ(get.code, 0) << get.err;
+    expect_members(parse_json(get.out),
+                   R"({"method": "manual", "address": "192.0.2.77", "netmask": "255.255.255.0",
+                       "gateway": "192.0.2.1", "dns1": "192.0.2.53", "dns2": ""})");
+
+    // IPv6 stays off until it is set.
+    expect_error(1, "no IPv6 configuration", {"ipv6", "get"});
 }
 
 TEST_F(NetmgrctlTest, HiddenNetworkTakesItsNameAndPassphrase)
@@ -389,25 +394,6 @@ TEST_F(NetmgrctlTest, MonitorPrintsEventsWithTheirArgumentsUntilInterrupted)
                                         R"(", "strength": 33, "connected": true})");
     ASSERT_EQ(last.count(2), 1u) << run.out;
     EXPECT_FALSE(last[2].isMember("arg")) << "event 2 carries no argument";
-}
-
-TEST_F(NetmgrctlTest, ManualIPv4ConfigurationReadsBack)
-{
-    sim_.add_technology("ethernet", true);
-    sim_.add_network(wired());
-    ASSERT_TRUE(sim_.start(buses_.system.address()));
-
-    Outcome set = run_ctl(
-        {"ipv4", "set", "manual", "192.0.2.77", "255.255.255.0", "192.0.2.1", "192.0.2.53"});
-    ASSERT_EQ(set.code, 0) << set.err;
-    Outcome get = run_ctl({"ipv4", "get", "--json"});
-    ASSERT_EQ(get.code, 0) << get.err;
-    expect_members(parse_json(get.out),
-                   R"({"method": "manual", "address": "192.0.2.77", "netmask": "255.255.255.0",
-                       "gateway": "192.0.2.1", "dns1": "192.0.2.53", "dns2": ""})");
-
-    // IPv6 stays off until it is set.
-    expect_error(1, "no IPv6 configuration", {"ipv6", "get"});
 }
 
 // ---- script: many commands in one running library ----

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "tests/support/wait.h"
+
 namespace
 {
 
@@ -121,6 +123,14 @@ bool ConnmanProbe::set_technology_powered(const std::string &type, bool powered)
     if (reply)
         g_variant_unref(reply);
     return reply != nullptr;
+}
+
+bool ConnmanProbe::switch_technology(const std::string &type, bool powered)
+{
+    const char *text = powered ? "true" : "false";
+    return wait_until([&] { return !technology(type).empty(); }, 15000) &&
+           (technology(type)["Powered"] == text || set_technology_powered(type, powered)) &&
+           wait_until([&] { return technology(type)["Powered"] == text; }, 10000);
 }
 
 std::string ConnmanProbe::name_owner(const std::string &name)

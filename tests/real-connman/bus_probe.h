@@ -32,6 +32,9 @@ class ConnmanProbe
     // The first service of this type, with its object path as "path".
     Properties service(const std::string &type) { return object_list("GetServices", type); }
     bool set_technology_powered(const std::string &type, bool powered);
+    // Waits for the technology to appear, then switches it and waits until
+    // the daemon reports it switched.
+    bool switch_technology(const std::string &type, bool powered);
     // Unique bus name of the owner of name, "" when none.
     std::string name_owner(const std::string &name);
 

@@ -1,6 +1,7 @@
 #include "tests/real-connman/harness.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -119,6 +120,15 @@ int run_command(const std::vector<std::string> &args, std::string *output)
     g_free(out);
     g_free(err);
     return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool in_lease_range(const std::string &address, const std::string &net)
+{
+    unsigned last = 0;
+    char rest;
+    return address.rfind(net, 0) == 0 &&
+           sscanf(address.c_str() + net.size(), "%u%c", &last, &rest) == 1 && last >= 50 &&
+           last <= 99;
 }
 
 std::string RealConnman::unavailable_reason()

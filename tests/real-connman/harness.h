@@ -72,3 +72,6 @@ class RealConnman
 // Runs argv, waits for it and returns its exit status (-1 when it could not be
 // run); output, when given, receives stdout and then stderr.
 int run_command(const std::vector<std::string> &argv, std::string *output = nullptr);
+
+// Whether address is one the DHCP server hands out on net (".50" to ".99").
+bool in_lease_range(const std::string &address, const std::string &net = "192.0.2.");

@@ -2,18 +2,9 @@
 //
 // The library lives for the whole process, so every case runs in a process
 // of its own (ctest does that) with its own namespaces, daemons and buses.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <strings.h>
 
-#include <algorithm>
-#include <memory>
-
-#include "core/netmgr.h"
-#include "tests/real-connman/bus_probe.h"
-#include "tests/real-connman/harness.h"
-#include "tests/scenarios/scenario.h"
-#include "tests/support/wait.h"
+#include "tests/real-connman/wifi_fixture.h"
 
 namespace
 {
@@ -33,37 +24,11 @@ bool enabled_then_connected(const std::vector<int> &codes)
                        [](int c) { return c == NETMGR_EVT_ETHERNET_ENABLED; });
 }
 
-bool in_lease_range(const std::string &address)
-{
-    unsigned a, b, c, d;
-    char rest;
-    if (sscanf(address.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &rest) != 4)
-        return false;
-    return a == 192 && b == 0 && c == 2 && d >= 50 && d <= 99;
-}
-
 } // namespace
 
-// The scenarios' world supplies the buses, the store and the shell log; the
-// real daemon replaces the simulator.
-class RealConnmanTest : public Scenario
+class RealConnmanTest : public RealDaemonTest
 {
   protected:
-    void SetUp() override
-    {
-        std::string reason = RealConnman::unavailable_reason();
-        if (!reason.empty())
-            GTEST_SKIP() << reason;
-        Scenario::SetUp();
-        if (IsSkipped())
-            return;
-        // Never deleted: the library holds its bus connections until the
-        // process ends, and the peer goes only after that.
-        peer = new RealConnman();
-        probe = std::make_unique<ConnmanProbe>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
-        bus = std::make_unique<BusWatch>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
-    }
-
     // The init-script lines among the commands (the log also holds the
     // country-code commands of every service refresh).
     std::vector<std::string> init_script_commands() const
@@ -80,18 +45,13 @@ class RealConnmanTest : public Scenario
     void start_daemon(bool ethernet_on)
     {
         peer->start_daemon();
-        ASSERT_TRUE(wait_until([&] { return !probe->technology("ethernet").empty(); }, 10000))
-            << peer->daemon_log();
-        if (ethernet_on) {
-            ASSERT_TRUE(
-                wait_until([&] { return probe->technology("ethernet")["Connected"] == "true"; },
-                           kLinkTimeoutMs))
-                << peer->daemon_log();
-        } else {
-            ASSERT_TRUE(probe->set_technology_powered("ethernet", false));
-            ASSERT_TRUE(wait_until(
-                [&] { return probe->technology("ethernet")["Powered"] == "false"; }, 10000));
+        if (!ethernet_on) {
+            ASSERT_TRUE(probe->switch_technology("ethernet", false)) << peer->daemon_log();
+            return;
         }
+        ASSERT_TRUE(wait_until([&] { return probe->technology("ethernet")["Connected"] == "true"; },
+                               kLinkTimeoutMs))
+            << peer->daemon_log();
     }
 
     // Daemon with the cable connected, library started and the connection
@@ -131,13 +91,11 @@ class RealConnmanTest : public Scenario
         NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET);
         NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET);
     }
-
-    static inline RealConnman *peer = nullptr; // reachable, so never reported as a leak
-    std::unique_ptr<ConnmanProbe> probe;
-    std::unique_ptr<BusWatch> bus;
 };
 
-TEST_F(RealConnmanTest, EnableEthernetReportsLeaseDetails)
+// From the switched-off link: the lease when it is switched on, then the
+// Ethernet switch and the network switch.
+TEST_F(RealConnmanTest, EnableEthernetReportsTheLeaseAndTheSwitchesReachTheDaemon)
 {
     ASSERT_NO_FATAL_FAILURE(start_daemon(false));
     ASSERT_NO_FATAL_FAILURE(start_library());
@@ -177,11 +135,49 @@ TEST_F(RealConnmanTest, EnableEthernetReportsLeaseDetails)
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
     EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
     EXPECT_EQ(stored("netmgr:type"), Json::Value(0));
+
+    ASSERT_NO_FATAL_FAILURE(settle_technology_calls());
+    before = events.mark();
+    ASSERT_TRUE(NetMgr_DisableEthernet());
+    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
+    // The daemon drops the connection before it switches the link off.
+    EXPECT_EQ(events.codes(before),
+              (std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED, NETMGR_EVT_ETHERNET_DISABLED}));
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
+    EXPECT_TRUE(wait_until([&] { return peer->addresses().empty(); }, 10000));
+    ASSERT_NO_FATAL_FAILURE(settle_technology_calls());
+
+    before = events.mark();
+    ASSERT_TRUE(NetMgr_EnableEthernet());
+    at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
+
+    EXPECT_TRUE(offline_mode_becomes("false"));
+    EXPECT_TRUE(NetMgr_GetNetworkEnable());
+
+    before = events.mark();
+    ASSERT_TRUE(NetMgr_SetNetworkEnable(false));
+    EXPECT_TRUE(offline_mode_becomes("true"));
+    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 10000));
+    // Offline mode switches the technologies off.
+    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
+    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
+
+    before = events.mark();
+    ASSERT_TRUE(NetMgr_SetNetworkEnable(true));
+    EXPECT_TRUE(offline_mode_becomes("false"));
+    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 10000));
+    at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
+    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
 }
 
-TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
+TEST_F(RealConnmanTest, ManualIPv4AndDhcpReachTheLinkAndIPv6FollowsTheStoredSwitch)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
+    EXPECT_TRUE(stored("netmgr:ipv6_enable").isNull());
+    NetIPv6Config cfg;
+    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg));
 
     NetIPv4Config manual{"manual", "192.0.2.20", "255.255.255.0", "192.0.2.1", "192.0.2.53", ""};
     size_t before = events.mark();
@@ -241,15 +237,8 @@ TEST_F(RealConnmanTest, ManualIPv4ReachesTheLinkAndDhcpComesBack)
         [&] { return NetMgr_GetCurrentConnInfo(&info) && in_lease_range(info.ipv4Address); },
         10000))
         << info.ipv4Address;
-}
 
-TEST_F(RealConnmanTest, IPv6OffAndAutoFollowTheStoredSwitch)
-{
-    ASSERT_NO_FATAL_FAILURE(start_connected());
-    EXPECT_TRUE(stored("netmgr:ipv6_enable").isNull());
-    NetIPv6Config cfg;
-    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg));
-
+    // IPv6 follows the stored switch.
     NetIPv6Config off;
     off.method = "off";
     ASSERT_TRUE(NetMgr_SetIPv6Config(&off));
@@ -281,11 +270,26 @@ TEST_F(RealConnmanTest, IPv6OffAndAutoFollowTheStoredSwitch)
     EXPECT_EQ(probe->service("ethernet")["IPv6.Configuration.Method"], "auto");
 }
 
-// Pulling the cable at the far end loses the announced connection; plugging
-// it back announces the connection again by itself.
-TEST_F(RealConnmanTest, CarrierLossAndReturn)
+// The daemon is up with the cable connected when the library starts: the
+// library claims its session-bus name, registers its agent and announces
+// what it finds. Pulling the cable at the far end loses the announced
+// connection; plugging it back announces it again by itself. After a
+// power-down reset the connection counts as not announced: losing it is
+// silent, and its return is announced. The daemon goes away: the library
+// restarts the init scripts, and when the daemon is back it registers its
+// agent again and the cable is announced.
+TEST_F(RealConnmanTest, StartCarrierAndDaemonRestart)
 {
     ASSERT_NO_FATAL_FAILURE(start_connected());
+    EXPECT_TRUE(enabled_then_connected(events.codes(0)))
+        << ::testing::PrintToString(events.codes(0));
+    EXPECT_NE(ConnmanProbe(getenv("DBUS_SESSION_BUS_ADDRESS")).name_owner("net.connman.Gaskaidra"),
+              "");
+    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
+    EXPECT_TRUE(NetMgr_GetNetworkEnable());
+    ASSERT_TRUE(bus->wait_calls("RegisterAgent", 1, 5000));
+    EXPECT_EQ(bus->calls("RegisterAgent")[0].path, kAgentPath);
+    EXPECT_EQ(bus->calls("RegisterAgent")[0].destination, "net.connman");
 
     size_t before = events.mark();
     peer->set_far_end_up(false);
@@ -305,86 +309,17 @@ TEST_F(RealConnmanTest, CarrierLossAndReturn)
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
     ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
     EXPECT_TRUE(in_lease_range(info.ipv4Address)) << info.ipv4Address;
-}
 
-// After a power-down reset the connection counts as not announced: losing it
-// is silent, and its return is announced.
-TEST_F(RealConnmanTest, PowerDownResetSilencesLossAndAnnouncesReturn)
-{
-    ASSERT_NO_FATAL_FAILURE(start_connected());
     NetMgr_PowerDownResetNetworkStatus();
-
-    size_t before = events.mark();
+    before = events.mark();
     peer->set_far_end_up(false);
     ASSERT_TRUE(wait_until(
         [] { return NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET) == NET_STATUS_ENABLED; }, 10000));
     peer->set_far_end_up(true);
     expect_event(NETMGR_EVT_ETHERNET_CONNECTED, before);
     EXPECT_EQ(events.codes(before), std::vector<int>{NETMGR_EVT_ETHERNET_CONNECTED});
-}
-
-TEST_F(RealConnmanTest, DisableAndEnableEthernet)
-{
-    ASSERT_NO_FATAL_FAILURE(start_connected());
-
-    size_t before = events.mark();
-    ASSERT_TRUE(NetMgr_DisableEthernet());
-    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
-    // The daemon drops the connection before it switches the link off.
-    EXPECT_EQ(events.codes(before),
-              (std::vector<int>{NETMGR_EVT_ETHERNET_DISCONNECTED, NETMGR_EVT_ETHERNET_DISABLED}));
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
-    EXPECT_TRUE(wait_until([&] { return peer->addresses().empty(); }, 10000));
-    ASSERT_NO_FATAL_FAILURE(settle_technology_calls());
 
     before = events.mark();
-    ASSERT_TRUE(NetMgr_EnableEthernet());
-    size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
-    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_CONNECTED);
-}
-
-TEST_F(RealConnmanTest, NetworkEnableDrivesOfflineMode)
-{
-    ASSERT_NO_FATAL_FAILURE(start_connected());
-    EXPECT_TRUE(offline_mode_becomes("false"));
-    EXPECT_TRUE(NetMgr_GetNetworkEnable());
-
-    size_t before = events.mark();
-    ASSERT_TRUE(NetMgr_SetNetworkEnable(false));
-    EXPECT_TRUE(offline_mode_becomes("true"));
-    EXPECT_TRUE(wait_until([] { return !NetMgr_GetNetworkEnable(); }, 10000));
-    // Offline mode switches the technologies off.
-    expect_event(NETMGR_EVT_ETHERNET_DISABLED, before, 10000);
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_ETHERNET), NET_STATUS_DISABLED);
-
-    before = events.mark();
-    ASSERT_TRUE(NetMgr_SetNetworkEnable(true));
-    EXPECT_TRUE(offline_mode_becomes("false"));
-    EXPECT_TRUE(wait_until([] { return NetMgr_GetNetworkEnable(); }, 10000));
-    size_t at = expect_event(NETMGR_EVT_ETHERNET_ENABLED, before);
-    expect_event(NETMGR_EVT_ETHERNET_CONNECTED, at);
-}
-
-// The daemon is up with the cable connected when the library starts: the
-// library claims its session-bus name, registers its agent and announces
-// what it finds. The daemon goes away: the library restarts the init
-// scripts, and when the daemon is back it registers its agent again and the
-// cable is announced.
-TEST_F(RealConnmanTest, StartAndDaemonRestartRegisterTheAgentAndAnnounceTheCable)
-{
-    ASSERT_NO_FATAL_FAILURE(start_connected());
-    EXPECT_TRUE(enabled_then_connected(events.codes(0)))
-        << ::testing::PrintToString(events.codes(0));
-    EXPECT_NE(ConnmanProbe(getenv("DBUS_SESSION_BUS_ADDRESS")).name_owner("net.connman.Gaskaidra"),
-              "");
-    EXPECT_EQ(NetMgr_GetNetworkType(), NET_TYPE_ETHERNET);
-    EXPECT_TRUE(NetMgr_GetNetworkEnable());
-    ASSERT_TRUE(bus->wait_calls("RegisterAgent", 1, 5000));
-    EXPECT_EQ(bus->calls("RegisterAgent")[0].path, kAgentPath);
-    EXPECT_EQ(bus->calls("RegisterAgent")[0].destination, "net.connman");
-
-    size_t before = events.mark();
     peer->stop_daemon();
     // The daemon releases every agent it holds when it stops: proof that it
     // accepted the registration.

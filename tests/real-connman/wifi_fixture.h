@@ -1,11 +1,11 @@
-// The Wi-Fi world of the real-daemon tests: the scenarios' buses, store and
-// event recorder, the real ConnMan daemon with a Wi-Fi link, and the
-// wpa_supplicant stand-in as its radio. Shared by the Wi-Fi and device cases.
+// The world of the real-daemon tests: the scenarios' buses, store and event
+// recorder with the real ConnMan daemon in place of the simulator, and, for
+// Wi-Fi, the wpa_supplicant stand-in as its radio.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 
+#include <algorithm>
 #include <list>
 #include <memory>
 #include <string>
@@ -16,9 +16,6 @@
 #include "tests/scenarios/scenario.h"
 #include "tests/support/wait.h"
 #include "wpa_sim.h"
-
-namespace real_wifi
-{
 
 // Association, then DHCP over the veth.
 constexpr int kConnectTimeoutMs = 20000;
@@ -35,25 +32,8 @@ inline wpa_sim::AccessPoint access_point(const std::string &ssid, const std::str
     return ap;
 }
 
-inline bool in_lease_range(const std::string &address)
-{
-    unsigned a, b, c, d;
-    char rest;
-    if (sscanf(address.c_str(), "%u.%u.%u.%u%c", &a, &b, &c, &d, &rest) != 4)
-        return false;
-    return a == 192 && b == 0 && c == 2 && d >= 50 && d <= 99;
-}
-
-} // namespace real_wifi
-
-using real_wifi::access_point;
-using real_wifi::in_lease_range;
-using real_wifi::kConnectTimeoutMs;
-
-// The scenarios' world (buses, store, shell log, event recorder) with the
-// real daemon and the radio stand-in in place of the simulator. Cases add
-// access points, then start_wifi(), then drive the library.
-class RealWifiTest : public Scenario
+// The daemon with the links() of the case; Ethernet alone unless overridden.
+class RealDaemonTest : public Scenario
 {
   protected:
     void SetUp() override
@@ -67,12 +47,55 @@ class RealWifiTest : public Scenario
         // Never deleted: the library holds its bus connections until the
         // process ends, and the peers go only after that.
         peer = new RealConnman(links());
-        radio = new wpa_sim::Supplicant();
         probe = std::make_unique<ConnmanProbe>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
         bus = std::make_unique<BusWatch>(getenv("DBUS_SYSTEM_BUS_ADDRESS"));
     }
 
-    virtual RealConnman::Links links() const
+    virtual RealConnman::Links links() const { return RealConnman::Links(); }
+
+    // Event codes from `from` on, without list updates and strength reports
+    // (every service-list refresh reports the connected network's strength
+    // again, unchanged).
+    std::vector<int> codes_without_refresh(size_t from)
+    {
+        std::vector<int> seen = events.codes(from);
+        seen.erase(std::remove_if(seen.begin(), seen.end(),
+                                  [](int c) {
+                                      return c == NETMGR_EVT_WIFI_LIST_UPDATED ||
+                                             c == NETMGR_EVT_WIFI_STRENGTH_CHANGED;
+                                  }),
+                   seen.end());
+        return seen;
+    }
+
+    // Calls of member (on path, when given) from this process's library.
+    size_t library_calls(const std::string &member, const std::string &path = "")
+    {
+        std::vector<BusWatch::Call> agents = bus->calls("RegisterAgent");
+        std::string library = agents.empty() ? "" : agents.back().sender;
+        size_t n = 0;
+        for (const BusWatch::Call &call : bus->calls(member))
+            n += call.sender == library && (path.empty() || call.path == path);
+        return n;
+    }
+
+    static inline RealConnman *peer = nullptr; // reachable, so never reported as a leak
+    std::unique_ptr<ConnmanProbe> probe;
+    std::unique_ptr<BusWatch> bus;
+};
+
+// Cases add access points, then start_wifi(), then drive the library.
+class RealWifiTest : public RealDaemonTest
+{
+  protected:
+    void SetUp() override
+    {
+        RealDaemonTest::SetUp();
+        if (!IsSkipped() && !HasFatalFailure())
+            radio = new wpa_sim::Supplicant();
+    }
+
+    RealConnman::Links links() const override
     {
         RealConnman::Links l;
         l.ethernet = false;
@@ -85,11 +108,7 @@ class RealWifiTest : public Scenario
     {
         ASSERT_TRUE(radio->start());
         peer->start_daemon();
-        ASSERT_TRUE(wait_until([&] { return !probe->technology("wifi").empty(); }, 10000))
-            << peer->daemon_log();
-        ASSERT_TRUE(probe->set_technology_powered("wifi", true));
-        ASSERT_TRUE(
-            wait_until([&] { return probe->technology("wifi")["Powered"] == "true"; }, 10000));
+        ASSERT_TRUE(probe->switch_technology("wifi", true)) << peer->daemon_log();
         store("netmgr:type", 1);
     }
 
@@ -140,45 +159,16 @@ class RealWifiTest : public Scenario
     }
 
     // connect_with_passphrase() until the announcement (event 7).
-    void connect_protected(const std::string &path)
+    void connect_protected(const std::string &path, const std::string &passphrase = "correct horse")
     {
-        size_t asked = connect_with_passphrase(path, "correct horse");
+        size_t asked = connect_with_passphrase(path, passphrase);
         ASSERT_FALSE(HasFailure());
         ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
             << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
     }
 
-    // Event codes from `from` on, without list updates and strength reports
-    // (every service-list refresh reports the connected network's strength
-    // again, unchanged).
-    std::vector<int> codes_without_refresh(size_t from)
-    {
-        std::vector<int> seen = events.codes(from);
-        seen.erase(std::remove_if(seen.begin(), seen.end(),
-                                  [](int c) {
-                                      return c == NETMGR_EVT_WIFI_LIST_UPDATED ||
-                                             c == NETMGR_EVT_WIFI_STRENGTH_CHANGED;
-                                  }),
-                   seen.end());
-        return seen;
-    }
-
-    // Calls of member on the daemon's services from this process's library.
-    size_t library_calls(const std::string &member)
-    {
-        std::vector<BusWatch::Call> agents = bus->calls("RegisterAgent");
-        std::string library = agents.empty() ? "" : agents.back().sender;
-        size_t n = 0;
-        for (const BusWatch::Call &call : bus->calls(member))
-            n += call.sender == library;
-        return n;
-    }
-
     // The daemon's first Wi-Fi service: with one access point, its only one.
     std::string wifi_state() { return probe->service("wifi")["State"]; }
 
-    static inline RealConnman *peer = nullptr; // reachable, so never reported as a leak
     static inline wpa_sim::Supplicant *radio = nullptr;
-    std::unique_ptr<ConnmanProbe> probe;
-    std::unique_ptr<BusWatch> bus;
 };

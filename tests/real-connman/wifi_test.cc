@@ -3,22 +3,21 @@
 // for the radio, and dnsmasq for real leases.
 //
 // One case per process, as for the Ethernet cases.
-#include <gtest/gtest.h>
 #include <strings.h>
-
-#include <algorithm>
-#include <memory>
 
 #include "tests/real-connman/wifi_fixture.h"
 
-TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntry)
+// The scan's list; connmand 1.41 lists an RSN "sae" network as psk and joins
+// it with SAE; the hidden network is asked for by name and listed under it.
+TEST_F(RealWifiTest, ScanListsTheNetworksThenWpa3AndTheHiddenNetworkJoin)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     radio->add_access_point(access_point("netmgr-cafe", "02:00:00:00:01:02", "none", -70));
     wpa_sim::AccessPoint secret = access_point("netmgr-secret", "02:00:00:00:01:03", "psk", -62);
     secret.hidden = true;
     radio->add_access_point(secret);
-    ASSERT_NO_FATAL_FAILURE(start_wifi(3));
+    radio->add_access_point(access_point("netmgr-wpa3", "02:00:00:00:01:04", "sae", -55));
+    ASSERT_NO_FATAL_FAILURE(start_wifi(4));
 
     std::string mac_hex = peer->wlan_mac();
     mac_hex.erase(std::remove(mac_hex.begin(), mac_hex.end(), ':'), mac_hex.end());
@@ -31,11 +30,62 @@ TEST_F(RealWifiTest, ScanListsNamesSecurityStrengthAndTheHiddenEntry)
     NetWifiInfo cafe = listed("netmgr-cafe");
     EXPECT_EQ(cafe.security, "none");
     EXPECT_EQ(cafe.strength, 50);
-    NetWifiInfo hidden = listed("");
-    EXPECT_EQ(hidden.path, "/net/connman/service/wifi_" + mac_hex + "_hidden_managed_psk");
-    EXPECT_EQ(hidden.strength, 58);
-    EXPECT_EQ(getHideWifiPath(2), hidden.path);
+    NetWifiInfo hidden_entry = listed("");
+    EXPECT_EQ(hidden_entry.path, "/net/connman/service/wifi_" + mac_hex + "_hidden_managed_psk");
+    EXPECT_EQ(hidden_entry.strength, 58);
+    EXPECT_EQ(getHideWifiPath(2), hidden_entry.path);
     EXPECT_GE(events.count(NETMGR_EVT_WIFI_LIST_UPDATED), 1);
+    NetWifiInfo wpa3 = listed("netmgr-wpa3");
+    EXPECT_EQ(wpa3.security, "psk");
+    EXPECT_EQ(wpa3.strength, 65);
+
+    size_t asked = connect_with_passphrase(wpa3.path, "correct horse");
+    EXPECT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
+        << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
+    EXPECT_EQ(radio->count_calls("AddNetwork"), 1);
+    std::string added;
+    for (const wpa_sim::Call &call : radio->calls())
+        if (call.member == "AddNetwork")
+            added = call.args;
+    EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
+
+    // The hidden network is asked for by name and joins under it.
+    size_t before = events.mark();
+    ASSERT_TRUE(NetMgr_DisconnectWifi());
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 10000, before), 0);
+    std::string hidden = hidden_entry.path;
+    RecordedEvent prompt;
+    before = events.mark();
+    EXPECT_TRUE(NetMgr_ConnectWifi(hidden));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, before, &prompt), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+    EXPECT_TRUE(prompt.wifi.hidden);
+    EXPECT_EQ(prompt.wifi.path, hidden);
+    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/other", "netmgr-secret",
+                                                   "correct horse"));
+    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(hidden, "netmgr-secret", "correct horse"));
+    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
+        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
+
+    // The daemon probed for the name it was given.
+    bool probed = false;
+    for (const wpa_sim::Call &call : radio->calls())
+        probed |= call.member == "Scan" && call.args.find("'active'") != std::string::npos &&
+                  call.args.find("SSIDs") != std::string::npos;
+    EXPECT_TRUE(probed);
+    NetConnInfo info;
+    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
+    EXPECT_EQ(info.name, "netmgr-secret");
+    // The network joins under a service of its own name; the nameless entry
+    // stays listed beside it.
+    std::string named_suffix = "_6e65746d67722d736563726574_managed_psk"; // hex of the name
+    EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
+    NetWifiInfo named = listed("netmgr-secret");
+    EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
+    EXPECT_EQ(NetMgr_GetWifiListCount(), 5);
+    EXPECT_EQ(listed("").path, hidden);
+    EXPECT_FALSE(listed("").connected);
+    EXPECT_TRUE(wait_stored_last_wifi(named.path));
 }
 
 TEST_F(RealWifiTest, ProtectedNetworkConnectsWithTheLeaseAndIsStored)
@@ -102,26 +152,6 @@ TEST_F(RealWifiTest, WrongPassphraseReportsInvalidKeyAndForgetsTheNetwork)
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_ENABLED);
 }
 
-// connmand 1.41 lists an RSN "sae" network as psk and joins it with SAE.
-TEST_F(RealWifiTest, Wpa3NetworkJoinsWithSae)
-{
-    radio->add_access_point(access_point("netmgr-wpa3", "02:00:00:00:01:04", "sae", -55));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    NetWifiInfo wpa3 = listed("netmgr-wpa3");
-    EXPECT_EQ(wpa3.security, "psk");
-    EXPECT_EQ(wpa3.strength, 65);
-
-    size_t asked = connect_with_passphrase(wpa3.path, "correct horse");
-    EXPECT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, asked), 0)
-        << ::testing::PrintToString(events.codes(asked)) << peer->daemon_log();
-    EXPECT_EQ(radio->count_calls("AddNetwork"), 1);
-    std::string added;
-    for (const wpa_sim::Call &call : radio->calls())
-        if (call.member == "AddNetwork")
-            added = call.args;
-    EXPECT_NE(added.find("'key_mgmt': <'SAE'>"), std::string::npos) << added;
-}
-
 // One process: an open network, a strength change, then the user's disconnect.
 TEST_F(RealWifiTest, OpenNetworkJoinsWithoutPromptReportsStrengthAndDisconnects)
 {
@@ -178,51 +208,9 @@ TEST_F(RealWifiTest, OpenNetworkJoinsWithoutPromptReportsStrengthAndDisconnects)
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
 }
 
-TEST_F(RealWifiTest, HiddenNetworkIsAskedForByNameAndListedUnderIt)
-{
-    wpa_sim::AccessPoint secret = access_point("netmgr-secret", "02:00:00:00:01:03", "psk", -62);
-    secret.hidden = true;
-    radio->add_access_point(secret);
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string hidden = listed("").path;
-    ASSERT_FALSE(hidden.empty());
-    ASSERT_EQ(getHideWifiPath(2), hidden);
-
-    size_t before = events.mark();
-    EXPECT_TRUE(NetMgr_ConnectWifi(hidden));
-    RecordedEvent asked;
-    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_PASSWORD_REQUIRED, 10000, before, &asked), 0)
-        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
-    EXPECT_TRUE(asked.wifi.hidden);
-    EXPECT_EQ(asked.wifi.path, hidden);
-    EXPECT_FALSE(NetMgr_SetHideWifiSsidAndPassword("/net/connman/service/other", "netmgr-secret",
-                                                   "correct horse"));
-    EXPECT_TRUE(NetMgr_SetHideWifiSsidAndPassword(hidden, "netmgr-secret", "correct horse"));
-    ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_CONNECTED, kConnectTimeoutMs, before), 0)
-        << ::testing::PrintToString(events.codes(before)) << peer->daemon_log();
-
-    // The daemon probed for the name it was given.
-    bool probed = false;
-    for (const wpa_sim::Call &call : radio->calls())
-        probed |= call.member == "Scan" && call.args.find("'active'") != std::string::npos &&
-                  call.args.find("SSIDs") != std::string::npos;
-    EXPECT_TRUE(probed);
-    NetConnInfo info;
-    ASSERT_TRUE(NetMgr_GetCurrentConnInfo(&info));
-    EXPECT_EQ(info.name, "netmgr-secret");
-    // The network joins under a service of its own name; the nameless entry
-    // stays listed beside it.
-    std::string named_suffix = "_6e65746d67722d736563726574_managed_psk"; // hex of the name
-    EXPECT_TRUE(wait_until([&] { return listed("netmgr-secret").connected; }, 10000));
-    NetWifiInfo named = listed("netmgr-secret");
-    EXPECT_NE(named.path.find(named_suffix), std::string::npos) << named.path;
-    EXPECT_EQ(listed("").path, hidden);
-    EXPECT_FALSE(listed("").connected);
-    EXPECT_TRUE(wait_stored_last_wifi(named.path));
-}
-
-// The access point goes out of range while connected and comes back.
-TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
+// One joined network through the ways of losing it: the access point goes out
+// of range and comes back, Wi-Fi goes off and on, and the user forgets it.
+TEST_F(RealWifiTest, LostAccessPointWifiOffAndForgetting)
 {
     radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
     ASSERT_NO_FATAL_FAILURE(start_wifi(1));
@@ -254,17 +242,10 @@ TEST_F(RealWifiTest, LostAccessPointIsAnnouncedRetriedAndRejoined)
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_CONNECTED);
-}
 
-TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
-{
-    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string path = listed("netmgr-home").path;
-    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
-
+    // Wi-Fi off and on while connected.
     size_t off = events.mark();
-    size_t connects = library_calls("Connect");
+    connects = library_calls("Connect");
     EXPECT_TRUE(NetMgr_DisableWifi());
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISABLED, 10000, off), 0)
         << ::testing::PrintToString(events.codes(off));
@@ -274,7 +255,6 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
     // daemon has removed by then.
     EXPECT_EQ(codes_without_refresh(off),
               (std::vector<int>{NETMGR_EVT_WIFI_DISCONNECTED, NETMGR_EVT_WIFI_DISABLED}));
-    RecordedEvent lost;
     ASSERT_GE(events.wait_index(NETMGR_EVT_WIFI_DISCONNECTED, 0, off, &lost), 0);
     EXPECT_NE(lost.byte, 0);
     EXPECT_TRUE(bus->wait_calls("Connect", connects + 1, 10000));
@@ -296,18 +276,9 @@ TEST_F(RealWifiTest, WifiOffDropsTheConnectionAndOnRejoinsTheFavourite)
               (std::vector<int>{NETMGR_EVT_WIFI_ENABLED, NETMGR_EVT_WIFI_CONNECTED}));
     EXPECT_EQ(radio->state(), "completed");
     EXPECT_TRUE(stored("netmgr:last_wifi") == Json::Value(path));
-}
 
-// Forgetting drops the stored passphrase; cancelling the new prompt ends the
-// attempt before it reaches the radio.
-TEST_F(RealWifiTest, ForgottenNetworkAsksAgainAndTheCancelledPromptConnectsNothing)
-{
-    radio->add_access_point(access_point("netmgr-home", "02:00:00:00:01:01", "psk", -45));
-    ASSERT_NO_FATAL_FAILURE(start_wifi(1));
-    std::string path = listed("netmgr-home").path;
-    ASSERT_NO_FATAL_FAILURE(connect_protected(path));
-    ASSERT_TRUE(wait_stored_last_wifi(path));
-
+    // Forgetting drops the stored passphrase; cancelling the new prompt ends
+    // the attempt before it reaches the radio.
     size_t forget = events.mark();
     EXPECT_TRUE(NetMgr_DismissWifi(path));
     ASSERT_TRUE(bus->wait_calls("Remove", 1, 10000));

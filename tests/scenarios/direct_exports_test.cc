@@ -9,7 +9,7 @@ const char *const kCable = "ethernet_0f0000000001_cable";
 
 using DirectExports = Scenario;
 
-TEST_F(DirectExports, ResetDBKeepsTheTypeInMemoryAndDisableWifiPowersItOff)
+TEST_F(DirectExports, ResetDBKeepsTheTypeInMemory)
 {
     store("netmgr:type", 1);
     store("netmgr:last_wifi", "/net/connman/service/wifi_0f_6f6c64_managed_none");
@@ -28,12 +28,6 @@ TEST_F(DirectExports, ResetDBKeepsTheTypeInMemoryAndDisableWifiPowersItOff)
     cfg.method = "untouched";
     EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg)) << "the IPv6 switch is gone with the reset";
     EXPECT_EQ(cfg.method, "untouched");
-
-    size_t from = events.mark();
-    EXPECT_TRUE(NetMgr_DisableWifi());
-    ASSERT_TRUE(wait_for_event(NETMGR_EVT_WIFI_DISABLED, from));
-    EXPECT_EQ(sim.technology_property("wifi", "Powered"), "false");
-    EXPECT_EQ(NetMgr_GetNetworkStatus(NET_TYPE_WIFI), NET_STATUS_DISABLED);
 }
 
 TEST_F(DirectExports, DisconnectEthernetDropsTheConnectedCable)

@@ -96,14 +96,9 @@ TEST_F(IpConfigTest, Ipv4ManualAndDhcpReachTheServiceAndReadBack)
         << "only the two DHCP changes were sent";
 }
 
-TEST_F(IpConfigTest, Ipv6MethodsAndTheSettingThatFollowsThem)
+TEST_F(IpConfigTest, Ipv6ManualReachesTheServiceAndTurnsTheSettingOn)
 {
     start_with_cable();
-    NetIPv6Config cfg;
-    cfg.method = "kept";
-    EXPECT_FALSE(NetMgr_GetIPv6Config(&cfg)) << "no setting: IPv6 is off";
-    EXPECT_EQ(cfg.method, "kept");
-
     NetIPv6Config dhcp;
     dhcp.method = "dhcp";
     EXPECT_FALSE(NetMgr_SetIPv6Config(&dhcp));
@@ -123,23 +118,6 @@ TEST_F(IpConfigTest, Ipv6MethodsAndTheSettingThatFollowsThem)
     EXPECT_EQ(read.address, "2001:db8::77");
     EXPECT_EQ(read.prefixLength, 0u) << "written as PrefixLength, read back as Prefix";
     EXPECT_EQ(read.gateway, "2001:db8::1");
-
-    NetIPv6Config automatic;
-    automatic.method = "auto";
-    automatic.privacy = "prefered";
-    EXPECT_TRUE(NetMgr_SetIPv6Config(&automatic));
-    EXPECT_EQ(ipv6_setting(), Json::Value(true));
-    EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Method': <'auto'>"));
-    EXPECT_TRUE(contains(property("IPv6.Configuration"), "'Privacy': <'prefered'>"));
-
-    NetIPv6Config off;
-    off.method = "off";
-    EXPECT_TRUE(NetMgr_SetIPv6Config(&off));
-    EXPECT_EQ(ipv6_setting(), Json::Value(false));
-    EXPECT_TRUE(property_becomes("IPv6.Configuration", "'Method': <'off'>"));
-    read.method = "kept";
-    EXPECT_FALSE(NetMgr_GetIPv6Config(&read));
-    EXPECT_EQ(read.method, "kept");
 }
 
 // Without the setting the reader answers on the caller's thread: it returns
