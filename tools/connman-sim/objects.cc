@@ -147,17 +147,9 @@ bool Engine::connect_bus(const std::string &address)
 {
     if (connection)
         return true;
-    GError *error = nullptr;
-    auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    GDBusConnection *conn =
-        g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &error);
-    if (!conn) {
-        fprintf(stderr, "connman-sim: cannot connect to %s: %s\n", address.c_str(), error->message);
-        g_error_free(error);
+    GDBusConnection *conn = peer_loop::connect_bus("connman-sim", address);
+    if (!conn)
         return false;
-    }
-    g_dbus_connection_set_exit_on_close(conn, FALSE);
     connection = conn;
 
     // Clients that arrive now read the lists; signals start from here.
@@ -170,20 +162,9 @@ bool Engine::connect_bus(const std::string &address)
     }
     register_objects();
 
-    GVariant *reply = g_dbus_connection_call_sync(
-        conn, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "RequestName", g_variant_new("(su)", "net.connman", 4u /* DO_NOT_QUEUE */),
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    guint32 result = 0;
-    if (reply) {
-        g_variant_get(reply, "(u)", &result);
-        g_variant_unref(reply);
-    } else {
-        fprintf(stderr, "connman-sim: RequestName failed: %s\n", error->message);
-        g_error_free(error);
-    }
-    if (result != 1 /* PRIMARY_OWNER */) {
-        if (reply)
+    int owner = peer_loop::request_name(conn, "connman-sim", "net.connman");
+    if (owner != 1) {
+        if (owner == 0)
             fprintf(stderr, "connman-sim: net.connman is already owned on %s\n", address.c_str());
         disconnect_bus();
         return false;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "connman_sim.h"
+#include "peer_loop.h"
 
 #include <gio/gio.h>
 
@@ -95,17 +96,10 @@ struct Svc {
     bool connecting() const { return state == "association" || state == "configuration"; }
 };
 
-struct Engine {
-    Engine();
+// The thread, run() and the timers come from peer_loop::Loop.
+struct Engine : peer_loop::Loop {
+    Engine() = default;
     ~Engine();
-
-    // ---- thread and marshalling ----
-    GMainContext *context = nullptr;
-    GMainLoop *loop = nullptr;
-    std::thread thread;
-    void run(const std::function<void()> &fn);
-    GSource *add_timer(int ms, std::function<void()> fn);
-    static void clear_timer(GSource *&timer);
 
     // ---- bus ----
     GDBusConnection *connection = nullptr;

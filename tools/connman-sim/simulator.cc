@@ -6,44 +6,8 @@
 #include <chrono>
 #include <cstdio>
 
-#include "dbus-glue/handoff.h"
-
 namespace connman_sim
 {
-
-namespace
-{
-
-struct Job {
-    std::function<void()> fn;
-    std::mutex mutex;
-    std::condition_variable done_cv;
-    bool done = false;
-};
-
-gboolean run_job(gpointer data)
-{
-    auto *job = static_cast<Job *>(data);
-    netmgr_handoff_acquire(job);
-    job->fn();
-    std::lock_guard<std::mutex> lock(job->mutex);
-    job->done = true;
-    job->done_cv.notify_all();
-    return G_SOURCE_REMOVE;
-}
-
-gboolean run_timer(gpointer data)
-{
-    (*static_cast<std::function<void()> *>(data))();
-    return G_SOURCE_REMOVE;
-}
-
-void free_timer(gpointer data)
-{
-    delete static_cast<std::function<void()> *>(data);
-}
-
-} // namespace
 
 bool valid_ident(const std::string &ident)
 {
@@ -70,28 +34,7 @@ std::string print_variant(GVariant *value)
     return result;
 }
 
-// ---------------------------------------------------------------- thread
-
-Engine::Engine()
-{
-    context = g_main_context_new();
-    loop = g_main_loop_new(context, FALSE);
-    std::mutex mutex;
-    std::condition_variable started_cv;
-    bool started = false;
-    thread = std::thread([&] {
-        g_main_context_push_thread_default(context);
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            started = true;
-            started_cv.notify_all();
-        }
-        g_main_loop_run(loop);
-        g_main_context_pop_thread_default(context);
-    });
-    std::unique_lock<std::mutex> lock(mutex);
-    started_cv.wait(lock, [&] { return started; });
-}
+// ---------------------------------------------------------------- shutdown
 
 Engine::~Engine()
 {
@@ -113,45 +56,8 @@ Engine::~Engine()
         if (pending)
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    g_main_loop_quit(loop);
-    thread.join();
-    g_main_loop_unref(loop);
-    g_main_context_unref(context);
-}
-
-void Engine::run(const std::function<void()> &fn)
-{
-    if (g_main_context_is_owner(context)) {
-        fn();
-        return;
-    }
-    Job job;
-    job.fn = fn;
-    netmgr_handoff_release(&job);
-    GSource *source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(source, run_job, &job, nullptr);
-    g_source_attach(source, context);
-    g_source_unref(source);
-    std::unique_lock<std::mutex> lock(job.mutex);
-    job.done_cv.wait(lock, [&] { return job.done; });
-}
-
-GSource *Engine::add_timer(int ms, std::function<void()> fn)
-{
-    GSource *source = g_timeout_source_new(static_cast<guint>(std::max(ms, 0)));
-    g_source_set_callback(source, run_timer, new std::function<void()>(std::move(fn)), free_timer);
-    g_source_attach(source, context);
-    return source;
-}
-
-void Engine::clear_timer(GSource *&timer)
-{
-    if (!timer)
-        return;
-    g_source_destroy(timer);
-    g_source_unref(timer);
-    timer = nullptr;
+    // The loop stops before the world it serves is destroyed.
+    stop();
 }
 
 // ---------------------------------------------------------------- public API

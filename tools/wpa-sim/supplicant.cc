@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "peer_loop.h"
 #include "wpa_sim.h"
 
 namespace wpa_sim
@@ -199,34 +200,6 @@ std::string hex(const std::string &data)
     return out;
 }
 
-struct Job {
-    std::function<void()> fn;
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool done = false;
-};
-
-gboolean run_job(gpointer data)
-{
-    auto *job = static_cast<Job *>(data);
-    job->fn();
-    std::lock_guard<std::mutex> lock(job->mutex);
-    job->done = true;
-    job->cv.notify_all();
-    return G_SOURCE_REMOVE;
-}
-
-gboolean run_timer(gpointer data)
-{
-    (*static_cast<std::function<void()> *>(data))();
-    return G_SOURCE_REMOVE;
-}
-
-void free_timer(gpointer data)
-{
-    delete static_cast<std::function<void()> *>(data);
-}
-
 struct Bss {
     std::string path;
     std::string bssid;
@@ -266,10 +239,11 @@ struct Iface {
 
 } // namespace
 
-struct Supplicant::Impl {
-    GMainContext *context = nullptr;
-    GMainLoop *loop = nullptr;
-    std::thread thread;
+// Outside work waits behind the bus traffic already queued (idle priority), as
+// the stand-in has always done.
+struct Supplicant::Impl : peer_loop::Loop {
+    Impl() : Loop(G_PRIORITY_DEFAULT_IDLE) {}
+    ~Impl();
     GDBusConnection *connection = nullptr;
     guint root_registration = 0;
     guint filter = 0;
@@ -286,12 +260,6 @@ struct Supplicant::Impl {
     mutable std::condition_variable changed;
     std::vector<Call> calls;
     std::string state_mirror;
-
-    Impl();
-    ~Impl();
-    void run(const std::function<void()> &fn);
-    GSource *add_timer(int ms, std::function<void()> fn);
-    static void clear_timer(GSource *&timer);
 
     bool connect_bus(const std::string &address);
     void disconnect_bus();
@@ -439,67 +407,10 @@ GDBusMessage *log_calls(GDBusConnection *, GDBusMessage *message, gboolean incom
 
 // ---------------------------------------------------------------- thread
 
-Supplicant::Impl::Impl()
-{
-    context = g_main_context_new();
-    loop = g_main_loop_new(context, FALSE);
-    std::mutex started_mutex;
-    std::condition_variable started_cv;
-    bool started = false;
-    thread = std::thread([&] {
-        g_main_context_push_thread_default(context);
-        {
-            std::lock_guard<std::mutex> lock(started_mutex);
-            started = true;
-            started_cv.notify_all();
-        }
-        g_main_loop_run(loop);
-        g_main_context_pop_thread_default(context);
-    });
-    std::unique_lock<std::mutex> lock(started_mutex);
-    started_cv.wait(lock, [&] { return started; });
-}
-
 Supplicant::Impl::~Impl()
 {
     run([this] { disconnect_bus(); });
-    g_main_loop_quit(loop);
-    thread.join();
-    g_main_loop_unref(loop);
-    g_main_context_unref(context);
-}
-
-void Supplicant::Impl::run(const std::function<void()> &fn)
-{
-    if (g_main_context_is_owner(context)) {
-        fn();
-        return;
-    }
-    Job job;
-    job.fn = fn;
-    GSource *source = g_idle_source_new();
-    g_source_set_callback(source, run_job, &job, nullptr);
-    g_source_attach(source, context);
-    g_source_unref(source);
-    std::unique_lock<std::mutex> lock(job.mutex);
-    job.cv.wait(lock, [&] { return job.done; });
-}
-
-GSource *Supplicant::Impl::add_timer(int ms, std::function<void()> fn)
-{
-    GSource *source = g_timeout_source_new(static_cast<guint>(ms));
-    g_source_set_callback(source, run_timer, new std::function<void()>(std::move(fn)), free_timer);
-    g_source_attach(source, context);
-    return source;
-}
-
-void Supplicant::Impl::clear_timer(GSource *&timer)
-{
-    if (!timer)
-        return;
-    g_source_destroy(timer);
-    g_source_unref(timer);
-    timer = nullptr;
+    stop();
 }
 
 // ---------------------------------------------------------------- bus
@@ -508,33 +419,13 @@ bool Supplicant::Impl::connect_bus(const std::string &address)
 {
     if (connection)
         return true;
-    GError *error = nullptr;
-    auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    connection =
-        g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &error);
-    if (!connection) {
-        fprintf(stderr, "wpa-sim: cannot connect to %s: %s\n", address.c_str(), error->message);
-        g_error_free(error);
+    connection = peer_loop::connect_bus("wpa-sim", address);
+    if (!connection)
         return false;
-    }
-    g_dbus_connection_set_exit_on_close(connection, FALSE);
     filter = g_dbus_connection_add_filter(connection, log_calls, this, nullptr);
     root_registration = g_dbus_connection_register_object(
         connection, kRootPath, interface_info(kService), &kVtable, this, nullptr, nullptr);
-    GVariant *reply = g_dbus_connection_call_sync(
-        connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "RequestName", g_variant_new("(su)", kService, 4u /* DO_NOT_QUEUE */),
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    guint32 result = 0;
-    if (reply) {
-        g_variant_get(reply, "(u)", &result);
-        g_variant_unref(reply);
-    } else {
-        fprintf(stderr, "wpa-sim: RequestName failed: %s\n", error->message);
-        g_error_free(error);
-    }
-    if (result != 1 /* PRIMARY_OWNER */) {
+    if (peer_loop::request_name(connection, "wpa-sim", kService) != 1) {
         disconnect_bus();
         return false;
     }
