@@ -158,6 +158,25 @@ run_session() {
   return "$status"
 }
 
+# run_session_with_logs SESSION LEASES [NAME LOG]...: run_session; on failure
+# the last lines of each daemon's log, else the leases dnsmasq gave.
+run_session_with_logs() {
+  local session=$1 leases=$2 rc=0
+  shift 2
+  run_session "$session" || rc=$?
+  if [ "$rc" -ne 0 ]; then
+    while [ $# -ge 2 ]; do
+      echo "--- $1 log (last lines) ---" >&2
+      tail -n 20 "$2" >&2
+      shift 2
+    done
+    return "$rc"
+  fi
+  echo
+  echo "DHCP leases given by dnsmasq:"
+  sed 's/^/  /' "$leases"
+}
+
 demo_simulator() {
   local fifo=$WORK/sim-control
   "$SIM" --address "$DBUS_SYSTEM_BUS_ADDRESS" --control "$fifo" \
@@ -349,17 +368,8 @@ echo "== 4. Plug it back in: a new lease and a new announcement (event 4)"
 wait-event NETMGR_EVT_ETHERNET_CONNECTED 40
 status
 EOF
-  run_session "$WORK/session.nmc" || {
-    local rc=$?
-    echo "--- connmand log (last lines) ---" >&2
-    tail -n 20 "$WORK/connmand.log" >&2
-    echo "--- dnsmasq log (last lines) ---" >&2
-    tail -n 20 "$WORK/dnsmasq.log" >&2
-    return $rc
-  }
-  echo
-  echo "DHCP leases given by dnsmasq:"
-  sed 's/^/  /' "$WORK/leases"
+  run_session_with_logs "$WORK/session.nmc" "$WORK/leases" \
+    connmand "$WORK/connmand.log" dnsmasq "$WORK/dnsmasq.log" || return
 
   # The Wi-Fi part gets a daemon, a link and a DHCP server of its own.
   stop_pid "$connmand_pid"
@@ -445,17 +455,8 @@ echo "==    FIFO): the daemon reports Strength 120 + dBm = 53 (event 19)"
 wait-event NETMGR_EVT_WIFI_STRENGTH_CHANGED 20
 status
 NMC
-  run_session "$WORK/wifi-session.nmc" || {
-    local rc=$?
-    echo "--- connmand log (last lines) ---" >&2
-    tail -n 20 "$WORK/connmand-wifi.log" >&2
-    echo "--- wpa-sim log ---" >&2
-    tail -n 20 "$WORK/wpa-sim.log" >&2
-    return $rc
-  }
-  echo
-  echo "DHCP leases given on the Wi-Fi link:"
-  sed 's/^/  /' "$WORK/wifi-leases"
+  run_session_with_logs "$WORK/wifi-session.nmc" "$WORK/wifi-leases" \
+    connmand "$WORK/connmand-wifi.log" wpa-sim "$WORK/wpa-sim.log"
 }
 
 start_bus system
